@@ -1,0 +1,35 @@
+/**
+ * @file
+ * The public interface of libvwincompat: Win32 operations, prefixed `vll`, on Linux.
+ *
+ * Conventions that hold for every operation:
+ * - A failure is told by the result and explained by the last error, which is the calling thread's
+ *   `errno` (a POSIX error number). After a success the last error is unspecified unless said otherwise.
+ * - A pointer must point at valid memory unless the operation says that it may be null.
+ * - Every operation may be called by any thread at any time after vllvwincompatMain(), also for the same
+ *   object, unless it says otherwise. None is async-signal-safe unless it says so.
+ * - Faults are logged with syslog(3) at LOG_ERR, notices at LOG_INFO.
+ * - A thread may be cancelled (pthread_cancel(3), vllTerminateThread()) inside the blocking operations; they
+ *   give back whatever they hold. The others are not cancellation points.
+ */
+#ifndef VWINCOMPAT_H
+#define VWINCOMPAT_H
+
+#include "vwincompat/types.h"
+
+/* handle and object core */
+#include "vwincompat/handle.h"
+#include "vwincompat/library.h"
+
+/* waitable objects */
+#include "vwincompat/event.h"
+#include "vwincompat/timer.h"
+#include "vwincompat/wait.h"
+
+/* threads, processes, memory */
+#include "vwincompat/thread.h"
+
+/* sockets, serial */
+#include "vwincompat/socket.h"
+
+#endif /* VWINCOMPAT_H */

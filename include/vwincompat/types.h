@@ -1,0 +1,56 @@
+/**
+ * @file
+ * Basic types and constants of the interface.
+ *
+ * The types are those of Win32 at the width that the library gives them. A handle has 32 bits on
+ * every machine; whatever holds an address has the machine's own width.
+ */
+#ifndef VWINCOMPAT_TYPES_H
+#define VWINCOMPAT_TYPES_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define VLL_API __attribute__((visibility("default")))
+#define VLL_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
+#else
+#define VLL_API
+#define VLL_PRINTF(format_index, first_argument)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** An object of the library, or a plain descriptor (no bit above the low 16). Never 0 for an object. */
+typedef uint32_t HANDLE;
+typedef uint32_t DWORD;
+typedef uint32_t UINT;
+typedef uint16_t WORD;
+typedef uint8_t BYTE;
+typedef int32_t BOOL;
+typedef int32_t LONG;
+typedef int64_t LONGLONG;
+/** A size in memory, of the machine's own width. */
+typedef size_t SIZE_T;
+typedef void *LPVOID;
+typedef const void *LPCVOID;
+typedef char *LPSTR;
+typedef const char *LPCSTR;
+typedef DWORD *LPDWORD;
+
+#ifndef TRUE
+#define TRUE 1
+#endif
+#ifndef FALSE
+#define FALSE 0
+#endif
+
+#define INVALID_HANDLE_VALUE ((HANDLE)-1)
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VWINCOMPAT_TYPES_H */

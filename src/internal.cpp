@@ -1,0 +1,87 @@
+#include "internal.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <cstdarg>
+
+namespace {
+
+// Short calls on descriptors that never block must not be cancellation points. The raw system call is
+// cheaper than switching cancellation off, but ThreadSanitizer sees only the C library's functions.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kRawCalls = false;
+#else
+constexpr bool kRawCalls = true;
+#endif
+
+void logLine(int priority, const char *format, va_list arguments) {
+    const NoCancel no_cancel;
+    const KeepErrno keep_errno;
+    vsyslog(priority, format, arguments);
+}
+
+}  // namespace
+
+#if defined(__SANITIZE_THREAD__)
+char vlliSignalOrder;
+#endif
+
+void vlliLogError(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    logLine(LOG_ERR, format, arguments);
+    va_end(arguments);
+}
+
+void vlliLogNotice(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    logLine(LOG_INFO, format, arguments);
+    va_end(arguments);
+}
+
+int vlliCloseFd(int fd) {
+    if constexpr (kRawCalls) {
+        return static_cast<int>(syscall(SYS_close, fd));
+    } else {
+        const NoCancel no_cancel;
+        return close(fd);
+    }
+}
+
+BOOL vlliRaiseCounter(int fd) {
+    const uint64_t one = 1;
+    vlliAnnotateRelease();
+    if constexpr (kRawCalls) {
+        return syscall(SYS_write, fd, &one, sizeof one) == sizeof one;
+    } else {
+        const NoCancel no_cancel;
+        return write(fd, &one, sizeof one) == sizeof one;
+    }
+}
+
+ssize_t vlliTakeCounter(int fd) {
+    uint64_t counter;
+    if constexpr (kRawCalls) {
+        return syscall(SYS_read, fd, &counter, sizeof counter);
+    } else {
+        const NoCancel no_cancel;
+        return read(fd, &counter, sizeof counter);
+    }
+}
+
+int vlliSetNonBlocking(int fd) {
+    const NoCancel no_cancel;
+    return fcntl(fd, F_SETFL, O_NONBLOCK);
+}
+
+void vlliFreeMemory(int32_t count, ...) {
+    va_list pointers;
+    va_start(pointers, count);
+    for (int32_t i = 0; i < count; ++i) {
+        free(va_arg(pointers, void *));
+    }
+    va_end(pointers);
+}

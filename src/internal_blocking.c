@@ -1,0 +1,51 @@
+/*
+ * On 32-bit ARM several blocking calls of the C library carry no unwind data. A thread that is cancelled inside
+ * one of them cannot be unwound frame by frame: it runs no C++ destructor of the frames above, and no cleanup
+ * handler pushed by C++ code. A handler pushed by C code is entered by longjmp() instead, whatever lies below
+ * it, and unwinding goes on from its frame. So each call here stands in such a frame, even with nothing
+ * to clean up: the frames above are unwound as on every other machine.
+ *
+ * This file is built as C without -fexceptions (which would make the handlers unwinder-driven) and with unwind
+ * tables (so that unwinding can leave its frames).
+ */
+#include "internal_blocking.h"
+
+#include <pthread.h>
+
+#ifdef __EXCEPTIONS
+#error "build this file with -fno-exceptions"
+#endif
+
+static void nothingToCleanUp(void *argument) {
+    (void)argument;
+}
+
+/* Evaluates a blocking call in a frame from which unwinding can start. */
+#define VLL_BLOCK(type, call)                     \
+    type result;                                  \
+    pthread_cleanup_push(nothingToCleanUp, NULL); \
+    result = (call);                              \
+    pthread_cleanup_pop(0);                       \
+    return result
+
+void vlliCallWithCleanup(void (*body)(void *), void (*cleanup)(void *), void *argument) {
+    pthread_cleanup_push(cleanup, argument);
+    body(argument);
+    pthread_cleanup_pop(1);
+}
+
+int vlliBlockInEpollWait(int epfd, struct epoll_event *events, int max_events, int timeout_ms) {
+    VLL_BLOCK(int, epoll_wait(epfd, events, max_events, timeout_ms));
+}
+
+int vlliBlockInSemWait(sem_t *semaphore) {
+    VLL_BLOCK(int, sem_wait(semaphore));
+}
+
+ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags) {
+    VLL_BLOCK(ssize_t, sendmsg(socket, message, flags));
+}
+
+ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags) {
+    VLL_BLOCK(ssize_t, recvmsg(socket, message, flags));
+}

@@ -1,0 +1,24 @@
+// The room for calls that block or may be cancelled. See internal_blocking.c.
+#pragma once
+
+#include <semaphore.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Runs body(argument), then cleanup(argument): also when the thread is cancelled or exits inside body,
+// whatever code it is in, with or without unwind tables.
+void vlliCallWithCleanup(void (*body)(void *), void (*cleanup)(void *), void *argument);
+
+// The blocking calls, cancellation points all, with the results of the call that they are named after.
+int vlliBlockInEpollWait(int epfd, struct epoll_event *events, int max_events, int timeout_ms);
+int vlliBlockInSemWait(sem_t *semaphore);
+ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
+ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,30 @@
+#include "objmem_types.h"
+
+#include "event.h"
+#include "thread.h"
+#include "waitabletimer.h"
+
+namespace {
+
+constexpr ObjectType kObjectTypes[] = {
+    {OBJ_EVENT, false, vlliCloseEvent, vlliDuplicateEvent},
+    {OBJ_WAITABLE_TIMER, false, vlliCloseWaitableTimer, vlliDuplicateWaitableTimer},
+    {OBJ_CONSOLE, false, nullptr, nullptr},
+    {OBJ_THREAD, true, vlliCloseThread, vlliDuplicateThread},
+    {OBJ_MUTEX, true, nullptr, nullptr},
+    {OBJ_SEMAPHORE, true, nullptr, nullptr},
+    {OBJ_SHMEM, false, nullptr, nullptr},
+    {OBJ_NAMED_MUTEX, false, nullptr, nullptr},
+    {OBJ_NAMED_SEMAPHORE, false, nullptr, nullptr},
+};
+
+}  // namespace
+
+const ObjectType *vlliFindObjectType(uint32_t code) {
+    for (const ObjectType &type : kObjectTypes) {
+        if (type.code == code) {
+            return &type;
+        }
+    }
+    return nullptr;
+}

@@ -1,0 +1,56 @@
+#include "support/child.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdio>
+
+pid_t StartChild(const std::function<int()> &body) {
+    fflush(nullptr);
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid != 0) {
+        return pid;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+        _exit(98);
+    }
+    int status = body();
+    if (status == 0 && testing::Test::HasFailure()) {
+        status = 99;
+    }
+    fflush(nullptr);
+    _exit(status);
+}
+
+ChildResult FinishChild(pid_t pid, int limit_ms) {
+    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    pollfd ended = {pidfd, POLLIN, 0};
+    const bool in_time = pidfd != -1 && poll(&ended, 1, limit_ms) == 1;
+    if (!in_time) {
+        kill(pid, SIGKILL);
+    }
+    if (pidfd != -1) {
+        close(pidfd);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    }
+    if (WIFEXITED(status)) {
+        return {in_time, WEXITSTATUS(status)};
+    }
+    return {false, WTERMSIG(status)};
+}
+
+ChildResult RunInChild(const std::function<int()> &body, int limit_ms) {
+    const pid_t pid = StartChild(body);
+    if (pid == -1) {
+        return {false, errno};
+    }
+    return FinishChild(pid, limit_ms);
+}

@@ -1,0 +1,20 @@
+// Runs a function in a forked child, with a time limit.
+#pragma once
+
+#include <sys/types.h>
+#include <functional>
+
+struct ChildResult {
+    bool exited;  // by itself, within its time
+    int status;   // its exit status, or the signal that ended it
+};
+
+// Runs body in a child and waits for it; its result is the child's exit status. A child that is not done
+// after limit_ms is killed. EXPECT_... failures in the child make its status 99 when body returns 0.
+ChildResult RunInChild(const std::function<int()> &body, int limit_ms = 60000);
+
+// Starts body in a child. It ends with its result as exit status, and dies with the parent.
+pid_t StartChild(const std::function<int()> &body);
+
+// Waits for a child of StartChild().
+ChildResult FinishChild(pid_t pid, int limit_ms = 60000);

@@ -1,0 +1,118 @@
+#include "support/faults.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+enum Call {
+#define VLL_FAULT(name, ...) kCall_##name,
+#define VLL_FAULT_RESULT(name, ...) kCall_##name,
+#include "support/faults.def"
+#undef VLL_FAULT
+#undef VLL_FAULT_RESULT
+    kCallCount
+};
+
+constexpr const char *kCallNames[] = {
+#define VLL_FAULT(name, ...) #name,
+#define VLL_FAULT_RESULT(name, ...) #name,
+#include "support/faults.def"
+#undef VLL_FAULT
+#undef VLL_FAULT_RESULT
+};
+
+struct State {
+    uint64_t count;
+    int until;  // calls left until the failing one; 0: none fails
+    int times;  // failures left
+    int error;
+    bool happened;
+};
+
+thread_local State states[kCallCount];
+
+int findCall(const char *name) {
+    for (int i = 0; i < kCallCount; ++i) {
+        if (strcmp(kCallNames[i], name) == 0) {
+            return i;
+        }
+    }
+    abort();  // a test names a call that faults.def does not list
+}
+
+// The error with which this call fails, or 0.
+int nextError(Call call) {
+    State &state = states[call];
+    ++state.count;
+    if (state.until == 0 || --state.until > 0) {
+        return 0;
+    }
+    if (--state.times > 0) {
+        state.until = 1;
+    }
+    state.happened = true;
+    return state.error;
+}
+
+}  // namespace
+
+FailCall::FailCall(const char *call, int nth, int error, int times) : call_(findCall(call)) {
+    State &state = states[call_];
+    state.until = nth;
+    state.times = times;
+    state.error = error;
+    state.happened = false;
+}
+
+FailCall::~FailCall() {
+    states[call_].until = 0;
+}
+
+bool FailCall::happened() const {
+    return states[call_].happened;
+}
+
+uint64_t CallCount(const char *call) {
+    return states[findCall(call)].count;
+}
+
+void ResetCallCounts() {
+    for (State &state : states) {
+        state.count = 0;
+    }
+}
+
+extern "C" {
+#define VLL_FAULT(name, type, parameters, arguments, failure) \
+    type __real_##name parameters;                            \
+    type __wrap_##name parameters {                           \
+        if (const int error = nextError(kCall_##name)) {      \
+            errno = error;                                    \
+            return failure;                                   \
+        }                                                     \
+        return __real_##name arguments;                       \
+    }
+#define VLL_FAULT_RESULT(name, type, parameters, arguments) \
+    type __real_##name parameters;                          \
+    type __wrap_##name parameters {                         \
+        if (const int error = nextError(kCall_##name)) {    \
+            return error;                                   \
+        }                                                   \
+        return __real_##name arguments;                     \
+    }
+#include "support/faults.def"
+}

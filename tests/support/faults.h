@@ -1,0 +1,29 @@
+// Makes a system call of the library fail, where the kernel cannot be made to answer so.
+//
+//     FailCall fail("epoll_create", 2, EMFILE);   // the second call of this thread from here on
+//
+// Only the library's own calls (and the test binary's) pass here, not those of other libraries. Counts and
+// failures are per thread. The calls that can fail are listed in faults.def; add a line for another.
+#pragma once
+
+#include <cstdint>
+
+// While it lives, the n-th call (1 is the next) of the calling thread fails with an error; with times,
+// that many calls in a row do.
+class FailCall {
+  public:
+    FailCall(const char *call, int nth, int error, int times = 1);
+    ~FailCall();
+    FailCall(const FailCall &) = delete;
+    FailCall &operator=(const FailCall &) = delete;
+
+    // True once the call was made to fail.
+    bool happened() const;
+
+  private:
+    int call_;
+};
+
+// How often the calling thread made a call since the last ResetCallCounts().
+uint64_t CallCount(const char *call);
+void ResetCallCounts();

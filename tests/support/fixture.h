@@ -1,0 +1,42 @@
+// The fixture of every test that uses the library, and small helpers for tests.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vwincompat.h"
+
+// What a test must leave as it found it.
+struct Inventory {
+    uint32_t free_objects;
+    uint32_t free_objmem;
+    uint32_t views;  // mapped views in the hash
+    std::vector<std::string> descriptors;
+    uint32_t threads;
+
+    bool operator==(const Inventory &other) const;
+};
+
+Inventory TakeInventory();
+std::ostream &operator<<(std::ostream &out, const Inventory &inventory);
+
+// Starts the library and checks at the end that every record, descriptor and thread that the test made is gone.
+class LibraryTest : public testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+  private:
+    Inventory before_;
+};
+
+// Polls a condition every millisecond until it holds: true, or false after the limit.
+bool WaitUntil(const std::function<bool()> &condition, int limit_ms = 20000);
+
+// True once the thread (a kernel thread id, gettid()) sleeps in the kernel.
+bool WaitUntilAsleep(pid_t tid, int limit_ms = 20000);
+
+// Milliseconds on the monotonic clock.
+int64_t NowMs();

@@ -1,0 +1,99 @@
+#include "support/private_machine.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+void check(bool ok, const std::string &what) {
+    if (!ok) {
+        fprintf(stderr, "private machine: %s: %s\n", what.c_str(), strerror(errno));
+        _exit(3);
+    }
+}
+
+void writeFile(const std::string &path, const std::string &content) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    check(fd != -1, path);
+    check(write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size()), path);
+    close(fd);
+}
+
+// An ordinary user becomes root of a user namespace of its own.
+void enterNamespaces() {
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
+    check(unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0, "unshare");
+    if (uid != 0) {
+        writeFile("/proc/self/setgroups", "deny");
+        writeFile("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+        writeFile("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+    }
+    check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount --make-rprivate /");
+}
+
+// A directory for mounts on their way, private like all mounts from here on.
+const char *const kStage = "/tmp";
+
+// What of the machine's /dev is taken over into the private one.
+const char *const kNodes[] = {"null", "zero", "full",  "random",  "urandom", "tty",
+                              "ptmx", "pts",  "shm",   "fd",      "console", "tty10",
+                              "rtc",  "rtc0", "ttyS0", "ttyACM0", "ttyGS0",  "ttyAMA0"};
+
+void takeOver(const std::string &from, const std::string &to) {
+    struct stat status;
+    if (lstat(from.c_str(), &status) == -1) {
+        return;
+    }
+    if (S_ISLNK(status.st_mode)) {
+        char target[256] = {};
+        check(readlink(from.c_str(), target, sizeof target - 1) > 0, from);
+        check(symlink(target, to.c_str()) == 0, to);
+        return;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        check(mkdir(to.c_str(), 0755) == 0, to);
+    } else {
+        writeFile(to, "");
+    }
+    check(mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind " + from);
+}
+
+void makeDev() {
+    check(mount("dev", kStage, "tmpfs", 0, "mode=0755") == 0, "mount tmpfs");
+    for (const char *node : kNodes) {
+        takeOver(std::string("/dev/") + node, std::string(kStage) + "/" + node);
+    }
+    check(mount(kStage, "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind /dev");
+    check(umount2(kStage, MNT_DETACH) == 0, "umount");
+}
+
+}  // namespace
+
+void EnterPrivateMachine() {
+    enterNamespaces();
+    makeDev();
+}
+
+void CoverDirectory(const std::string &path, const char *size) {
+    const std::string options = size != nullptr ? std::string("mode=0755,size=") + size : "mode=0755";
+    check(mount("cover", path.c_str(), "tmpfs", 0, options.c_str()) == 0, "cover " + path);
+}
+
+void CoverFile(const std::string &path, const std::string &content) {
+    const std::string copy = "/dev/cover" + std::to_string(getpid());
+    writeFile(copy, content);
+    check(mount(copy.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0, "cover " + path);
+    unlink(copy.c_str());
+}
+
+bool OnTarget() {
+    return getenv("VLL_TARGET") != nullptr;
+}

@@ -1,0 +1,18 @@
+// The test process's own view of the machine: a private mount namespace with a /dev that holds the usual nodes and
+// no other /dev/log than the tests' own. What is mounted or created there is gone with the process.
+#pragma once
+
+#include <string>
+
+// Enters the namespace, before any thread is started. Ends the process with a message when that cannot be done.
+void EnterPrivateMachine();
+
+// Puts an empty tmpfs over a directory of the private machine, for the rest of the process (size as
+// mount(8) takes it, null for the default). The directory must exist.
+void CoverDirectory(const std::string &path, const char *size = nullptr);
+
+// Puts a file with this content in the place of an existing file, for the rest of the process.
+void CoverFile(const std::string &path, const std::string &content);
+
+// True on the emulated target, where the tests may use the real clock, console, modem lines and power switch.
+bool OnTarget();

@@ -1,0 +1,91 @@
+#include "support/syslog_capture.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+namespace {
+
+int listener = -1;
+std::map<int, std::string> pending;  // unread bytes by connection
+
+void die(const char *what) {
+    perror(what);
+    abort();
+}
+
+// A line as it comes: "<priority>Mmm dd hh:mm:ss ident: text".
+LogLine parseLine(const std::string &line) {
+    LogLine parsed = {LOG_PRI(atoi(line.c_str() + 1)), line};
+    const std::string ident = "vlltest: ";
+    const size_t start = line.find(ident);
+    if (start != std::string::npos) {
+        parsed.text = line.substr(start + ident.size());
+    }
+    return parsed;
+}
+
+bool isReadable(int fd) {
+    pollfd poll_fd = {fd, POLLIN, 0};
+    return poll(&poll_fd, 1, 0) == 1;
+}
+
+void readConnection(int fd, std::string *bytes, std::vector<LogLine> *lines) {
+    char buffer[4096];
+    ssize_t length;
+    while ((length = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+        bytes->append(buffer, static_cast<size_t>(length));
+    }
+    size_t end;
+    while ((end = bytes->find('\0')) != std::string::npos) {
+        lines->push_back(parseLine(bytes->substr(0, end)));
+        bytes->erase(0, end + 1);
+    }
+}
+
+}  // namespace
+
+// A stream socket: what is sent to it is kept by the kernel until it is read, so no thread must stand by.
+void StartSyslogCapture() {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/dev/log");
+    listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener == -1 || bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) == -1 ||
+        listen(listener, 64) == -1) {
+        die("/dev/log");
+    }
+    openlog("vlltest", LOG_NDELAY, LOG_USER);
+    TakeLog();
+}
+
+std::vector<LogLine> TakeLog() {
+    std::vector<LogLine> lines;
+    while (isReadable(listener)) {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd == -1) {
+            die("accept4");
+        }
+        pending[fd];
+    }
+    for (auto &[fd, bytes] : pending) {
+        readConnection(fd, &bytes, &lines);
+    }
+    return lines;
+}
+
+std::vector<std::string> TakeErrors() {
+    std::vector<std::string> errors;
+    for (const LogLine &line : TakeLog()) {
+        if (line.priority == LOG_ERR && line.text.compare(0, 12, "VLL: STACK: ") != 0) {
+            errors.push_back(line.text);
+        }
+    }
+    return errors;
+}
