@@ -49,6 +49,24 @@ typedef DWORD *LPDWORD;
 
 #define INVALID_HANDLE_VALUE ((HANDLE)-1)
 
+/** Seconds since 1970-01-01 00:00:00 UTC: not the 100 ns count of Win32. */
+typedef int32_t FILETIME;
+
+/** A performance count, or a frequency. */
+typedef int64_t LARGE_INTEGER;
+
+/** A broken-down time. */
+typedef struct SYSTEMTIME {
+    WORD wYear;      /**< full year */
+    WORD wMonth;     /**< 1 to 12 */
+    WORD wDayOfWeek; /**< 0 is Sunday */
+    WORD wDay;       /**< 1 to 31 */
+    WORD wHour;
+    WORD wMinute;
+    WORD wSecond; /**< 0 to 60 */
+    WORD wMilliseconds;
+} SYSTEMTIME;
+
 #ifdef __cplusplus
 }
 #endif
