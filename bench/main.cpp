@@ -1,0 +1,231 @@
+// Runs the pairs of a topic and prints them as a table, or as JSON.
+//
+//   <topic>_bench [--filter TEXT] [--json] [--part] [--list]
+//
+// --part leaves out the head of the table, or the brackets of the array: scripts/bench.sh joins the topics.
+// Exit status: 0, 1 when an operation is over its bound or could not be measured, 2 for a wrong argument.
+
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "pair.h"
+#include "vwincompat.h"
+
+namespace {
+
+constexpr double kMinSeconds = 0.01;
+constexpr const char *kOurs = "ours";
+
+std::vector<bench::Pair> &Pairs() {
+    static auto *const pairs = new std::vector<bench::Pair>;
+    return *pairs;
+}
+
+// What the process of one pair reports. A time of 0 was not measured.
+struct Result {
+    double ours_ns;
+    double raw_ns;
+    char error[112];
+};
+
+double Median(std::vector<double> *values) {
+    if (values->empty()) {
+        return 0;
+    }
+    const auto middle = values->begin() + static_cast<std::ptrdiff_t>(values->size() / 2);
+    std::nth_element(values->begin(), middle, values->end());
+    return *middle;
+}
+
+// Collects the repetitions of both sides.
+class Collector : public benchmark::BenchmarkReporter {
+  public:
+    explicit Collector(bench::Clock clock) : clock_(clock) {}
+
+    bool ReportContext(const Context &) override { return true; }
+
+    void ReportRuns(const std::vector<Run> &runs) override {
+        for (const Run &run : runs) {
+            if (run.error_occurred) {
+                snprintf(result_.error, sizeof result_.error, "%s", run.error_message.c_str());
+            } else if (run.run_type == Run::RT_Iteration) {
+                std::vector<double> *times = run.run_name.function_name == kOurs ? &ours_ : &raw_;
+                times->push_back(clock_ == bench::Clock::cpu ? run.GetAdjustedCPUTime()
+                                                             : run.GetAdjustedRealTime());
+            }
+        }
+    }
+
+    Result Medians() {
+        result_.ours_ns = Median(&ours_);
+        result_.raw_ns = Median(&raw_);
+        return result_;
+    }
+
+  private:
+    const bench::Clock clock_;
+    std::vector<double> ours_;
+    std::vector<double> raw_;
+    Result result_ = {};
+};
+
+void RegisterSide(const bench::Pair &pair, const char *side, bench::Body body) {
+    benchmark::internal::Benchmark *const run = benchmark::RegisterBenchmark(side, body);
+    run->Arg(pair.argument)->Threads(pair.threads)->Repetitions(pair.repetitions)->MinTime(kMinSeconds);
+    if (pair.clock == bench::Clock::wall) {
+        run->UseRealTime();
+    }
+}
+
+Result MeasureHere(const bench::Pair &pair) {
+    char name[] = "bench";
+    char interleave[] = "--benchmark_enable_random_interleaving=true";
+    char *arguments[] = {name, interleave, nullptr};
+    int count = 2;
+    benchmark::Initialize(&count, arguments);
+    RegisterSide(pair, kOurs, pair.ours);
+    RegisterSide(pair, "raw", pair.raw);
+    vllvwincompatMain();
+    Collector collector(pair.clock);
+    benchmark::RunSpecifiedBenchmarks(&collector, "all");
+    return collector.Medians();
+}
+
+// Measures one pair in a child.
+Result Measure(const bench::Pair &pair) {
+    Result result = {};
+    int ends[2];
+    if (pipe(ends) == -1) {
+        snprintf(result.error, sizeof result.error, "pipe: %s", strerror(errno));
+        return result;
+    }
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        close(ends[0]);
+        result = MeasureHere(pair);
+        _exit(write(ends[1], &result, sizeof result) == sizeof result ? 0 : 1);
+    }
+    close(ends[1]);
+    if (child == -1 || read(ends[0], &result, sizeof result) != sizeof result) {
+        snprintf(result.error, sizeof result.error, "the measuring process failed");
+    }
+    close(ends[0]);
+    if (child != -1) {
+        waitpid(child, nullptr, 0);
+    }
+    return result;
+}
+
+void PrintHead() {
+    printf("%-60s %12s %12s %7s %7s\n", "operation", "ours ns", "raw ns", "ratio", "bound");
+}
+
+// Names and messages are this tree's own, but an error text may hold anything.
+std::string JsonText(const char *text) {
+    std::string quoted = "\"";
+    for (; *text != '\0'; ++text) {
+        if (*text == '"' || *text == '\\') {
+            quoted += '\\';
+        }
+        quoted += static_cast<unsigned char>(*text) < ' ' ? ' ' : *text;
+    }
+    return quoted + '"';
+}
+
+void PrintRow(const bench::Pair &pair, const Result &result, bool within) {
+    printf("%-60s %12.1f %12.1f %7.2f %7.2f%s%s\n", pair.operation, result.ours_ns, result.raw_ns,
+           result.raw_ns > 0 ? result.ours_ns / result.raw_ns : 0, pair.bound, within ? "" : "  OVER ",
+           result.error);
+}
+
+void PrintJson(const bench::Pair &pair, const Result &result, bool within, bool first) {
+    printf(
+        "%s{\"operation\": %s, \"ours_ns\": %.1f, \"raw_ns\": %.1f, \"ratio\": %.3f, \"bound\": %.2f, "
+        "\"within\": %s, \"error\": %s}",
+        first ? "" : ",\n", JsonText(pair.operation).c_str(), result.ours_ns, result.raw_ns,
+        result.raw_ns > 0 ? result.ours_ns / result.raw_ns : 0, pair.bound, within ? "true" : "false",
+        JsonText(result.error).c_str());
+}
+
+struct Options {
+    const char *filter = "";
+    bool json = false;
+    bool part = false;
+    bool list = false;
+};
+
+bool ParseOptions(int argc, char **argv, Options *options) {
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--json") == 0) {
+            options->json = true;
+        } else if (strcmp(argv[i], "--part") == 0) {
+            options->part = true;
+        } else if (strcmp(argv[i], "--list") == 0) {
+            options->list = true;
+        } else if (strcmp(argv[i], "--filter") == 0 && i + 1 < argc) {
+            options->filter = argv[++i];
+        } else {
+            fprintf(stderr, "usage: %s [--filter TEXT] [--json] [--part] [--list]\n", argv[0]);
+            return false;
+        }
+    }
+    return true;
+}
+
+// Measures and prints the pairs that the filter lets through. True when all are within their bounds.
+bool RunPairs(const Options &options) {
+    bool all_within = true;
+    bool first = true;
+    for (const bench::Pair &pair : Pairs()) {
+        if (strstr(pair.operation, options.filter) == nullptr) {
+            continue;
+        }
+        if (options.list) {
+            puts(pair.operation);
+            continue;
+        }
+        const Result result = Measure(pair);
+        const bool within = result.error[0] == '\0' && result.ours_ns > 0 && result.raw_ns > 0 &&
+                            result.ours_ns <= pair.bound * result.raw_ns;
+        all_within = all_within && within;
+        if (options.json) {
+            PrintJson(pair, result, within, first);
+        } else {
+            PrintRow(pair, result, within);
+        }
+        fflush(stdout);
+        first = false;
+    }
+    return all_within;
+}
+
+}  // namespace
+
+void bench::AddPair(const Pair &pair) {
+    Pairs().push_back(pair);
+}
+
+int main(int argc, char **argv) {
+    Options options;
+    if (!ParseOptions(argc, argv, &options)) {
+        return 2;
+    }
+    bench::RegisterPairs();
+    const bool head = !options.part && !options.list;
+    if (head) {
+        options.json ? static_cast<void>(puts("[")) : PrintHead();
+    }
+    const bool within = RunPairs(options);
+    if (head && options.json) {
+        puts("\n]");
+    }
+    return within ? 0 : 1;
+}

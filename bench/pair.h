@@ -1,0 +1,36 @@
+// A benchmark here is a pair: an operation of the library, and the raw system calls that it cannot do without.
+// Both are measured in one run, alternately, so that the ratio of their medians holds on a busy machine.
+//
+// A topic's file defines RegisterPairs(). Its bodies are Google Benchmark's: set-up, `for (auto _ : state)`,
+// clean-up. Each pair runs in a process of its own, in which vllvwincompatMain() was called: what one pair leaves
+// behind cannot change another.
+#pragma once
+
+#include <benchmark/benchmark.h>
+#include <cstdint>
+
+namespace bench {
+
+using Body = void (*)(benchmark::State &state);
+
+// What is compared. CPU time does not see that another process had the processor, but it does not see waiting
+// either: it is for operations that never block.
+enum class Clock { wall, cpu };
+
+struct Pair {
+    const char *operation;  // unique in its binary, at most 60 bytes
+    double bound;           // the most that ours may take, in raw floors
+    Body ours;
+    Body raw;
+    Clock clock = Clock::wall;
+    int threads = 1;       // that run the body at once; times are per iteration of one thread
+    int64_t argument = 0;  // state.range(0)
+    int repetitions = 25;  // of each side, at least 10 ms each
+};
+
+void AddPair(const Pair &pair);
+
+// Adds the pairs of this binary.
+void RegisterPairs();
+
+}  // namespace bench
