@@ -29,6 +29,9 @@
 /* threads, processes, memory */
 #include "vwincompat/thread.h"
 
+/* sharing */
+#include "vwincompat/sharing.h"
+
 /* sockets, serial */
 #include "vwincompat/socket.h"
 

@@ -1,6 +1,8 @@
 // The room for calls that block or may be cancelled. See internal_blocking.c.
 #pragma once
 
+#include <fcntl.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -15,6 +17,9 @@ void vlliCallWithCleanup(void (*body)(void *), void (*cleanup)(void *), void *ar
 
 // The blocking calls, cancellation points all, with the results of the call that they are named after.
 int vlliBlockInEpollWait(int epfd, struct epoll_event *events, int max_events, int timeout_ms);
+int vlliBlockInPoll(struct pollfd *fds, nfds_t count, int timeout_ms);
+int vlliBlockInLockWait(int fd, int command, struct flock *lock);
+int vlliBlockInConnect(int socket, const struct sockaddr *address, socklen_t length);
 int vlliBlockInSemWait(sem_t *semaphore);
 ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
 ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);

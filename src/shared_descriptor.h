@@ -1,0 +1,19 @@
+// The descriptor-sharing protocol, for its tests.
+#pragma once
+
+#include "vwincompat/types.h"
+
+// Starts the server thread. The caller holds list_mutex.
+BOOL vlliStartSharingFdServer();
+
+// The server thread's start routine. Serves until it is cancelled or accept() fails.
+uint32_t vlliServerFunction(LPVOID unused);
+
+// Reads one request and answers it: TRUE when the response could be sent.
+BOOL vlliProcessClient(int socket);
+
+// Sends the response: a status, and with status 0 a descriptor.
+BOOL vlliSendFileDescriptor(int socket, int descriptor, int32_t status);
+
+// Receives a response: the descriptor, or -1 with errno.
+int vlliReceiveFileDescriptor(int socket);
