@@ -7,14 +7,14 @@
 
 #include "shared_descriptor.h"
 
-#include <array>
-#include <cstddef>
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <memory>
 
 #include "internal.h"
 #include "internal_blocking.h"
@@ -36,8 +36,8 @@ constexpr int kBacklog = 5;
 enum Status : int32_t { kFound = 0, kIncomplete = 1, kUnknown = 2 };
 
 pthread_mutex_t lifecycleMutex = PTHREAD_MUTEX_INITIALIZER;
-HANDLE server_handle = 0;       // guarded by list_mutex
-int listening_socket = -1;      // the server's, for forked children to close
+HANDLE server_handle = 0;   // guarded by list_mutex
+int listening_socket = -1;  // the server's, for forked children to close
 pthread_once_t fork_once = PTHREAD_ONCE_INIT;
 
 // The name on the wire is what follows the first byte, which marks the abstract name space.
@@ -50,7 +50,9 @@ socklen_t makeAddress(sockaddr_un *address) {
     return offsetof(sockaddr_un, sun_path) + sizeof kStoredName - 1;
 }
 
-Fd makeSocket(int flags) { return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0)); }
+Fd makeSocket(int flags) {
+    return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
+}
 
 void freeList() {
     while (shared_fd_list != nullptr) {
@@ -86,7 +88,9 @@ void forgetServerInChild() {
     }
 }
 
-void registerForkHandlers() { pthread_atfork(lockForFork, unlockAfterFork, forgetServerInChild); }
+void registerForkHandlers() {
+    pthread_atfork(lockForFork, unlockAfterFork, forgetServerInChild);
+}
 
 // The server's listening socket. Its end frees the address; a server that ends by itself leaves no identity.
 class ListeningSocket {
@@ -275,8 +279,10 @@ int vlliReceiveFileDescriptor(int socket) {
     if (received == -1) {
         return -1;
     }
-    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS && header->cmsg_len >= kControlLength) {
+    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
+            header->cmsg_len >= kControlLength) {
             int descriptor;
             memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
             return descriptor;

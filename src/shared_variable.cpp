@@ -2,11 +2,11 @@
 // another process may create the variable anew at any moment with a smaller size, and a mapped page past the
 // end of an object raises SIGBUS.
 
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <cstring>
+#include <memory>
 
 #include "internal.h"
 #include "internal_blocking.h"

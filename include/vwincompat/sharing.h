@@ -78,7 +78,8 @@ extern VLL_API uintptr_t server_thread_id;
  * process at a time is served, and what another one publishes is not found. A forked child starts with an
  * empty registry.
  *
- * @param descriptor  stays the caller's, and must stay open while it is to be fetched.
+ * @param descriptor  stays the caller's, and must stay open while it is to be fetched: once it is closed, its
+ *                    number may name something else, which would be handed out instead.
  * @param name        up to 1,023 bytes; the oldest of equal names is found.
  * @return TRUE, or FALSE: EBADF (not open), EINVAL (null name), ENAMETOOLONG, ENOMEM, or the error of
  *         vllCreateThread(), which leaves the registry empty.
