@@ -1,6 +1,7 @@
 #include "support/faults.h"
 
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -16,22 +17,32 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "internal.h"
+
 namespace {
 
 enum Call {
 #define VLL_FAULT(name, ...) kCall_##name,
+#define VLL_FAULT_BLOCKING VLL_FAULT
+#define VLL_FAULT_POSTING VLL_FAULT
 #define VLL_FAULT_RESULT(name, ...) kCall_##name,
 #include "support/faults.def"
 #undef VLL_FAULT
+#undef VLL_FAULT_BLOCKING
+#undef VLL_FAULT_POSTING
 #undef VLL_FAULT_RESULT
     kCallCount
 };
 
 constexpr const char *kCallNames[] = {
 #define VLL_FAULT(name, ...) #name,
+#define VLL_FAULT_BLOCKING VLL_FAULT
+#define VLL_FAULT_POSTING VLL_FAULT
 #define VLL_FAULT_RESULT(name, ...) #name,
 #include "support/faults.def"
 #undef VLL_FAULT
+#undef VLL_FAULT_BLOCKING
+#undef VLL_FAULT_POSTING
 #undef VLL_FAULT_RESULT
 };
 
@@ -96,15 +107,44 @@ void ResetCallCounts() {
     }
 }
 
+// A thread that is cancelled inside one of ThreadSanitizer's interceptors leaves it deaf to every lock that the
+// cleanup of its frames takes. So under it the calls in which threads are cancelled go to the C library itself,
+// and the order that a semaphore makes is told by annotations.
+#if defined(__SANITIZE_THREAD__)
+namespace {
+
+template <typename Function>
+Function libcFunction(const char *name) {
+    static void *const libc = dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD);
+    return reinterpret_cast<Function>(dlsym(libc, name));
+}
+
+}  // namespace
+
+#define VLL_REAL_BLOCKING(name) libcFunction<decltype(&__real_##name)>(#name)
+#else
+#define VLL_REAL_BLOCKING(name) __real_##name
+#endif
+
 extern "C" {
 #define VLL_FAULT(name, type, parameters, arguments, failure) \
-    type __real_##name parameters;                            \
-    type __wrap_##name parameters {                           \
-        if (const int error = nextError(kCall_##name)) {      \
-            errno = error;                                    \
-            return failure;                                   \
-        }                                                     \
-        return __real_##name arguments;                       \
+    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, , __real_##name, )
+#define VLL_FAULT_BLOCKING(name, type, parameters, arguments, failure)                       \
+    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, , VLL_REAL_BLOCKING(name), \
+                      vlliAnnotateAcquire())
+#define VLL_FAULT_POSTING(name, type, parameters, arguments, failure) \
+    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, vlliAnnotateRelease(), __real_##name, )
+#define VLL_FAULT_CALLING(name, type, parameters, arguments, failure, before, function, after) \
+    type __real_##name parameters;                                                             \
+    type __wrap_##name parameters {                                                            \
+        if (const int error = nextError(kCall_##name)) {                                       \
+            errno = error;                                                                     \
+            return failure;                                                                    \
+        }                                                                                      \
+        before;                                                                                \
+        type const result = function arguments;                                                \
+        after;                                                                                 \
+        return result;                                                                         \
     }
 #define VLL_FAULT_RESULT(name, type, parameters, arguments) \
     type __real_##name parameters;                          \
