@@ -43,9 +43,9 @@ void enterNamespaces() {
 const char *const kStage = "/tmp";
 
 // What of the machine's /dev is taken over into the private one.
-const char *const kNodes[] = {"null", "zero", "full",  "random",  "urandom", "tty",
-                              "ptmx", "pts",  "shm",   "fd",      "console", "tty10",
-                              "rtc",  "rtc0", "ttyS0", "ttyACM0", "ttyGS0",  "ttyAMA0"};
+const char *const kNodes[] = {"null",  "zero",    "full",    "random", "urandom", "tty",
+                              "shm",   "fd",      "console", "tty10",  "rtc",     "rtc0",
+                              "ttyS0", "ttyACM0", "ttyGS0",  "ttyAMA0"};
 
 void takeOver(const std::string &from, const std::string &to) {
     struct stat status;
@@ -71,6 +71,10 @@ void makeDev() {
     for (const char *node : kNodes) {
         takeOver(std::string("/dev/") + node, std::string(kStage) + "/" + node);
     }
+    const std::string pts = std::string(kStage) + "/pts";
+    check(mkdir(pts.c_str(), 0755) == 0, pts);
+    check(mount("devpts", pts.c_str(), "devpts", 0, "newinstance,ptmxmode=0666") == 0, "mount devpts");
+    check(symlink("pts/ptmx", (std::string(kStage) + "/ptmx").c_str()) == 0, "ptmx");
     check(mount(kStage, "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0, "bind /dev");
     check(umount2(kStage, MNT_DETACH) == 0, "umount");
 }
