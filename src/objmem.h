@@ -25,7 +25,7 @@ struct ThreadData {
     HANDLE handle;  // the thread's own handle; 0 once the thread has ended
     LPTHREAD_START_ROUTINE startAddress;
     LPVOID parameter;
-    uintptr_t threadId;
+    pthread_t threadId;
     uint32_t exitCode;
     sem_t resumeSem;
 };
@@ -54,6 +54,7 @@ struct ObjectRecord {
     uint32_t next;     // while free: the next free index; while a mapped view: the next handle in its bucket
 };
 
+static_assert(sizeof(pthread_t) == sizeof(uintptr_t));
 #if !defined(__LP64__)
 static_assert(sizeof(ThreadData) == 36 && offsetof(ThreadData, resumeSem) == 20);
 static_assert(sizeof(ObjmemRecord) == 44 && offsetof(ObjmemRecord, refCount) == 36);

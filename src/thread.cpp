@@ -190,7 +190,7 @@ int cancelThread(ThreadData *thread, uint32_t exit_code) {
     if (thread->handle == 0) {
         return ESRCH;
     }
-    const uintptr_t id = thread->threadId;
+    const pthread_t id = thread->threadId;
     thread->exitCode = exit_code;
     if (pthread_equal(id, pthread_self())) {
         // Nobody but the caller can end this thread, and cancelling it may not return.
