@@ -1,6 +1,6 @@
 #!/bin/bash
 # Tests the harness itself: build directories whose programs are shell scripts that pass, fail, die, hang or bring the
-# machine down, each with the closing line that run.sh must end with. Takes about two minutes.
+# machine down, each with the closing line that run.sh must end with. Takes two to three minutes.
 # usage: selftest.sh [--cache DIR]
 set -euo pipefail
 
@@ -96,6 +96,11 @@ what="a power switch that works"
 program plain_test <<<'exit 0'
 program target_poweroff <<<'exec poweroff -f'
 expect 0 "2 passed, 0 failed"
+
+what="a program that must have the machine for itself"
+program time_test <<<'mkdir /tmp/alone && sleep 2 && rmdir /tmp/alone'
+program a_test <<<'mkdir /tmp/alone && sleep 2 && rmdir /tmp/alone'
+expect 0 "3 passed, 0 failed"
 
 what="nothing to run"
 expect 1 "0 passed, 1 failed" "no program to run"
