@@ -25,7 +25,7 @@ struct Pair {
     Clock clock = Clock::wall;
     int threads = 1;       // that run the body at once; times are per iteration of one thread
     int64_t argument = 0;  // state.range(0)
-    int repetitions = 31;  // of each side, of about 10 ms, and one iteration at least
+    int repetitions = 31;  // each of some runs of about 2 ms, and of one iteration at least
 };
 
 void AddPair(const Pair &pair);
