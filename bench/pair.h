@@ -1,5 +1,5 @@
 // A benchmark here is a pair: an operation of the library, and the raw system calls that it cannot do without.
-// Both are measured in one run, alternately, so that the ratio of their medians holds on a busy machine.
+// Both are measured in one run, alternately, so that the median of their ratios holds on a busy machine.
 //
 // A topic's file defines RegisterPairs(). Its bodies are Google Benchmark's: set-up, `for (auto _ : state)`,
 // clean-up. Each pair runs in a process of its own, in which vllvwincompatMain() was called: what one pair leaves
@@ -25,7 +25,7 @@ struct Pair {
     Clock clock = Clock::wall;
     int threads = 1;       // that run the body at once; times are per iteration of one thread
     int64_t argument = 0;  // state.range(0)
-    int repetitions = 25;  // of each side, at least 10 ms each
+    int repetitions = 31;  // each of some runs of about 2 ms, and of one iteration at least
 };
 
 void AddPair(const Pair &pair);

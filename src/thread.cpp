@@ -71,7 +71,7 @@ void vlliThreadCleanup(void *argument) {
     pthread_setspecific(thread_data_key, nullptr);
     MutexLock lock(&threadMutex);
     const HANDLE own = thread->handle;
-    thread->handle = 0;
+    __atomic_store_n(&thread->handle, 0, __ATOMIC_RELEASE);
     lock.unlock();
     vlliRaiseCounter(vlliGetObjectAddress(own)->fd);
     vlliCloseObject(own);
@@ -133,17 +133,17 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
     thread->startAddress = lpStartAddress;
     thread->parameter = lpParameter;
 
+    // Posted before there is a thread: it then never sleeps on its way to the start routine, and no signal can
+    // break that sleep.
+    if (dwCreationFlags == 0 && sem_post(&thread->resumeSem) == -1) {
+        return 0;
+    }
     const int result = pthread_create(&thread->threadId, attributes.get(), vlliThreadWrapper, thread);
     if (result != 0) {
         errno = result;
         return 0;
     }
     own.release();  // the thread's from here on
-    if (dwCreationFlags == 0 && sem_post(&thread->resumeSem) == -1) {
-        const KeepErrno keep_errno;
-        pthread_cancel(thread->threadId);
-        return 0;
-    }
     if (lpThreadId != nullptr) {
         *lpThreadId = thread->threadId;
     }
@@ -232,6 +232,10 @@ BOOL vllTerminateThread(HANDLE hThread, DWORD dwExitCode) {
         return FALSE;
     }
     return TRUE;
+}
+
+bool vlliThreadRuns(const ObjectRecord *record) {
+    return record->mem != nullptr && __atomic_load_n(&record->mem->thread.handle, __ATOMIC_ACQUIRE) != 0;
 }
 
 BOOL vlliCloseThread(ObjectRecord *record) {

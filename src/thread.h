@@ -6,3 +6,6 @@
 
 BOOL vlliCloseThread(ObjectRecord *record);
 BOOL vlliDuplicateThread(ObjectRecord *record, const ObjectRecord *source);
+
+// True while a thread, whose reference the caller holds, has surely not signalled its end.
+bool vlliThreadRuns(const ObjectRecord *record);

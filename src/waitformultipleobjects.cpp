@@ -18,6 +18,7 @@
 #include <optional>
 
 #include "internal_blocking.h"
+#include "thread.h"
 #include "wsasockets.h"
 
 namespace {
@@ -149,6 +150,10 @@ bool askOnce(const WaitObjects &wait, std::optional<DWORD> *result) {
     nfds_t n = 0;
     for (int32_t i = 0; i < wait.count; ++i) {
         const ObjectRecord *record = wait.records[i];
+        // Of a thread the answer is often known.
+        if (vlliGetObjectType(wait.handles[i]) == OBJ_THREAD && vlliThreadRuns(record)) {
+            continue;
+        }
         if (sockets && wait.isEvent(i)) {
             data[n] = static_cast<uint8_t>(wait.count + i);
             fds[n++] = {record->efd, POLLIN, 0};
@@ -156,10 +161,12 @@ bool askOnce(const WaitObjects &wait, std::optional<DWORD> *result) {
         data[n] = static_cast<uint8_t>(i);
         fds[n++] = {record->fd, POLLIN, 0};
     }
-    int ready;
-    do {
-        ready = poll(fds, n, 0);
-    } while (ready == -1 && errno == EINTR);
+    int ready = 0;
+    if (n > 0) {
+        do {
+            ready = poll(fds, n, 0);
+        } while (ready == -1 && errno == EINTR);
+    }
     if (ready == -1) {
         return false;
     }

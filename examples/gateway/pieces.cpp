@@ -1,0 +1,50 @@
+// The pieces that extend the gateway. Each is one file and one line here.
+
+#include "gateway.h"
+
+namespace {
+
+// Ends with null.
+const Piece *const kPieces[] = {
+    nullptr,
+};
+
+int started = 0;
+
+}  // namespace
+
+bool PiecesStart() {
+    for (; kPieces[started] != nullptr; ++started) {
+        if (kPieces[started]->start != nullptr && !kPieces[started]->start()) {
+            Report("%s could not start", kPieces[started]->name);
+            return false;
+        }
+    }
+    return true;
+}
+
+void PiecesStop() {
+    while (started > 0) {
+        const Piece *piece = kPieces[--started];
+        if (piece->stop != nullptr) {
+            piece->stop();
+        }
+    }
+}
+
+void PiecesNote(const char *line) {
+    for (int i = 0; i < started; ++i) {
+        if (kPieces[i]->note != nullptr) {
+            kPieces[i]->note(line);
+        }
+    }
+}
+
+bool PiecesTakeCommand(Client *client, const char *line) {
+    for (int i = 0; i < started; ++i) {
+        if (kPieces[i]->command != nullptr && kPieces[i]->command(client, line)) {
+            return true;
+        }
+    }
+    return false;
+}
