@@ -1,24 +1,438 @@
 #include "objmem.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <atomic>
+#include <cstring>
+
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/objects.h"
 #include "support/syslog_capture.h"
 
 namespace {
 
-using Errors = std::vector<std::string>;
-
 class ObjmemTest : public LibraryTest {};
 
-TEST_F(ObjmemTest, first_handles_of_a_process) {
+constexpr char kNoObject[] = "VLLI: AllocObject() error = ENOMEM\n";
+constexpr char kNoMemObject[] = "VLLI: AllocMemObject() error = ENOMEM\n";
+
+std::string unused(HANDLE handle) {
+    char line[64];
+    snprintf(line, sizeof line, "VLLI: OpenObject( 0x%X ): Unused handle! \n", handle);
+    return line;
+}
+
+std::string invalid(const char *operation, HANDLE handle) {
+    char line[80];
+    snprintf(line, sizeof line, "VLLI: %s( 0x%X ): Invalid handle value! \n", operation, handle);
+    return line;
+}
+
+TEST(ObjmemOrderTest, handles_of_a_fresh_process_come_in_order_and_return_late) {
+    if (!InFreshProcess()) {
+        return;
+    }
     const ChildResult result = RunInChild([] {
-        EXPECT_EQ(vllCreateEvent(1, 0, nullptr), 0x10000U);
-        EXPECT_EQ(vllCreateEvent(1, 0, nullptr), 0x10001U);
+        vllvwincompatMain();
+        EXPECT_EQ(MakeManualEvent(), 0x10000U);
+        EXPECT_EQ(MakeManualEvent(), 0x10001U);
+        for (HANDLE index = 2; index < kObjectCount; ++index) {
+            const HANDLE timer = vllCreateWaitableTimer(nullptr);
+            EXPECT_EQ(timer, OBJ_WAITABLE_TIMER | index);
+            EXPECT_TRUE(vllCloseHandle(timer));
+        }
+        EXPECT_EQ(MakeManualEvent(), 0x10002U);
         return 0;
     });
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(ObjmemTest, layout_of_the_records) {
+    EXPECT_EQ(offsetof(ObjectRecord, refCount), offsetof(ObjectRecord, size) + sizeof(SIZE_T));
+    EXPECT_EQ(offsetof(ObjectRecord, next), offsetof(ObjectRecord, refCount) + 4);
+    EXPECT_EQ(offsetof(ObjmemRecord, next), offsetof(ObjmemRecord, refCount) + 4);
+    EXPECT_GE(offsetof(ObjmemRecord, refCount), sizeof(ThreadData));
+    EXPECT_EQ(vlliGetObjectType(0x1200005), static_cast<uint32_t>(OBJ_NAMED_SEMAPHORE));
+}
+
+// Records without descriptors, so that only the tables end.
+TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
+    HANDLE handles[kObjectCount];
+    for (uint32_t i = 0; i < kObjmemCount; ++i) {
+        handles[i] = vlliCreateObject(OBJ_MUTEX);
+        ASSERT_NE(handles[i], 0U);
+        EXPECT_EQ(vlliGetObjectAddress(handles[i])->mem->refCount, 1);
+        vlliGetObjectAddress(handles[i])->fd = -1;
+    }
+    const Inventory full = TakeInventory();
+    for (const uint32_t type : {OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE}) {
+        errno = 0;
+        EXPECT_EQ(vlliCreateObject(type), 0U);
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_EQ(TakeErrors(), Errors{kNoMemObject});
+    }
+    EXPECT_EQ(TakeInventory(), full) << "a failed allocation takes nothing";
+    for (uint32_t i = kObjmemCount; i < kObjectCount; ++i) {
+        handles[i] = vlliCreateObject(OBJ_WAITABLE_TIMER);
+        ASSERT_NE(handles[i], 0U);
+        vlliGetObjectAddress(handles[i])->fd = -1;
+    }
+    for (const auto create : {+[] { return MakeAutoEvent(); }, +[] { return vllCreateWaitableTimer(nullptr); }}) {
+        errno = 0;
+        EXPECT_EQ(create(), 0U);
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_EQ(TakeErrors(), Errors{kNoObject});
+    }
+    errno = 0;
+    EXPECT_EQ(vllDuplicateHandle(handles[kObjmemCount]), 0U);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(TakeErrors(), Errors{kNoObject});
+    EXPECT_EQ(firstFreeObject, kNoNext);
+    EXPECT_EQ(lastFreeObject, kNoNext);
+    for (uint32_t i = 0; i < kObjectCount; ++i) {
+        if (i < kObjmemCount) {
+            EXPECT_TRUE(vlliDetachObjmem(vlliGetObjectAddress(handles[i])->mem));
+            vlliGetObjectAddress(handles[i])->mem = nullptr;
+            TakeErrors();
+        }
+        vlliCloseObject(handles[i]);
+    }
+    TakeErrors();
+}
+
+TEST_F(ObjmemTest, create_refuses_what_is_no_type_code) {
+    for (const uint32_t type : {0U, 0x50000U, 0x10001U, 0x300000U, 0x1300000U, 0xFFFF0000U}) {
+        errno = 0;
+        EXPECT_EQ(vlliCreateObject(type), 0U);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(TakeErrors(), Errors{});
+}
+
+TEST_F(ObjmemTest, invalid_handles_are_refused_with_their_lines) {
+    for (const HANDLE handle : {0x50000U, 0x10080U, 0x1FFFFU, 0xFFFFFFFFU}) {
+        SCOPED_TRACE(handle);
+        const Inventory before = TakeInventory();
+        errno = 0;
+        EXPECT_EQ(vlliOpenObject(handle), nullptr);
+        EXPECT_EQ(errno, EINVAL);
+        const std::vector<LogLine> log = TakeLog();
+        ASSERT_GE(log.size(), 3U) << "the stack follows";
+        EXPECT_EQ(log[0].text, invalid("OpenObject", handle));
+        EXPECT_EQ(log[1].text.compare(0, 29, "VLL: STACK: backtrace depth ="), 0);
+
+        errno = 0;
+        EXPECT_FALSE(vllCloseHandle(handle));
+        EXPECT_EQ(errno, EINVAL);
+        const std::vector<LogLine> closed = TakeLog();
+        ASSERT_EQ(closed.size(), 1U) << "no stack";
+        EXPECT_EQ(closed[0].text, invalid("CloseObject", handle));
+
+        errno = 0;
+        EXPECT_EQ(vllDuplicateHandle(handle), 0U);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(TakeErrors(), Errors{invalid("OpenObject", handle)});
+        EXPECT_EQ(TakeInventory(), before);
+    }
+}
+
+TEST_F(ObjmemTest, a_free_record_is_neither_opened_nor_closed) {
+    const HANDLE handle = MakeAutoEvent();
+    EXPECT_TRUE(vllCloseHandle(handle));
+    const Inventory before = TakeInventory();
+    errno = 0;
+    EXPECT_EQ(vlliOpenObject(handle), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+    const std::vector<LogLine> log = TakeLog();
+    ASSERT_EQ(log.size(), 1U) << "no stack";
+    EXPECT_EQ(log[0].text, unused(handle));
+    for (const auto close : {vllCloseHandle, vlliCloseObject}) {
+        errno = 0;
+        EXPECT_FALSE(close(handle));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    errno = 0;
+    EXPECT_FALSE(vlliFreeObject(handle & kIndexMask)) << "it is on the list already";
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_EQ(TakeInventory(), before);
+    EXPECT_EQ(vlliGetObjectAddress(handle)->refCount, 0);
+}
+
+TEST_F(ObjmemTest, freeObject_refuses_referenced_records_and_bad_indexes) {
+    const Owned event(MakeAutoEvent());
+    for (const uint32_t index : {event & kIndexMask, kObjectCount, 0xFFFFFFFFU}) {
+        errno = 0;
+        EXPECT_FALSE(vlliFreeObject(index));
+        EXPECT_EQ(errno, EBUSY);
+    }
+}
+
+TEST_F(ObjmemTest, plain_descriptors) {
+    EXPECT_TRUE(vllCloseHandle(0));
+    EXPECT_NE(fcntl(0, F_GETFD), -1) << "handle 0 is no descriptor";
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GT(fd, 0);
+    EXPECT_TRUE(vllCloseHandle(static_cast<HANDLE>(fd)));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    errno = 0;
+    EXPECT_FALSE(vllCloseHandle(static_cast<HANDLE>(fd)));
+    EXPECT_EQ(errno, EBADF);
+    errno = 0;
+    EXPECT_EQ(vllDuplicateHandle(1), 0U) << "a descriptor is no table handle";
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(TakeErrors(), Errors{invalid("OpenObject", 1)});
+}
+
+// The handle's index is live, but the record was issued as another type.
+TEST_F(ObjmemTest, forged_type_codes_do_nothing) {
+    const Owned event(MakeManualEvent());
+    const HANDLE index = event & kIndexMask;
+    for (const HANDLE type : {OBJ_WAITABLE_TIMER, OBJ_CONSOLE, OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE, OBJ_SHMEM,
+                              OBJ_NAMED_MUTEX, OBJ_NAMED_SEMAPHORE}) {
+        const HANDLE forged = type | index;
+        SCOPED_TRACE(type);
+        const struct {
+            const char *what;
+            std::function<int64_t()> call;
+            int64_t result;
+        } rows[] = {
+            {"close", [&] { return vllCloseHandle(forged); }, FALSE},
+            {"duplicate", [&] { return vllDuplicateHandle(forged); }, 0},
+            {"set", [&] { return vllSetEvent(forged); }, FALSE},
+            {"set timer", [&] { return vllSetWaitableTimer(forged, 1); }, FALSE},
+            {"resume", [&] { return vllResumeThread(forged); }, 0},
+            {"terminate", [&] { return vllTerminateThread(forged, 1); }, FALSE},
+            {"wait", [&] { return vllWaitForSingleObject(forged, 0); }, WAIT_FAILED},
+            {"wait for several", [&] { return vllWaitForMultipleObjects(1, &forged, 0); }, WAIT_FAILED},
+        };
+        for (const auto &row : rows) {
+            errno = 0;
+            EXPECT_EQ(row.call(), row.result) << row.what;
+            EXPECT_EQ(errno, EINVAL) << row.what;
+        }
+        ObjectRecord *record = vlliOpenObject(forged);  // opens, by contract
+        EXPECT_EQ(record, vlliGetObjectAddress(event));
+        EXPECT_TRUE(vlliCloseObject(forged));
+    }
+    EXPECT_EQ(vlliGetObjectAddress(event)->refCount, 1);
+    EXPECT_FALSE(IsSignalled(event));
+    TakeErrors();
+}
+
+TEST_F(ObjmemTest, a_second_close_does_not_take_an_operations_reference) {
+    const HANDLE event = MakeAutoEvent();
+    ObjectRecord *record = vlliOpenObject(event);
+    ASSERT_NE(record, nullptr);
+    const int fd = record->fd;
+    EXPECT_TRUE(vllCloseHandle(event));
+    for (int i = 0; i < 3; ++i) {
+        errno = 0;
+        EXPECT_FALSE(vllCloseHandle(event));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(record->refCount, 1);
+    EXPECT_NE(fcntl(fd, F_GETFD), -1) << "the operation still uses the object";
+    EXPECT_TRUE(vlliCloseObject(event));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
+TEST_F(ObjmemTest, duplicates_have_records_of_their_own) {
+    Owned event(MakeManualEvent());
+    const Owned duplicate(vllDuplicateHandle(event));
+    EXPECT_NE(HANDLE{duplicate}, HANDLE{event});
+    EXPECT_EQ(vlliGetObjectType(duplicate), static_cast<uint32_t>(OBJ_EVENT));
+    EXPECT_TRUE(vllCloseHandle(event.release()));
+    EXPECT_TRUE(vllSetEvent(duplicate));
+    EXPECT_TRUE(IsSignalled(duplicate));
+}
+
+TEST_F(ObjmemTest, a_type_without_a_duplicate_operation_is_refused) {
+    const HANDLE shmem = vlliCreateObject(0x1000000);
+    vlliGetObjectAddress(shmem)->fd = -1;
+    const Inventory before = TakeInventory();
+    if (vllDuplicateHandle(shmem) == 0) {  // until the type's module fills its row
+        EXPECT_EQ(TakeInventory(), before);
+    }
+    EXPECT_TRUE(vlliCloseObject(shmem));
+}
+
+TEST_F(ObjmemTest, memory_records_count_their_users) {
+    const HANDLE handle = vlliCreateObject(OBJ_THREAD);
+    ASSERT_NE(handle, 0U);
+    vlliGetObjectAddress(handle)->fd = -1;
+    ObjmemRecord *mem = vlliGetObjectAddress(handle)->mem;
+    EXPECT_TRUE(vlliAttachObjmem(mem));
+    EXPECT_EQ(mem->refCount, 2);
+    EXPECT_TRUE(vlliDetachObjmem(mem));
+    EXPECT_TRUE(vllCloseHandle(handle)) << "the last object record takes its memory record along";
+    EXPECT_EQ(mem->refCount, 0);
+    const Inventory before = TakeInventory();
+    EXPECT_FALSE(vlliAttachObjmem(mem));
+    EXPECT_FALSE(vlliDetachObjmem(mem));
+    errno = 0;
+    EXPECT_FALSE(vlliDetachObjmem(nullptr));
+    EXPECT_EQ(errno, EINVAL);
+    const std::vector<LogLine> log = TakeLog();
+    ASSERT_GE(log.size(), 3U) << "the stack follows";
+    EXPECT_EQ(log[0].text, "VLLI: DetachObjmem( mem = NUILL )\n");
+    ObjmemRecord stranger[2] = {};
+    stranger[0].refCount = stranger[1].refCount = 1;
+    EXPECT_FALSE(vlliDetachObjmem(&stranger[0]));
+    EXPECT_EQ(TakeInventory(), before);
+}
+
+TEST_F(ObjmemTest, a_lock_that_cannot_be_taken_fails_cleanly) {
+    const Owned event(MakeAutoEvent());
+    ObjmemRecord used = {};
+    used.refCount = 1;
+    const std::pair<std::function<int64_t()>, int64_t> rows[] = {
+        {[] { return vlliLockMemoryMutex(); }, EDEADLK},
+        {[] { return vlliInitObjMem(); }, -1},
+        {[] { return vlliCreateObject(OBJ_EVENT); }, 0},
+        {[] { return vlliCreateObject(OBJ_THREAD); }, 0},
+        {[&] { return vlliOpenObject(event) != nullptr; }, 0},
+        {[&] { return vlliCloseObject(event); }, 0},
+        {[&] { return vllCloseHandle(event); }, 0},
+        {[&] { return vllDuplicateHandle(event); }, 0},
+        {[&] { return vlliFreeObject(event & kIndexMask); }, 0},
+        {[&] { return vlliAttachObjmem(&used); }, 0},
+        {[&] { return vlliDetachObjmem(&used); }, 0},
+        {[&] { return vlliHashMMap(event); }, EDEADLK},
+        {[&] { return vlliUnhashMMapp(&used); }, 0},
+    };
+    for (const auto &[operation, result] : rows) {
+        SCOPED_TRACE(&operation - &rows[0].first);
+        ExpectFailure({"pthread_mutex_lock", 1, EDEADLK, {}}, operation, result);
+    }
+    EXPECT_EQ(vlliGetObjectAddress(event)->refCount, 1);
+    // The real thing: the lock is error-checking, so its owner is told.
+    const TableLock lock;
+    EXPECT_EQ(vlliLockMemoryMutex(), EDEADLK);
+}
+
+// From an implementation of the published algorithm in another language, checked against a second one.
+TEST_F(ObjmemTest, hash_is_lookup2) {
+    const char *const text = "The quick brown fox jumps over the lazy dog";
+    const struct {
+        uint32_t length, initial0, initial1;
+    } vectors[] = {
+        {0, 0xbd49d10d, 0x6ddfb8c9},  {1, 0x312c4181, 0x3ed05d52},  {2, 0x8ab85a7d, 0xa209bade},
+        {3, 0x61f32837, 0x325829e7},  {4, 0x41963a2a, 0xf7845cbb},  {5, 0x4bf9fa9b, 0xa58e96a0},
+        {6, 0x3e4cbcde, 0x40d050bd},  {7, 0x9a00b688, 0xe9f9a147},  {8, 0x286fa134, 0xa66ac3ba},
+        {9, 0x4c0fd80c, 0xe6429485},  {10, 0x44069373, 0x8eae6d63}, {11, 0x9335dea3, 0xd4b86bac},
+        {12, 0xe0695d67, 0xd059424f}, {13, 0x0c6ac005, 0x8349c859}, {23, 0x8f489aa1, 0xd30ac588},
+        {24, 0xd5a21ff2, 0xa5e484ad}, {25, 0x728393b1, 0xd49405ca}, {43, 0xfc1558de, 0xb70054e4},
+    };
+    for (const auto &vector : vectors) {
+        EXPECT_EQ(vlliHash(text, vector.length, 0), vector.initial0) << vector.length;
+        EXPECT_EQ(vlliHash(text, vector.length, 1), vector.initial1) << vector.length;
+        char unaligned[64];
+        memcpy(unaligned + 1, text, vector.length);
+        EXPECT_EQ(vlliHash(unaligned + 1, vector.length, 0), vector.initial0) << vector.length;
+    }
+}
+
+HANDLE makeView(uintptr_t address) {
+    const HANDLE handle = vlliCreateObject(OBJ_SHMEM);
+    ObjectRecord *record = vlliGetObjectAddress(handle);
+    record->fd = -1;
+    record->addr = reinterpret_cast<void *>(address);
+    EXPECT_EQ(vlliHashMMap(handle), 0);
+    return handle;
+}
+
+void dropView(HANDLE handle) {
+    vlliGetObjectAddress(handle)->addr = nullptr;  // nothing is mapped
+    EXPECT_TRUE(vlliCloseObject(handle));
+}
+
+TEST_F(ObjmemTest, views_are_found_by_address_also_in_one_bucket) {
+    // Three page addresses of one bucket, and one of another.
+    std::vector<uintptr_t> addresses;
+    uintptr_t other = 0;
+    const auto bucket = [](uintptr_t address) { return vlliHash(&address, sizeof address, 1) & 31; };
+    for (uintptr_t address = 0x40000000; addresses.size() < 3 || other == 0; address += 0x1000) {
+        if (addresses.size() < 3 && bucket(address) == 5) {
+            addresses.push_back(address);
+        } else if (bucket(address) != 5) {
+            other = address;
+        }
+    }
+    const HANDLE views[] = {makeView(addresses[0]), makeView(addresses[1]), makeView(addresses[2]),
+                            makeView(other)};
+    EXPECT_EQ(mmapHashTable[5], views[2]) << "the newest first";
+    const auto at = [](uintptr_t address) { return reinterpret_cast<void *>(address); };
+    EXPECT_EQ(vlliUnhashMMapp(at(0x3000)), 0U);
+    EXPECT_EQ(vlliUnhashMMapp(at(addresses[1])), views[1]) << "from the middle";
+    EXPECT_EQ(vlliUnhashMMapp(at(addresses[1])), 0U);
+    EXPECT_EQ(vlliUnhashMMapp(at(addresses[0])), views[0]);
+    EXPECT_EQ(vlliUnhashMMapp(at(addresses[2])), views[2]);
+    EXPECT_EQ(mmapHashTable[5], 0U);
+    EXPECT_EQ(vlliUnhashMMapp(at(other)), views[3]);
+
+    const HANDLE newer = makeView(other);
+    vlliHashMMap(views[3]);
+    EXPECT_EQ(vlliUnhashMMapp(at(other)), views[3]) << "of two views at one address the newer first";
+    EXPECT_EQ(vlliUnhashMMapp(at(other)), newer);
+    dropView(newer);
+    for (const HANDLE view : views) {
+        dropView(view);
+    }
+}
+
+// Threads that create, duplicate, use and close at once; some close handles that others still use.
+TEST_F(ObjmemTest, the_tables_survive_concurrent_use) {
+    std::atomic<HANDLE> shared{0};
+    const auto body = [&] {
+        for (int i = 0; i < 300; ++i) {
+            const HANDLE event = MakeAutoEvent(TRUE);
+            ASSERT_NE(event, 0U);
+            const HANDLE duplicate = vllDuplicateHandle(event);
+            ASSERT_NE(duplicate, 0U);
+            EXPECT_TRUE(vllCloseHandle(event));
+            EXPECT_TRUE(IsSignalled(duplicate));
+            const HANDLE before = shared.exchange(duplicate);
+            if (before != 0) {
+                vllSetEvent(before);
+                EXPECT_TRUE(vllCloseHandle(before));
+            }
+        }
+    };
+    HANDLE threads[4];
+    for (HANDLE &thread : threads) {
+        thread = StartThread(body);
+    }
+    for (const HANDLE thread : threads) {
+        FinishThread(thread);
+    }
+    EXPECT_TRUE(vllCloseHandle(shared));
+    EXPECT_EQ(TakeErrors(), Errors{});
+}
+
+TEST_F(ObjmemTest, a_forked_child_has_a_usable_table) {
+    std::atomic<bool> stop{false};
+    const auto body = [&] {
+        while (!stop) {
+            const HANDLE event = MakeAutoEvent();
+            vllCloseHandle(event);
+        }
+    };
+    const HANDLE thread = StartThread(body);
+    for (int i = 0; i < 20; ++i) {
+        const ChildResult result = RunInChild([] {
+            const HANDLE event = MakeAutoEvent(TRUE);
+            return event != 0 && IsSignalled(event) && vllCloseHandle(event) ? 0 : 1;
+        });
+        EXPECT_TRUE(result.exited);
+        EXPECT_EQ(result.status, 0);
+    }
+    stop = true;
+    FinishThread(thread);
 }
 
 }  // namespace

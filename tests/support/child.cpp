@@ -8,6 +8,9 @@
 #include <unistd.h>
 #include <csignal>
 #include <cstdio>
+#include <string>
+
+#include "objmem.h"
 
 pid_t StartChild(const std::function<int()> &body) {
     fflush(nullptr);
@@ -53,4 +56,18 @@ ChildResult RunInChild(const std::function<int()> &body, int limit_ms) {
         return {false, errno};
     }
     return FinishChild(pid, limit_ms);
+}
+
+bool InFreshProcess() {
+    if (bInitialized == 0) {
+        return true;
+    }
+    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+    const ChildResult result = RunInChild([&] {
+        execl("/proc/self/exe", "test", filter.c_str(), "--gtest_repeat=1", nullptr);
+        return 97;
+    });
+    EXPECT_TRUE(result.exited && result.status == 0) << filter << ": status " << result.status;
+    return false;
 }

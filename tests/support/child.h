@@ -18,3 +18,7 @@ pid_t StartChild(const std::function<int()> &body);
 
 // Waits for a child of StartChild().
 ChildResult FinishChild(pid_t pid, int limit_ms = 60000);
+
+// For tests of a process that has not started the library. True in such a process; otherwise the current test is
+// run alone in a new one, fails when it fails there, and has nothing more to do.
+bool InFreshProcess();

@@ -1,0 +1,83 @@
+// Small helpers for tests of objects: handles that close themselves, threads that run a lambda, failing calls.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vwincompat.h"
+
+using Errors = std::vector<std::string>;
+
+// A handle that is closed at the end of its scope.
+class Owned {
+  public:
+    explicit Owned(HANDLE handle) : handle_(handle) { EXPECT_NE(handle, 0U); }
+    ~Owned() {
+        if (handle_ != 0) {
+            EXPECT_TRUE(vllCloseHandle(handle_));
+        }
+    }
+    Owned(const Owned &) = delete;
+    Owned &operator=(const Owned &) = delete;
+    operator HANDLE() const { return handle_; }
+    HANDLE release() {
+        const HANDLE handle = handle_;
+        handle_ = 0;
+        return handle;
+    }
+
+  private:
+    HANDLE handle_;
+};
+
+inline HANDLE MakeAutoEvent(BOOL signalled = FALSE) {
+    return vllCreateEvent(FALSE, signalled, nullptr);
+}
+
+inline HANDLE MakeManualEvent(BOOL signalled = FALSE) {
+    return vllCreateEvent(TRUE, signalled, nullptr);
+}
+
+inline bool IsSignalled(HANDLE handle) {
+    return vllWaitForSingleObject(handle, 0) == WAIT_OBJECT_0;
+}
+
+// Starts a thread of the library that runs body, which must outlive it.
+template <typename Body>
+HANDLE StartThread(const Body &body, DWORD flags = 0) {
+    return vllCreateThread(
+        0,
+        [](LPVOID argument) -> uint32_t {
+            (*static_cast<const Body *>(argument))();
+            return 0;
+        },
+        const_cast<Body *>(&body), nullptr, flags);
+}
+
+// Waits for the end of a thread and closes its handle.
+inline void FinishThread(HANDLE thread) {
+    EXPECT_EQ(vllWaitForSingleObject(thread, 60000), WAIT_OBJECT_0);
+    EXPECT_TRUE(vllCloseHandle(thread));
+}
+
+// The descriptor that the next open call will get.
+inline int NextFd() {
+    const int fd = dup(0);
+    close(fd);
+    return fd;
+}
+
+// A call of the library that is made to fail, and what must come of it.
+struct Failure {
+    const char *call;
+    int nth;
+    int error;
+    Errors log;  // the LOG_ERR lines
+};
+
+// Runs operation with the call failing: the result, the last error and the log are the expected ones, and
+// nothing is left behind.
+void ExpectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result);
