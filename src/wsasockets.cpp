@@ -46,11 +46,21 @@ struct EarlierSelection {
     int error;
 };
 
+// Another socket takes the record over: the old one leaves its event's set, if both still exist, without a word.
+void abandonSelection(WSASockData *record) {
+    ObjectRecord *event;
+    if (vlliGetObjectType(record->hEventObject) == OBJ_EVENT && vlliOpenObjects(1, &record->hEventObject, &event)) {
+        removeFromSet(event, record->socket);
+        vlliCloseEvents(1, &record->hEventObject);
+    }
+    *record = {};
+}
+
 // The record's earlier selection ends. What is pending stays only when the same socket is selected again.
 EarlierSelection endEarlierSelection(WSASockData *record, SOCKET socket) {
     EarlierSelection earlier = {nullptr, true, 0};
-    if (record->lNetworkEvents == 0) {
-        *record = {};
+    if (record->lNetworkEvents == 0 || record->socket != socket) {
+        abandonSelection(record);
         return earlier;
     }
     const ObjectRef event(record->hEventObject);
@@ -59,12 +69,7 @@ EarlierSelection endEarlierSelection(WSASockData *record, SOCKET socket) {
         return earlier;
     }
     earlier.event = event.get();
-    const bool removed = removeFromSet(event.get(), record->socket);
-    if (record->socket != socket) {
-        *record = {};
-        return earlier;
-    }
-    if (!removed) {
+    if (!removeFromSet(event.get(), socket)) {
         earlier.removed = false;
         earlier.error = errno;
         vlliLogError(
@@ -154,7 +159,7 @@ void processError(WSASockData *record) {
 
 void processReadable(WSASockData *record, const ObjectRecord *event) {
     char byte;
-    const ssize_t peeked = recv(record->socket, &byte, sizeof byte, MSG_PEEK);
+    const ssize_t peeked = recv(record->socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
     if (peeked > 0 || (peeked == 0 && !isStream(record->socket))) {
         if (record->state != SOCK_STATE_CONNECTED && record->state != SOCK_STATE_CLOSED) {
             record->state = SOCK_STATE_CONNECTED;

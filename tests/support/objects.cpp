@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "objmem.h"
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/syslog_capture.h"
@@ -23,4 +24,9 @@ void ExpectFailure(const Failure &failure, const std::function<int64_t()> &opera
     Inventory after;
     WaitUntil([&] { return (after = TakeInventory()) == before; }, 5000);
     EXPECT_EQ(after, before);
+}
+
+int32_t References(HANDLE handle) {
+    const TableLock lock;
+    return vlliGetObjectAddress(handle)->refCount;
 }

@@ -63,6 +63,9 @@ inline void FinishThread(HANDLE thread) {
     EXPECT_TRUE(vllCloseHandle(thread));
 }
 
+// The references on a handle's record.
+int32_t References(HANDLE handle);
+
 // The descriptor that the next open call will get.
 inline int NextFd() {
     const int fd = dup(0);

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <map>
 
+#include "internal.h"
+
 namespace {
 
 int listener = -1;
@@ -66,6 +68,7 @@ void StartSyslogCapture() {
 }
 
 std::vector<LogLine> TakeLog() {
+    const KeepErrno keep_errno;  // tests look at the log before the last error, too
     std::vector<LogLine> lines;
     while (isReadable(listener)) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
