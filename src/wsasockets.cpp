@@ -49,7 +49,8 @@ struct EarlierSelection {
 // Another socket takes the record over: the old one leaves its event's set, if both still exist, without a word.
 void abandonSelection(WSASockData *record) {
     ObjectRecord *event;
-    if (vlliGetObjectType(record->hEventObject) == OBJ_EVENT && vlliOpenObjects(1, &record->hEventObject, &event)) {
+    if (vlliGetObjectType(record->hEventObject) == OBJ_EVENT &&
+        vlliOpenObjects(1, &record->hEventObject, &event)) {
         removeFromSet(event, record->socket);
         vlliCloseEvents(1, &record->hEventObject);
     }

@@ -21,8 +21,9 @@ bool isReadable(int fd) {
 }
 
 std::string createError(int fd, int efd, int error) {
-    return "VLL: CreateEvent: ERROR: event->fd = " + std::to_string(fd) + ", event->efd =" + std::to_string(efd) +
-           ", errno = " + std::to_string(error) + "[" + strerror(error) + "]\n";
+    return "VLL: CreateEvent: ERROR: event->fd = " + std::to_string(fd) +
+           ", event->efd =" + std::to_string(efd) + ", errno = " + std::to_string(error) + "[" +
+           strerror(error) + "]\n";
 }
 
 TEST_F(EventTest, state_after_each_operation) {
@@ -133,7 +134,8 @@ TEST_F(EventTest, failing_calls_of_a_creation) {
         {"epoll_create", 1, ENOMEM, {createError(fd, -1, ENOMEM)}},
     };
     for (const Failure &failure : failures) {
-        ExpectFailure(failure, [] { return MakeAutoEvent(TRUE); }, 0);
+        ExpectFailure(
+            failure, [] { return MakeAutoEvent(TRUE); }, 0);
     }
 }
 
@@ -145,7 +147,8 @@ TEST_F(EventTest, failing_calls_of_a_duplication) {
         {"dup", 2, EMFILE, {at + std::to_string(NextFd()) + ", new->efd\n"}},
     };
     for (const Failure &failure : failures) {
-        ExpectFailure(failure, [&] { return vllDuplicateHandle(event); }, 0);
+        ExpectFailure(
+            failure, [&] { return vllDuplicateHandle(event); }, 0);
     }
 }
 

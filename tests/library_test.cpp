@@ -112,8 +112,8 @@ TEST_F(LibraryCoreTest, formatErrorMessage_has_no_limit_of_its_own) {
 
 TEST_F(LibraryCoreTest, formatErrorMessage_without_memory) {
     char *message = nullptr;
-    ExpectFailure({"malloc", 1, ENOMEM, {}}, [&] { return vllFormatErrorMessage(&message, "p", EIO, "%d", 1); },
-                  -1);
+    ExpectFailure(
+        {"malloc", 1, ENOMEM, {}}, [&] { return vllFormatErrorMessage(&message, "p", EIO, "%d", 1); }, -1);
     EXPECT_EQ(message, nullptr);
 }
 

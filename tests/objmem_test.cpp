@@ -81,7 +81,8 @@ TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
         ASSERT_NE(handles[i], 0U);
         vlliGetObjectAddress(handles[i])->fd = -1;
     }
-    for (const auto create : {+[] { return MakeAutoEvent(); }, +[] { return vllCreateWaitableTimer(nullptr); }}) {
+    for (const auto create :
+         {+[] { return MakeAutoEvent(); }, +[] { return vllCreateWaitableTimer(nullptr); }}) {
         errno = 0;
         EXPECT_EQ(create(), 0U);
         EXPECT_EQ(errno, ENOMEM);
@@ -192,8 +193,8 @@ TEST_F(ObjmemTest, plain_descriptors) {
 TEST_F(ObjmemTest, forged_type_codes_do_nothing) {
     const Owned event(MakeManualEvent());
     const HANDLE index = event & kIndexMask;
-    for (const HANDLE type : {OBJ_WAITABLE_TIMER, OBJ_CONSOLE, OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE, OBJ_SHMEM,
-                              OBJ_NAMED_MUTEX, OBJ_NAMED_SEMAPHORE}) {
+    for (const HANDLE type : {OBJ_WAITABLE_TIMER, OBJ_CONSOLE, OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE,
+                              OBJ_SHMEM, OBJ_NAMED_MUTEX, OBJ_NAMED_SEMAPHORE}) {
         const HANDLE forged = type | index;
         SCOPED_TRACE(type);
         const struct {

@@ -180,7 +180,8 @@ TEST_F(ThreadTest, handles_that_are_no_thread) {
     const Owned event(MakeManualEvent());
     const HANDLE closed = MakeManualEvent();
     vllCloseHandle(closed);
-    const HANDLE handles[] = {event, closed, 0, 1, 0x50000, OBJ_THREAD | (closed & kIndexMask), OBJ_MUTEX | 1};
+    const HANDLE handles[] = {event,        closed, 0, 1, 0x50000, OBJ_THREAD | (closed & kIndexMask),
+                              OBJ_MUTEX | 1};
     for (const HANDLE handle : handles) {
         errno = 0;
         EXPECT_EQ(vllResumeThread(handle), 0U);
@@ -208,7 +209,8 @@ TEST_F(ThreadTest, terminating_a_record_without_a_thread) {
     errno = 0;
     EXPECT_FALSE(vllTerminateThread(bare, 1));
     EXPECT_EQ(errno, EFAULT);
-    snprintf(line, sizeof line, "VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n", bare, bare);
+    snprintf(line, sizeof line, "VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n", bare,
+             bare);
     EXPECT_EQ(TakeErrors(), Errors{line});
     EXPECT_EQ(vllResumeThread(bare), 1U);
     record->mem = mem;
@@ -218,13 +220,15 @@ TEST_F(ThreadTest, terminating_a_record_without_a_thread) {
 TEST_F(ThreadTest, failing_calls_of_a_creation) {
     std::atomic<int> runs{0};
     const Failure failures[] = {
-        {"sem_init", 1, ENOSYS, {}},       {"eventfd", 1, EMFILE, {}},  {"fcntl64", 1, EINVAL, {}},
-        {"dup", 1, EMFILE, {"VLLI: DetachObjmem( mem = NUILL )\n"}}, {"sem_post", 1, EINVAL, {}}, {"pthread_create", 1, EAGAIN, {}},
+        {"sem_init", 1, ENOSYS, {}},        {"eventfd", 1, EMFILE, {}},
+        {"fcntl64", 1, EINVAL, {}},         {"dup", 1, EMFILE, {"VLLI: DetachObjmem( mem = NUILL )\n"}},
+        {"sem_post", 1, EINVAL, {}},        {"pthread_create", 1, EAGAIN, {}},
         {"pthread_mutex_lock", 1, EIO, {}},
     };
     for (const Failure &failure : failures) {
         uintptr_t id = 1;
-        ExpectFailure(failure, [&] { return vllCreateThread(0, routineThatReturns9, &runs, &id, 0); }, 0);
+        ExpectFailure(
+            failure, [&] { return vllCreateThread(0, routineThatReturns9, &runs, &id, 0); }, 0);
         EXPECT_EQ(id, 1U);
     }
     EXPECT_EQ(runs, 0);
@@ -233,7 +237,8 @@ TEST_F(ThreadTest, failing_calls_of_a_creation) {
 TEST_F(ThreadTest, failing_cancellation_keeps_the_exit_code_at_0) {
     const auto body = [] {};
     const Owned thread(StartThread(body, CREATE_SUSPENDED));
-    ExpectFailure({"pthread_cancel", 1, EPERM, {}}, [&] { return vllTerminateThread(thread, 8); }, FALSE);
+    ExpectFailure(
+        {"pthread_cancel", 1, EPERM, {}}, [&] { return vllTerminateThread(thread, 8); }, FALSE);
     EXPECT_EQ(dataOf(thread)->exitCode, 0U);
     EXPECT_TRUE(vllTerminateThread(thread, 8));
     waitForEnd(thread);

@@ -132,8 +132,9 @@ TEST_F(WaitableTimerTest, refusals) {
         errno = 0;
         EXPECT_FALSE(operation.call(event));
         EXPECT_EQ(errno, EINVAL);
-        EXPECT_EQ(TakeErrors(), Errors{lead + std::to_string(event) + " ) - unable to (re)set timer time, error = " +
-                                       std::to_string(EINVAL) + " [" + strerror(EINVAL) + "]\n"});
+        EXPECT_EQ(TakeErrors(),
+                  Errors{lead + std::to_string(event) + " ) - unable to (re)set timer time, error = " +
+                         std::to_string(EINVAL) + " [" + strerror(EINVAL) + "]\n"});
     }
     EXPECT_TRUE(vllCloseHandle(bare));
 }
@@ -141,10 +142,12 @@ TEST_F(WaitableTimerTest, refusals) {
 TEST_F(WaitableTimerTest, failing_calls) {
     const Failure creations[] = {{"timerfd_create", 1, EMFILE, {}}, {"fcntl64", 1, EINVAL, {}}};
     for (const Failure &failure : creations) {
-        ExpectFailure(failure, [] { return vllCreateWaitableTimer(nullptr); }, 0);
+        ExpectFailure(
+            failure, [] { return vllCreateWaitableTimer(nullptr); }, 0);
     }
     const Owned timer(vllCreateWaitableTimer(nullptr));
-    ExpectFailure({"dup", 1, EMFILE, {}}, [&] { return vllDuplicateHandle(timer); }, 0);
+    ExpectFailure(
+        {"dup", 1, EMFILE, {}}, [&] { return vllDuplicateHandle(timer); }, 0);
 }
 
 }  // namespace

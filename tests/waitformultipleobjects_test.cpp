@@ -103,7 +103,8 @@ TEST_F(WaitForMultipleObjectsTest, a_bad_handle_anywhere_fails_and_changes_nothi
     const struct {
         HANDLE handle;
         size_t lines;
-    } rows[] = {{closed, 1}, {0, 1}, {5, 1}, {0x50000, 1}, {OBJ_WAITABLE_TIMER | (other & kIndexMask), 0}, {mutex, 0}};
+    } rows[] = {{closed, 1}, {0, 1}, {5, 1}, {0x50000, 1}, {OBJ_WAITABLE_TIMER | (other & kIndexMask), 0},
+                {mutex, 0}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.handle);
         for (const int32_t place : {0, 1, 2}) {
@@ -133,16 +134,23 @@ TEST_F(WaitForMultipleObjectsTest, failing_calls) {
     const Failure failures[] = {
         {"epoll_create", 1, EMFILE, {lead + "create( 2 ) == -1, errno = 24\n"}},
         {"malloc", 1, ENOMEM, {}},
-        {"epoll_ctl", 1, ENOMEM,
+        {"epoll_ctl",
+         1,
+         ENOMEM,
          {add + "0]->fd  = " + number(vlliGetObjectAddress(timer)->fd) + " ) = -1, errno = 12\n"}},
-        {"epoll_ctl", 2, ENOSPC,
+        {"epoll_ctl",
+         2,
+         ENOSPC,
          {add + "1]->efd = " + number(vlliGetObjectAddress(event)->efd) + " ) = -1, errno = 28\n"}},
-        {"epoll_ctl", 3, EPERM,
+        {"epoll_ctl",
+         3,
+         EPERM,
          {add + "1]->fd  = " + number(vlliGetObjectAddress(event)->fd) + " ) = -1, errno = 1\n"}},
         {"epoll_wait", 1, EINVAL, {}},
     };
     for (const Failure &failure : failures) {
-        ExpectFailure(failure, [&] { return vllWaitForMultipleObjects(2, handles, 50); }, WAIT_FAILED);
+        ExpectFailure(
+            failure, [&] { return vllWaitForMultipleObjects(2, handles, 50); }, WAIT_FAILED);
         EXPECT_EQ(References(event), 1);
         EXPECT_EQ(References(timer), 1);
     }
@@ -183,7 +191,8 @@ TEST_F(WaitForMultipleObjectsTest, time_outs_are_not_early) {
         clock_gettime(CLOCK_MONOTONIC, &start);
         EXPECT_EQ(vllWaitForSingleObject(event, timeout), WAIT_TIMEOUT);
         clock_gettime(CLOCK_MONOTONIC, &end);
-        const int64_t us = (end.tv_sec - start.tv_sec) * int64_t{1000000} + (end.tv_nsec - start.tv_nsec) / 1000;
+        const int64_t us =
+            (end.tv_sec - start.tv_sec) * int64_t{1000000} + (end.tv_nsec - start.tv_nsec) / 1000;
         EXPECT_GE(us, int64_t{timeout} * 1000);
         EXPECT_LT(us, 15000000);
     }
@@ -267,14 +276,12 @@ TEST_F(WaitForMultipleObjectsTest, a_stolen_signal_does_not_start_the_time_out_a
     vllResetEvent(event);
 }
 
-// The wait is told that the counter is ready, and the counter is gone when it comes to read it.
-TEST_F(WaitForMultipleObjectsTest, a_signal_found_taken_is_not_reported) {
+TEST_F(WaitForMultipleObjectsTest, one_signal_is_seen_once_through_two_handles) {
     const Owned event(MakeAutoEvent());
     const Owned next(MakeAutoEvent(TRUE));
     const Owned duplicate(vllDuplicateHandle(event));
     const HANDLE handles[] = {event, duplicate, next};
-    vllSetEvent(event);
-    // Both handles of the event are ready at once; the first read takes the signal.
+    vllSetEvent(duplicate);
     EXPECT_EQ(vllWaitForMultipleObjects(3, handles, 0), WAIT_OBJECT_0);
     EXPECT_EQ(vllWaitForMultipleObjects(3, handles, 0), WAIT_OBJECT_0 + 2);
     EXPECT_EQ(vllWaitForMultipleObjects(3, handles, 0), WAIT_TIMEOUT);

@@ -53,14 +53,19 @@ TEST_F(WaitForSingleObjectTest, failing_calls) {
     const std::string lead = "VLL: WaitForMultipleObjects: epoll_";
     const Failure failures[] = {
         {"epoll_create", 1, EMFILE, {lead + "create( 1 ) == -1, errno = 24\n"}},
-        {"epoll_ctl", 1, ENOMEM,
+        {"epoll_ctl",
+         1,
+         ENOMEM,
          {lead + "ctl( efd, EPOLL_CTL_ADD, events[0]->efd = " + efd + " ) = -1, errno = 12\n"}},
-        {"epoll_ctl", 2, ENOSPC,
+        {"epoll_ctl",
+         2,
+         ENOSPC,
          {lead + "ctl( efd, EPOLL_CTL_ADD, events[0]->fd  = " + fd + " ) = -1, errno = 28\n"}},
         {"epoll_wait", 1, EBADF, {}},
     };
     for (const Failure &failure : failures) {
-        ExpectFailure(failure, [&] { return vllWaitForSingleObject(event, 10); }, WAIT_FAILED);
+        ExpectFailure(
+            failure, [&] { return vllWaitForSingleObject(event, 10); }, WAIT_FAILED);
     }
     EXPECT_EQ(References(event), 1);
 }

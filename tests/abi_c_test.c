@@ -1,0 +1,115 @@
+/* A C99 program over the real library: a bit of everything, and the layouts that C programs see. */
+#include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "vwincompat.h"
+
+static int failures = 0;
+
+#define CHECK(condition)                                                    \
+    do {                                                                    \
+        if (!(condition)) {                                                 \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition); \
+            ++failures;                                                     \
+        }                                                                   \
+    } while (0)
+
+static uint32_t doubleIt(LPVOID parameter) {
+    int *number = (int *)parameter;
+    *number *= 2;
+    vllSetLastError(3);
+    if (*number == 42) {
+        vllExitThread(1);
+    }
+    return vllGetCurrentThread() != 0;
+}
+
+static void checkObjects(void) {
+    HANDLE event = vllCreateEvent(TRUE, FALSE, NULL);
+    HANDLE timer = vllCreateWaitableTimer(NULL);
+    HANDLE both[2] = {event, timer};
+    HANDLE copy = vllDuplicateHandle(event);
+    CHECK(event != 0 && timer != 0 && copy != 0 && copy != event);
+    CHECK(vllOpenEvent("name") == 0);
+    CHECK(vllGetEventFd(event) >= 0);
+    CHECK(vllWaitForMultipleObjects(2, both, 0) == WAIT_TIMEOUT);
+    CHECK(vllSetWaitableTimer(timer, -10000));
+    CHECK(vllMsgWaitForMultipleObjectsEx(2, both, 10000) == WAIT_OBJECT_0 + 1);
+    CHECK(vllCancelWaitableTimer(timer));
+    CHECK(vllSetEvent(copy));
+    CHECK(vllWaitForSingleObject(event, INFINITE) == WAIT_OBJECT_0);
+    CHECK(vllResetEvent(event));
+    CHECK(vllCloseHandle(event) && vllCloseHandle(copy) && vllCloseHandle(timer));
+    CHECK(!vllCloseHandle(event));
+    CHECK(vllGetLastError() == 22); /* EINVAL */
+}
+
+static void checkThreads(void) {
+    int number = 21;
+    uintptr_t id = 0;
+    HANDLE thread = vllCreateThread(0, doubleIt, &number, &id, CREATE_SUSPENDED);
+    vllSetLastError(5);
+    CHECK(thread != 0 && id != 0 && id != vllGetCurrentThreadId());
+    CHECK(vllWaitForSingleObject(thread, 10) == WAIT_TIMEOUT);
+    CHECK(vllResumeThread(thread) == 1);
+    CHECK(vllWaitForSingleObject(thread, 10000) == WAIT_OBJECT_0);
+    CHECK(number == 42);
+    CHECK(vllGetLastError() == 5);
+    CHECK(!vllTerminateThread(thread, 1));
+    CHECK(vllCloseHandle(thread));
+    thread = vllCreateThread(0, doubleIt, &number, NULL, CREATE_SUSPENDED);
+    CHECK(vllTerminateThread(thread, 9));
+    CHECK(vllWaitForSingleObject(thread, 10000) == WAIT_OBJECT_0);
+    CHECK(number == 42);
+    CHECK(vllCloseHandle(thread));
+}
+
+static void checkSockets(void) {
+    int pair[2];
+    char in[8];
+    char out[] = "abc";
+    DWORD count = 0;
+    WSABUF buffer = {out, 3};
+    WSASockData record = {0};
+    WSANETWORKEVENTS events;
+    HANDLE event = vllCreateEvent(FALSE, FALSE, NULL);
+    CHECK(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0);
+    CHECK(vllWSAEventSelect(pair[0], event, FD_READ | FD_CLOSE, &record) == 0);
+    CHECK(vllWSASend(pair[1], &buffer, 1, &count) == 0 && count == 3);
+    CHECK(vllWSASendTo(pair[1], &buffer, 1, &count, NULL, 0) == 0 && count == 3);
+    CHECK(vllWaitForSingleObject(event, 10000) == WAIT_OBJECT_0);
+    CHECK(vllWSAEnumNetworkEvents(&record, event, &events) == 0 && events.lNetworkEvents == FD_READ);
+    buffer.buf = in;
+    buffer.len = sizeof in;
+    CHECK(vllWSARecvFrom(pair[0], &buffer, 1, &count, NULL, NULL) == 0 && count == 6);
+    CHECK(memcmp(in, "abcabc", 6) == 0);
+    vllWSAEnableWriteEvent(&record);
+    vllWSAReactivate(&record);
+    close(pair[1]);
+    CHECK(vllWaitForSingleObject(event, 10000) == WAIT_OBJECT_0);
+    CHECK(vllWSAEnumNetworkEvents(&record, event, &events) == 0 && events.lNetworkEvents == FD_CLOSE);
+    close(pair[0]);
+    CHECK(vllCloseHandle(event));
+}
+
+int main(void) {
+    char *message = NULL;
+    CHECK(sizeof(HANDLE) == 4 && sizeof(DWORD) == 4 && sizeof(BOOL) == 4 && sizeof(FILETIME) == 4);
+    CHECK(INVALID_HANDLE_VALUE == (HANDLE)-1);
+    CHECK(offsetof(WSASockData, iErrorCode) == 20 && sizeof(WSANETWORKEVENTS) == 24);
+    CHECK(vllCreateEvent(TRUE, FALSE, NULL) == 0); /* not started yet */
+    vllvwincompatMain();
+    checkObjects();
+    checkThreads();
+    checkSockets();
+    CHECK(vllFormatErrorMessage(&message, "p", 2, "%d", 7) == (int32_t)strlen(message));
+    CHECK(strncmp(message, "p: ", 3) == 0);
+    free(message);
+    CHECK(pthread_mutex_lock(&objMemMutex) == 0 && pthread_mutex_unlock(&objMemMutex) == 0);
+    vllvwincompatExit();
+    return failures == 0 ? 0 : 1;
+}
