@@ -12,6 +12,14 @@
 #include "gateway.h"
 
 struct Client {
+    time_t last_active;
+    Job job;
+    unsigned lines_before;  // answered before the job
+    int sent;               // of job.answer
+    int socket;
+    HANDLE event;
+    WSASockData selection;
+    int32_t selected;  // the network events that are selected
     bool used;
     bool busy;      // a job or a command is under way
     bool offering;  // a command is being offered to the pieces
@@ -19,16 +27,8 @@ struct Client {
     bool closing;   // the peer has closed: no event tells what is left to read
     bool ended;     // nothing more will be read
     bool skipping;  // the rest of a line that was too long
-    int socket;
-    HANDLE event;
-    WSASockData selection;
-    int32_t selected;  // the network events that are selected
-    time_t last_active;
-    char input[kJobText];
     int input_length;
-    unsigned lines_before;  // answered before the job
-    int sent;               // of job.answer
-    Job job;
+    char input[kJobText];
 };
 
 namespace {

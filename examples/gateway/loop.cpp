@@ -68,7 +68,7 @@ void LoopRemove(HANDLE object) {
 
 bool LoopRun() {
     while (!ended) {
-        int order[MAXIMUM_WAIT_OBJECTS];
+        int order[MAXIMUM_WAIT_OBJECTS] = {};
         HANDLE objects[MAXIMUM_WAIT_OBJECTS];
         Arrange(order);
         for (int i = 0; i < source_count; ++i) {

@@ -33,7 +33,7 @@ void PiecesStop() {
 }
 
 void PiecesNote(const char *line) {
-    for (int i = 0; i < started; ++i) {
+    for (int i = 0; i < started && kPieces[i] != nullptr; ++i) {
         if (kPieces[i]->note != nullptr) {
             kPieces[i]->note(line);
         }
@@ -41,7 +41,7 @@ void PiecesNote(const char *line) {
 }
 
 bool PiecesTakeCommand(Client *client, const char *line) {
-    for (int i = 0; i < started; ++i) {
+    for (int i = 0; i < started && kPieces[i] != nullptr; ++i) {
         if (kPieces[i]->command != nullptr && kPieces[i]->command(client, line)) {
             return true;
         }
