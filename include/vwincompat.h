@@ -32,6 +32,9 @@
 /* sharing */
 #include "vwincompat/sharing.h"
 
+/* files */
+#include "vwincompat/fileops.h"
+
 /* sockets, serial */
 #include "vwincompat/socket.h"
 
