@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include "internal.h"
+#include "vwincompat/file.h"
 #include "vwincompat/fileops.h"
+#include "vwincompat/path.h"
 
 // Turns a Windows path into a Linux path and repairs the case of its components: 0, or -1 when a component
 // could not be resolved. out has room for strlen(in) + 16 bytes.
@@ -21,4 +23,10 @@ bool vlliIsSameEntry(const char *one, const char *other);
 inline FILETIME vlliToFileTime(time_t time) {
     const auto seconds = static_cast<FILETIME>(time);
     return seconds == time ? seconds : -1;
+}
+
+// How an operation refuses an argument.
+inline BOOL vlliFailInvalid() {
+    errno = EINVAL;
+    return FALSE;
 }

@@ -182,8 +182,7 @@ bool vlliIsSameEntry(const char *one, const char *other) {
 BOOL vllCopyFileEx(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, LPPROGRESS_ROUTINE lpProgressRoutine,
                    LPVOID lpData, BOOL *, DWORD dwCopyFlags) {
     if (lpExistingFileName == nullptr || lpNewFileName == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return vlliFailInvalid();
     }
     Copy copy = {};
     copy.source = lpExistingFileName;

@@ -84,16 +84,15 @@ int vlliFixPathCase(char *path, char *component, int isLast) {
 }
 
 int vlliConvertToLinuxPath(char *out, const char *in) {
-    *out = '\0';
+    char *end = out;
     for (const Prefix &prefix : kPrefixes) {
         const size_t length = matchPrefix(in, prefix.windows);
         if (length != 0) {
-            strcpy(out, prefix.linux_path);
+            end = stpcpy(out, prefix.linux_path);
             in += length;
             break;
         }
     }
-    char *end = out + strlen(out);
     for (;;) {
         *end++ = '/';
         while (isSeparator(*in)) {
