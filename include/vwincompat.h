@@ -32,6 +32,13 @@
 /* sharing */
 #include "vwincompat/sharing.h"
 
+/* files */
+#include "vwincompat/asyncio.h"
+#include "vwincompat/file.h"
+#include "vwincompat/fileops.h"
+#include "vwincompat/overlapped.h"
+#include "vwincompat/path.h"
+
 /* sockets, serial */
 #include "vwincompat/socket.h"
 

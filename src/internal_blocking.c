@@ -11,6 +11,7 @@
 #include "internal_blocking.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #ifdef __EXCEPTIONS
 #error "build this file with -fno-exceptions"
@@ -58,4 +59,20 @@ int vlliBlockInLockWait(int fd, int command, struct flock *lock) { VLL_BLOCK(int
 
 int vlliBlockInConnect(int socket, const struct sockaddr *address, socklen_t length) {
     VLL_BLOCK(int, connect(socket, address, length));
+}
+
+int vlliBlockInOpen(const char *path, int flags, mode_t mode) {
+    VLL_BLOCK(int, open(path, flags, mode));
+}
+
+ssize_t vlliBlockInRead(int fd, void *buffer, size_t size) {
+    VLL_BLOCK(ssize_t, read(fd, buffer, size));
+}
+
+ssize_t vlliBlockInWrite(int fd, const void *buffer, size_t size) {
+    VLL_BLOCK(ssize_t, write(fd, buffer, size));
+}
+
+int vlliBlockInFsync(int fd) {
+    VLL_BLOCK(int, fsync(fd));
 }

@@ -20,6 +20,10 @@ int vlliBlockInEpollWait(int epfd, struct epoll_event *events, int max_events, i
 int vlliBlockInPoll(struct pollfd *fds, nfds_t count, int timeout_ms);
 int vlliBlockInLockWait(int fd, int command, struct flock *lock);
 int vlliBlockInConnect(int socket, const struct sockaddr *address, socklen_t length);
+int vlliBlockInOpen(const char *path, int flags, mode_t mode);
+ssize_t vlliBlockInRead(int fd, void *buffer, size_t size);
+ssize_t vlliBlockInWrite(int fd, const void *buffer, size_t size);
+int vlliBlockInFsync(int fd);
 int vlliBlockInSemWait(sem_t *semaphore);
 ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
 ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);

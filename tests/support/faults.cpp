@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <glob.h>
 #include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>

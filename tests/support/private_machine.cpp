@@ -1,5 +1,6 @@
 #include "support/private_machine.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -9,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace {
 
@@ -84,6 +86,21 @@ void makeDev() {
 void EnterPrivateMachine() {
     enterNamespaces();
     makeDev();
+}
+
+void EnterPrivateRoot() {
+    const std::string root = "/mnt";
+    const std::unique_ptr<char, void (*)(void *)> cwd(getcwd(nullptr, 0), free);
+    const std::unique_ptr<DIR, int (*)(DIR *)> old_root(opendir("/"), closedir);
+    check(cwd != nullptr && old_root != nullptr, "/");
+    CoverDirectory(root);
+    while (const dirent *entry = readdir(old_root.get())) {
+        const std::string path = std::string("/") + entry->d_name;
+        if (entry->d_name[0] != '.' && path != root) {
+            takeOver(path, root + path);
+        }
+    }
+    check(chroot(root.c_str()) == 0 && chdir(cwd.get()) == 0, "chroot");
 }
 
 void CoverDirectory(const std::string &path, const char *size) {

@@ -7,6 +7,10 @@
 // Enters the namespace, before any thread is started. Ends the process with a message when that cannot be done.
 void EnterPrivateMachine();
 
+// Gives the process a root directory of its own, in which it may create directories beside those of the machine.
+// Before any thread is started.
+void EnterPrivateRoot();
+
 // Puts an empty tmpfs over a directory of the private machine, for the rest of the process (size as
 // mount(8) takes it, null for the default). The directory must exist.
 void CoverDirectory(const std::string &path, const char *size = nullptr);

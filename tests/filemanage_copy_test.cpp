@@ -1,0 +1,463 @@
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <csignal>
+#include <cstring>
+
+#include "filemanage_test.h"
+#include "support/child.h"
+#include "support/private_machine.h"
+
+namespace {
+
+const char *const kSource = "/var/tmp/source";
+const char *const kTarget = "/var/tmp/target";
+
+struct Call {
+    LARGE_INTEGER total, copied, chunk_size, chunk_bytes;
+    DWORD chunk, reason;
+    bool descriptors_open;
+};
+
+struct Routine {
+    std::vector<DWORD> answers;  // the last one for all further calls
+    std::vector<Call> calls;
+};
+
+DWORD progress(LARGE_INTEGER total, LARGE_INTEGER copied, LARGE_INTEGER chunk_size, LARGE_INTEGER chunk_bytes,
+               DWORD chunk, DWORD reason, HANDLE source, HANDLE target, LPVOID data) {
+    auto *routine = static_cast<Routine *>(data);
+    const bool open = fcntl(static_cast<int>(source), F_GETFL) != -1 &&
+                      (fcntl(static_cast<int>(target), F_GETFL) & O_ACCMODE) == O_WRONLY;
+    routine->calls.push_back({total, copied, chunk_size, chunk_bytes, chunk, reason, open});
+    const size_t call = std::min(routine->calls.size(), routine->answers.size());
+    return call == 0 ? PROGRESS_CONTINUE : routine->answers[call - 1];
+}
+
+std::string content(size_t size) {
+    std::string bytes(size, 'x');
+    for (size_t i = 0; i < size; i += 7) {
+        bytes[i] = static_cast<char>(i);
+    }
+    return bytes;
+}
+
+TEST_F(FileTest, copies_of_all_sizes) {
+    for (const size_t size : {0U, 1U, 4095U, 4096U, 4097U, 65536U, 70000U}) {
+        const std::string bytes = content(size);
+        WriteFile(kSource, bytes);
+        ASSERT_EQ(chmod(kSource, 0640), 0);
+        EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE)) << size;
+        EXPECT_TRUE(ReadFile(kTarget) == bytes) << size;
+        EXPECT_EQ(ModeOf(kTarget), 0640U);
+    }
+}
+
+TEST_F(FileTest, an_existing_target) {
+    WriteFile(kSource, "new");
+    WriteFile(kTarget, "old");
+    ASSERT_EQ(link(kTarget, "/var/tmp/other_link"), 0);
+    ASSERT_EQ(chmod(kSource, 0600), 0);
+    EXPECT_FALSE(vllCopyFile(kSource, kTarget, TRUE));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(ReadFile(kTarget), "old");
+    EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
+    EXPECT_EQ(ReadFile(kTarget), "new");
+    EXPECT_EQ(ModeOf(kTarget), 0600U);
+    EXPECT_EQ(ReadFile("/var/tmp/other_link"), "old");
+
+    // A directory cannot be unlinked.
+    EXPECT_FALSE(vllCopyFile(kSource, "/var/tmp/upload", FALSE));
+    EXPECT_EQ(errno, EEXIST);
+    // A directory as source costs no target.
+    EXPECT_FALSE(vllCopyFile("/var/tmp/upload", kTarget, FALSE));
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(ReadFile(kTarget), "new");
+    EXPECT_FALSE(vllCopyFile("/var/tmp/none", kTarget, FALSE));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(ReadFile(kTarget), "new");
+    EXPECT_FALSE(vllCopyFile(kSource, "/none/target", FALSE));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(vllCopyFile(nullptr, kTarget, FALSE));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(vllCopyFile(kSource, nullptr, FALSE));
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(FileTest, a_file_copied_to_itself_is_not_lost) {
+    WriteFile(kSource, "content");
+    ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
+    ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
+    for (const char *name : {kSource, "/var/tmp/../tmp/source", "/var/tmp/hard_link", "/var/tmp/symlink"}) {
+        EXPECT_FALSE(vllCopyFile(kSource, name, TRUE)) << name;
+        EXPECT_EQ(errno, EEXIST);
+        EXPECT_TRUE(vllCopyFile(kSource, name, FALSE)) << name;
+        EXPECT_EQ(ReadFile(kSource), "content") << name;
+        EXPECT_EQ(ReadFile(name), "content") << name;
+    }
+    ASSERT_EQ(unlink("/var/tmp/symlink"), 0);
+    ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
+    EXPECT_TRUE(vllCopyFile("/var/tmp/symlink", kSource, FALSE));
+    EXPECT_EQ(ReadFile(kSource), "content");
+}
+
+TEST_F(FileTest, progress_is_told_after_every_16th_chunk) {
+    WriteFile(kSource, content(70000));
+    Routine routine;
+    EXPECT_TRUE(vllCopyFileEx(kSource, kTarget, progress, &routine, nullptr, 0));
+    ASSERT_EQ(routine.calls.size(), 1U);
+    const Call &call = routine.calls[0];
+    EXPECT_EQ(call.total, 70000);
+    EXPECT_EQ(call.copied, 65536);
+    EXPECT_EQ(call.chunk_size, 4096);
+    EXPECT_EQ(call.chunk_bytes, 4096);
+    EXPECT_EQ(call.chunk, 16U);
+    EXPECT_EQ(call.reason, 0U);
+    EXPECT_TRUE(call.descriptors_open);
+}
+
+TEST_F(FileTest, what_the_routine_answers) {
+    const std::string bytes = content(4 * 65536 + 1);
+    struct Row {
+        std::vector<DWORD> answers;
+        size_t calls;
+        BOOL result;
+        int64_t target_size;  // -1: deleted
+    };
+    const Row rows[] = {
+        {{0}, 4, TRUE, 4 * 65536 + 1}, {{4, 99, 0xFFFFFFFF}, 4, TRUE, 4 * 65536 + 1},
+        {{1}, 1, FALSE, 65536},        {{0, 1}, 2, FALSE, 2 * 65536},
+        {{2}, 1, FALSE, -1},           {{0, 0, 2}, 3, FALSE, -1},
+        {{3}, 1, TRUE, 4 * 65536 + 1}, {{0, 3}, 2, TRUE, 4 * 65536 + 1},
+    };
+    WriteFile(kSource, bytes);
+    for (const Row &row : rows) {
+        Routine routine;
+        routine.answers = row.answers;
+        BOOL cancel = TRUE;  // nobody looks at it
+        errno = 0;
+        EXPECT_EQ(vllCopyFileEx(kSource, kTarget, progress, &routine, &cancel, 0), row.result);
+        EXPECT_EQ(routine.calls.size(), row.calls);
+        EXPECT_EQ(errno == EINTR, row.result == FALSE);
+        EXPECT_EQ(Exists(kTarget), row.target_size >= 0);
+        if (row.target_size >= 0) {
+            EXPECT_TRUE(ReadFile(kTarget) == bytes.substr(0, static_cast<size_t>(row.target_size)));
+        }
+    }
+}
+
+TEST_F(FileTest, a_source_that_grows_or_shrinks) {
+    const auto resize = [](LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD chunk, DWORD,
+                           HANDLE, HANDLE, LPVOID size) -> DWORD {
+        return chunk == 16 && truncate(kSource, *static_cast<off_t *>(size)) != 0 ? PROGRESS_CANCEL
+                                                                                  : PROGRESS_CONTINUE;
+    };
+    for (off_t size : {off_t{300000}, off_t{70000}, off_t{1}}) {
+        WriteFile(kSource, content(200000));
+        EXPECT_TRUE(vllCopyFileEx(kSource, kTarget, resize, &size, nullptr, 0));
+        EXPECT_EQ(ReadFile(kTarget).size(), std::max<size_t>(65536, static_cast<size_t>(size)));
+    }
+}
+
+TEST_F(FileTest, sources_that_are_no_regular_files) {
+    ASSERT_EQ(mkfifo("/var/tmp/fifo", 0666), 0);
+    const pid_t writer = StartChild([] {
+        WriteFile("/var/tmp/fifo", content(100000));
+        return 0;
+    });
+    Routine routine;
+    EXPECT_TRUE(vllCopyFileEx("/var/tmp/fifo", kTarget, progress, &routine, nullptr, 0));
+    EXPECT_TRUE(FinishChild(writer).exited);
+    EXPECT_TRUE(ReadFile(kTarget) == content(100000));
+    EXPECT_TRUE(vllCopyFile("/dev/null", kTarget, FALSE));
+    EXPECT_EQ(ReadFile(kTarget), "");
+    // Without end, until the target is full.
+    routine = {};
+    EXPECT_FALSE(vllCopyFileEx("/dev/zero", "/other/zeros", progress, &routine, nullptr, 0));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(Exists("/other/zeros"));
+    ASSERT_FALSE(routine.calls.empty());
+    EXPECT_EQ(routine.calls[0].total, -1);
+}
+
+TEST_F(FileTest, failures_leave_no_target) {
+    WriteFile(kSource, content(2000000));
+    EXPECT_FALSE(vllCopyFile(kSource, "/other/target", FALSE));  // a file system of 1 MiB
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(Exists("/other/target"));
+    struct Row {
+        const char *call;
+        int nth, error;
+    };
+    for (const Row &row : {Row{"read", 3, EIO}, Row{"write", 3, EDQUOT}, Row{"fsync", 1, EIO},
+                           Row{"open64", 1, EMFILE}, Row{"open64", 2, EROFS}}) {
+        const FailCall fail(row.call, row.nth, row.error);
+        EXPECT_FALSE(vllCopyFile(kSource, kTarget, FALSE)) << row.call;
+        EXPECT_EQ(errno, row.error) << row.call;
+        EXPECT_FALSE(Exists(kTarget)) << row.call;
+    }
+    {
+        const FailCall interrupted("read", 2, EINTR);
+        EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
+        EXPECT_TRUE(ReadFile(kTarget) == content(2000000));
+    }
+    const FailCall unsupported("fsync", 1, EINVAL);
+    EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
+}
+
+TEST_F(FileTest, a_write_that_is_cut_short_fails_the_copy) {
+    WriteFile(kSource, content(10000));
+    const ChildResult result = RunInChild([] {
+        const rlimit limit = {6000, 6000};
+        signal(SIGXFSZ, SIG_IGN);
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        EXPECT_FALSE(vllCopyFile(kSource, kTarget, FALSE));
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_FALSE(Exists(kTarget));
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(FileTest, files_over_2_gib_are_copied_whole) {
+    // Seen through the size alone: the copy ends in the progress routine.
+    const off_t size = (off_t{5} << 30) + 1;
+    const Fd file(open(kSource, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    ASSERT_EQ(ftruncate(file.get(), size), 0);
+    Routine routine;
+    routine.answers = {PROGRESS_CANCEL};
+    EXPECT_FALSE(vllCopyFileEx(kSource, kTarget, progress, &routine, nullptr, 0));
+    ASSERT_EQ(routine.calls.size(), 1U);
+    EXPECT_EQ(routine.calls[0].total, size);
+    // And whole, between descriptors that are read from beyond 2 GiB.
+    EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 0x7FFFFFFF, FILE_BEGIN), 0x7FFFFFFFU);
+    EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 1, FILE_CURRENT), 0x80000000U);
+    EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 0, FILE_END), 0xFFFFFFFFU);
+    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_EQ(lseek(file.get(), 0, SEEK_CUR), off_t{1} << 31);
+    EXPECT_EQ(vllGetFileSize(static_cast<HANDLE>(file.get())), 0xFFFFFFFFU);
+    EXPECT_EQ(errno, EOVERFLOW);
+    ASSERT_EQ(ftruncate(file.get(), 0xFFFFFFFE), 0);
+    EXPECT_EQ(vllGetFileSize(static_cast<HANDLE>(file.get())), 0xFFFFFFFEU);
+}
+
+// A thread that is cancelled in the routine or in a read leaves neither descriptor nor target.
+TEST_F(FileTest, a_copy_is_cancelled) {
+    WriteFile(kSource, content(70000));
+    ASSERT_EQ(mkfifo("/var/tmp/fifo", 0666), 0);
+    const Fd fifo(open("/var/tmp/fifo", O_RDWR | O_CLOEXEC));
+    using Body = uint32_t (*)(LPVOID);
+    const Body in_read = [](LPVOID) -> uint32_t {
+        return vllCopyFile("/var/tmp/fifo", kTarget, FALSE) == FALSE;
+    };
+    const Body in_routine = [](LPVOID) -> uint32_t {
+        const auto sleep = [](LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD, DWORD,
+                              HANDLE, HANDLE, LPVOID) -> DWORD {
+            const HANDLE never = vllCreateEvent(TRUE, FALSE, nullptr);
+            pthread_cleanup_push([](void *event) { vllCloseHandle(*static_cast<const HANDLE *>(event)); },
+                                 const_cast<HANDLE *>(&never));
+            vllWaitForSingleObject(never, INFINITE);
+            pthread_cleanup_pop(1);
+            return PROGRESS_CONTINUE;
+        };
+        return vllCopyFileEx(kSource, kTarget, sleep, nullptr, nullptr, 0) == FALSE;
+    };
+    for (const Body body : {in_read, in_routine}) {
+        const HANDLE thread = vllCreateThread(0, body, nullptr, nullptr, 0);
+        ASSERT_NE(thread, 0U);
+        EXPECT_TRUE(WaitUntil([] { return Exists(kTarget); }));
+        EXPECT_TRUE(vllTerminateThread(thread, 0));
+        EXPECT_EQ(vllWaitForSingleObject(thread, 20000), WAIT_OBJECT_0);
+        vllCloseHandle(thread);
+        EXPECT_FALSE(Exists(kTarget));
+    }
+}
+
+TEST_F(FileTest, linked_or_copied) {
+    WriteFile(kSource, "content");
+    struct stat source;
+    struct stat target;
+    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, TRUE));
+    ASSERT_EQ(stat(kSource, &source), 0);
+    EXPECT_EQ(source.st_nlink, 2U);
+    EXPECT_FALSE(vllLinkOrCopyFile(kSource, kTarget, TRUE));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, FALSE));
+    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kSource, FALSE));
+    EXPECT_EQ(ReadFile(kSource), "content");
+
+    ASSERT_EQ(unlink(kTarget), 0);
+    WriteFile(kTarget, "old");
+    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, FALSE));
+    ASSERT_EQ(stat(kSource, &source), 0);
+    ASSERT_EQ(stat(kTarget, &target), 0);
+    EXPECT_EQ(source.st_ino, target.st_ino);
+    EXPECT_FALSE(vllLinkOrCopyFile(kSource, "/var/tmp/upload", FALSE));
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_FALSE(vllLinkOrCopyFile("/var/tmp/none", kTarget, FALSE));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(ReadFile(kTarget), "content");
+    EXPECT_FALSE(vllLinkOrCopyFile(nullptr, kTarget, FALSE));
+    EXPECT_EQ(errno, EINVAL);
+
+    // Across file systems.
+    EXPECT_TRUE(vllLinkOrCopyFile(kSource, "/other/target", TRUE));
+    EXPECT_EQ(ReadFile("/other/target"), "content");
+    EXPECT_FALSE(vllLinkOrCopyFile(kSource, "/other/target", TRUE));
+    EXPECT_EQ(errno, EEXIST);
+    WriteFile("/other/target", "old");
+    EXPECT_TRUE(vllLinkOrCopyFile(kSource, "/other/target", FALSE));
+    EXPECT_EQ(ReadFile("/other/target"), "content");
+    WriteFile(kSource, content(2000000));
+    EXPECT_FALSE(vllLinkOrCopyFile(kSource, "/other/full", FALSE));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_FALSE(Exists("/other/full"));
+    const FailCall fail("link", 2, EMLINK);
+    EXPECT_FALSE(vllLinkOrCopyFile(kSource, kTarget, FALSE) && vllLinkOrCopyFile(kSource, kTarget, FALSE));
+}
+
+TEST_F(FileTest, moved) {
+    struct Row {
+        const char *target;
+        bool exists;
+        int64_t flags;  // -1: vllMoveFile()
+        BOOL result;
+        int error;
+    };
+    const Row rows[] = {
+        {kTarget, false, -1, TRUE, 0},
+        {kTarget, true, -1, FALSE, EEXIST},
+        {"/other/target", false, -1, FALSE, EXDEV},
+        {kTarget, false, 0, TRUE, 0},
+        {kTarget, true, 0, FALSE, EINVAL},
+        {kTarget, false, MOVE_REPLACE_EXISTING, TRUE, 0},
+        {kTarget, true, MOVE_REPLACE_EXISTING, TRUE, 0},
+        {kTarget, true, MOVE_COPY_ALLOWED, FALSE, EEXIST},
+        {kTarget, true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, TRUE, 0},
+        {"/other/target", false, 0, FALSE, EINVAL},
+        {"/other/target", false, MOVE_REPLACE_EXISTING, FALSE, EINVAL},
+        {"/other/target", false, MOVE_COPY_ALLOWED, TRUE, 0},
+        {"/other/target", true, MOVE_COPY_ALLOWED, FALSE, EEXIST},
+        {"/other/target", true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, TRUE, 0},
+        {nullptr, false, 0, FALSE, EINVAL},
+        {nullptr, false, MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING, FALSE, EINVAL},
+        {kTarget, false, MOVE_COPY_ALLOWED | MOVE_DELAY_UNTIL_REBOOT, FALSE, EINVAL},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(std::string(row.target != nullptr ? row.target : "null") + ", flags " +
+                     std::to_string(row.flags) + (row.exists ? ", exists" : ""));
+        unlink(kTarget);
+        unlink("/other/target");
+        WriteFile(kSource, "moved");
+        if (row.exists) {
+            WriteFile(row.target, "old");
+        }
+        errno = 0;
+        const BOOL result = row.flags == -1
+                                ? vllMoveFile(kSource, row.target)
+                                : vllMoveFileEx(kSource, row.target, static_cast<DWORD>(row.flags));
+        EXPECT_EQ(result, row.result);
+        if (!row.result) {
+            EXPECT_EQ(errno, row.error);
+        }
+        EXPECT_EQ(Exists(kSource), row.result == FALSE);
+        if (row.target != nullptr) {
+            EXPECT_EQ(ReadFile(row.target), row.result ? "moved" : row.exists ? "old" : "");
+        }
+    }
+}
+
+TEST_F(FileTest, moves_that_go_wrong) {
+    EXPECT_FALSE(vllMoveFile(nullptr, kTarget));
+    EXPECT_FALSE(vllMoveFileEx(nullptr, kTarget, MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_FALSE(vllMoveFileEx("/var/tmp/none", kTarget, MOVE_COPY_ALLOWED));
+    EXPECT_EQ(errno, ENOENT);
+    WriteFile(kSource, "content");
+    {
+        const FailCall fail("unlink", 1, EPERM);  // then the new link goes again
+        EXPECT_FALSE(vllMoveFile(kSource, kTarget));
+        EXPECT_EQ(errno, EPERM);
+    }
+    EXPECT_FALSE(Exists(kTarget));
+    EXPECT_TRUE(vllMoveFileEx(kSource, kSource, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
+    EXPECT_EQ(ReadFile(kSource), "content");
+    // A directory moves only by rename; a copy of it costs nothing that exists.
+    WriteFile(kTarget, "target");
+    EXPECT_FALSE(vllMoveFileEx("/var/tmp/upload", kTarget, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
+    EXPECT_EQ(ReadFile(kTarget), "target");
+    EXPECT_TRUE(vllMoveFileEx("/var/tmp/upload", "/var/tmp/moved", MOVE_REPLACE_EXISTING));
+    // A file that is reached through two mounts of its directory.
+    ASSERT_EQ(mkdir("/var/tmp/mounted", 0755), 0);
+    ASSERT_EQ(mount("/var/ulmex", "/var/tmp/mounted", nullptr, MS_BIND, nullptr), 0);
+    WriteFile("/var/ulmex/file", "content");
+    EXPECT_TRUE(
+        vllMoveFileEx("/var/ulmex/file", "/var/tmp/mounted/file", MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
+    EXPECT_EQ(ReadFile("/var/ulmex/file"), "content");
+    ASSERT_EQ(umount("/var/tmp/mounted"), 0);
+}
+
+TEST_F(FileTest, deleted) {
+    WriteFile(kTarget, "");
+    EXPECT_TRUE(vllDeleteFile(kTarget));
+    EXPECT_FALSE(vllDeleteFile(kTarget));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(vllDeleteFile("/var/tmp/upload"));
+    EXPECT_FALSE(vllDeleteFile("/var/ulmex"));
+    EXPECT_EQ(errno, ENOTEMPTY);
+    EXPECT_FALSE(vllDeleteFile(nullptr));
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(FileTest, deferred_moves) {
+    EXPECT_TRUE(vllMoveFileEx("/a/old", "/a/new", MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING));
+    EXPECT_TRUE(vllMoveFileEx("/b/old", "/b/new", MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_TRUE(vllMoveFileEx("/c/old", nullptr, MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_FALSE(vllMoveFileEx("/d\n/old", "/d/new", MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(ReadFile("/etc/moved.conf"), "/a/old /a/new replace_existing\n/b/old  NULL\n/c/old  NULL\n");
+
+    // A full file system takes no half line.
+    ASSERT_EQ(unlink("/etc/moved.conf"), 0);
+    ASSERT_EQ(symlink("/other/moved.conf", "/etc/moved.conf"), 0);
+    WriteFile("/other/moved.conf", "/first  NULL\n");
+    EXPECT_FALSE(vllCopyFile("/dev/zero", "/other/filler", FALSE));
+    WriteFile("/other/filler", std::string(2 << 20, 'f'));
+    const std::string long_name = "/" + std::string(8000, 'l');
+    EXPECT_FALSE(vllMoveFileEx(long_name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(ReadFile("/other/moved.conf"), "/first  NULL\n");
+    ASSERT_EQ(unlink("/etc/moved.conf"), 0);
+    ASSERT_EQ(mkdir("/etc/moved.conf", 0755), 0);
+    EXPECT_FALSE(vllMoveFileEx("/b/old", nullptr, MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_EQ(errno, EISDIR);
+}
+
+TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {
+    constexpr int kProcesses = 4;
+    constexpr int kLines = 200;
+    std::vector<pid_t> children;
+    for (int i = 0; i < kProcesses; ++i) {
+        children.push_back(StartChild([i] {
+            const std::string name(static_cast<size_t>(1000 + i), static_cast<char>('a' + i));
+            for (int line = 0; line < kLines; ++line) {
+                if (!vllMoveFileEx(name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT)) {
+                    return 1;
+                }
+            }
+            return 0;
+        }));
+    }
+    for (const pid_t child : children) {
+        EXPECT_EQ(FinishChild(child).status, 0);
+    }
+    std::ifstream file("/etc/moved.conf");
+    int lines = 0;
+    for (std::string line; std::getline(file, line); ++lines) {
+        const auto i = static_cast<size_t>(line[0] - 'a');
+        ASSERT_EQ(line, std::string(1000 + i, line[0]) + "  NULL");
+    }
+    EXPECT_EQ(lines, kProcesses * kLines);
+}
+
+}  // namespace

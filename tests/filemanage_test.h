@@ -1,0 +1,13 @@
+// A machine of their own for the tests of files: /Ulmex, /etc and below /var the directories of Windows paths, and
+// /other, a file system of 1 MiB. Empty and writable at the begin of each test.
+#pragma once
+
+#include "filemanage.h"
+#include "support/faults.h"
+#include "support/files.h"
+#include "support/fixture.h"
+
+class FileTest : public LibraryTest {
+  protected:
+    void SetUp() override;
+};
