@@ -11,6 +11,9 @@
 #include "internal_blocking.h"
 
 #include <pthread.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #ifdef __EXCEPTIONS
 #error "build this file with -fno-exceptions"
@@ -58,4 +61,20 @@ int vlliBlockInLockWait(int fd, int command, struct flock *lock) { VLL_BLOCK(int
 
 int vlliBlockInConnect(int socket, const struct sockaddr *address, socklen_t length) {
     VLL_BLOCK(int, connect(socket, address, length));
+}
+
+pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options) {
+    VLL_BLOCK(pid_t, waitpid(pid, status, options));
+}
+
+int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining) {
+    VLL_BLOCK(int, nanosleep(duration, remaining));
+}
+
+ssize_t vlliBlockInRead(int fd, void *buffer, size_t size) {
+    VLL_BLOCK(ssize_t, read(fd, buffer, size));
+}
+
+int vlliBlockInSystem(const char *command) {
+    VLL_BLOCK(int, system(command));
 }
