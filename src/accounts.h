@@ -18,7 +18,7 @@ struct AccountText {
 template <typename Lookup>
 int vlliLookUpAccount(AccountText *text, Lookup lookup) {
     constexpr size_t kFirstSize = 1024;
-    constexpr size_t kLargestSize = 1024 * 1024;
+    constexpr size_t kLargestSize = size_t{1024} * 1024;
     for (size_t size = kFirstSize;; size *= 2) {
         if (size > text->size) {
             text->block.reset(static_cast<char *>(malloc(size)));
