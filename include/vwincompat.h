@@ -18,6 +18,7 @@
 #include "vwincompat/types.h"
 
 /* handle and object core */
+#include "vwincompat/console.h"
 #include "vwincompat/handle.h"
 #include "vwincompat/library.h"
 
@@ -27,6 +28,8 @@
 #include "vwincompat/wait.h"
 
 /* threads, processes, memory */
+#include "vwincompat/process.h"
+#include "vwincompat/security.h"
 #include "vwincompat/thread.h"
 
 /* sharing */
@@ -41,5 +44,9 @@
 
 /* sockets, serial */
 #include "vwincompat/socket.h"
+
+/* modules, services */
+#include "vwincompat/module.h"
+#include "vwincompat/system.h"
 
 #endif /* VWINCOMPAT_H */

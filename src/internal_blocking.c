@@ -11,6 +11,8 @@
 #include "internal_blocking.h"
 
 #include <pthread.h>
+#include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #ifdef __EXCEPTIONS
@@ -75,4 +77,16 @@ ssize_t vlliBlockInWrite(int fd, const void *buffer, size_t size) {
 
 int vlliBlockInFsync(int fd) {
     VLL_BLOCK(int, fsync(fd));
+}
+
+pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options) {
+    VLL_BLOCK(pid_t, waitpid(pid, status, options));
+}
+
+int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining) {
+    VLL_BLOCK(int, nanosleep(duration, remaining));
+}
+
+int vlliBlockInSystem(const char *command) {
+    VLL_BLOCK(int, system(command));
 }

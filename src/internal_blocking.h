@@ -6,6 +6,8 @@
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/types.h>
+#include <time.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -27,6 +29,9 @@ int vlliBlockInFsync(int fd);
 int vlliBlockInSemWait(sem_t *semaphore);
 ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
 ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);
+pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options);
+int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining);
+int vlliBlockInSystem(const char *command);
 
 #ifdef __cplusplus
 }

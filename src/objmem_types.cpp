@@ -1,5 +1,6 @@
 #include "objmem_types.h"
 
+#include "console.h"
 #include "event.h"
 #include "thread.h"
 #include "waitabletimer.h"
@@ -9,7 +10,7 @@ namespace {
 constexpr ObjectType kObjectTypes[] = {
     {OBJ_EVENT, false, vlliCloseEvent, vlliDuplicateEvent},
     {OBJ_WAITABLE_TIMER, false, vlliCloseWaitableTimer, vlliDuplicateWaitableTimer},
-    {OBJ_CONSOLE, false, nullptr, nullptr},
+    {OBJ_CONSOLE, false, vlliCloseConsole, vlliDuplicateConsole},
     {OBJ_THREAD, true, vlliCloseThread, vlliDuplicateThread},
     {OBJ_MUTEX, true, nullptr, nullptr},
     {OBJ_SEMAPHORE, true, nullptr, nullptr},

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,10 +26,14 @@ void die(const char *what) {
 // A line as it comes: "<priority>Mmm dd hh:mm:ss ident: text".
 LogLine parseLine(const std::string &line) {
     LogLine parsed = {LOG_PRI(atoi(line.c_str() + 1)), line};
-    const std::string ident = "vlltest: ";
-    const size_t start = line.find(ident);
-    if (start != std::string::npos) {
-        parsed.text = line.substr(start + ident.size());
+    // What syslog(3) sends has the ident of openlog(); what is sent without it has the program's name.
+    for (const std::string &ident :
+         {std::string("vlltest: "), program_invocation_short_name + std::string(": ")}) {
+        const size_t start = line.find(ident);
+        if (start != std::string::npos) {
+            parsed.text = line.substr(start + ident.size());
+            break;
+        }
     }
     return parsed;
 }
@@ -38,7 +43,8 @@ bool isReadable(int fd) {
     return poll(&poll_fd, 1, 0) == 1;
 }
 
-void readConnection(int fd, std::string *bytes, std::vector<LogLine> *lines) {
+// False once the other side has closed.
+bool readConnection(int fd, std::string *bytes, std::vector<LogLine> *lines) {
     char buffer[4096];
     ssize_t length;
     while ((length = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
@@ -49,6 +55,7 @@ void readConnection(int fd, std::string *bytes, std::vector<LogLine> *lines) {
         lines->push_back(parseLine(bytes->substr(0, end)));
         bytes->erase(0, end + 1);
     }
+    return length != 0;
 }
 
 }  // namespace
@@ -77,8 +84,13 @@ std::vector<LogLine> TakeLog() {
         }
         pending[fd];
     }
-    for (auto &[fd, bytes] : pending) {
-        readConnection(fd, &bytes, &lines);
+    for (auto it = pending.begin(); it != pending.end();) {
+        if (readConnection(it->first, &it->second, &lines)) {
+            ++it;
+        } else {
+            close(it->first);
+            it = pending.erase(it);
+        }
     }
     return lines;
 }

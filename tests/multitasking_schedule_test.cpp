@@ -1,0 +1,321 @@
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include "support/child.h"
+#include "support/faults.h"
+#include "support/fixture.h"
+#include "support/private_machine.h"
+#include "support/shown_process.h"
+
+namespace {
+
+constexpr DWORD kLimitMs = 60000;
+
+class ScheduleTest : public LibraryTest {};
+
+// Runs body in a child, where priorities and identity may change.
+void inChild(const std::function<void()> &body) {
+    const ChildResult result = RunInChild([&] {
+        body();
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(result.status, 0);
+}
+
+DWORD self() {
+    return vllGetCurrentProcessId();
+}
+
+TEST_F(ScheduleTest, priority_class) {
+    inChild([] {
+        struct {
+            int32_t policy;
+            int32_t priority;
+            bool accepted;
+            int nice;
+        } rows[] = {
+            {0, 5, true, 5},   {0, 20, true, 19},        {0, -20, true, -20}, {0, 0, true, 0},
+            {0, 21, false, 0}, {0, -21, false, 0},       {3, 0, false, 0},    {-1, 0, false, 0},
+            {5, 0, false, 0},  {0, INT32_MIN, false, 0}, {1, 0, false, 0},    {2, 100, false, 0},
+            {1, 10, true, 0},  {2, 99, true, 0},         {0, 3, true, 3},
+        };
+        for (const auto &row : rows) {
+            SCOPED_TRACE(testing::Message() << row.policy << ", " << row.priority);
+            const int before = sched_getscheduler(0);
+            errno = 0;
+            EXPECT_EQ(vllSetPriorityClass(self(), row.policy, row.priority), row.accepted ? TRUE : FALSE);
+            EXPECT_EQ(errno, row.accepted ? 0 : EINVAL);
+            EXPECT_EQ(sched_getscheduler(0), row.accepted ? row.policy : before);
+            if (row.accepted && row.policy == SCHED_OTHER) {
+                EXPECT_EQ(getpriority(PRIO_PROCESS, 0), row.nice);
+            }
+            if (row.accepted && row.policy != SCHED_OTHER) {
+                sched_param parameter;
+                sched_getparam(0, &parameter);
+                EXPECT_EQ(parameter.sched_priority, row.priority);
+            }
+        }
+        EXPECT_FALSE(vllSetPriorityClass(0x7FFFFFFF, 0, 0));
+        EXPECT_EQ(errno, ESRCH);
+    });
+}
+
+TEST_F(ScheduleTest, without_privilege) {
+    inChild([] {
+        ASSERT_EQ(setuid(65534), 0);
+        EXPECT_FALSE(vllSetPriorityClass(self(), SCHED_FIFO, 1));
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_FALSE(vllSetPriorityClass(1, SCHED_OTHER, 0));
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_TRUE(vllSetPriorityClass(self(), SCHED_OTHER, 10));
+        EXPECT_FALSE(vllSetPriorityClass(self(), SCHED_OTHER, -5));
+        EXPECT_EQ(errno, EACCES);
+        EXPECT_FALSE(vllSetThreadPriority(vllGetCurrentThreadId(), SCHED_RR, 1));
+        EXPECT_EQ(errno, EPERM);
+    });
+}
+
+TEST_F(ScheduleTest, thread_priority) {
+    inChild([] {
+        int32_t policy = -1;
+        int32_t priority = -1;
+        const uintptr_t thread = vllGetCurrentThreadId();
+        EXPECT_TRUE(vllGetThreadPriority(thread, &policy, &priority));
+        EXPECT_EQ(policy, SCHED_OTHER);
+        EXPECT_EQ(priority, 0);
+        EXPECT_TRUE(vllSetThreadPriority(thread, SCHED_RR, 7));
+        EXPECT_TRUE(vllGetThreadPriority(thread, &policy, &priority));
+        EXPECT_EQ(policy, SCHED_RR);
+        EXPECT_EQ(priority, 7);
+        EXPECT_FALSE(vllSetThreadPriority(thread, SCHED_RR, 0));
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FALSE(vllSetThreadPriority(thread, 77, 1));
+        EXPECT_EQ(errno, EINVAL);
+
+        EXPECT_FALSE(vllSetThreadPriority(0, SCHED_OTHER, 0));
+        EXPECT_EQ(errno, ESRCH);
+        EXPECT_FALSE(vllGetThreadPriority(0, &policy, &priority));
+        EXPECT_EQ(errno, ESRCH);
+        EXPECT_FALSE(vllGetThreadPriority(thread, nullptr, &priority));
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FALSE(vllGetThreadPriority(thread, &policy, nullptr));
+        EXPECT_EQ(policy, SCHED_RR);
+    });
+}
+
+// ---- sleeping ----
+
+class SleepTest : public LibraryTest {};
+
+TEST_F(SleepTest, for_the_time_asked) {
+    EXPECT_EQ(vllSleep(0), 0);
+    for (const DWORD ms : {1U, 30U, 1100U}) {
+        const int64_t start = NowMs();
+        EXPECT_EQ(vllSleep(ms), 0);
+        EXPECT_GE(NowMs() - start + 1, int64_t{ms});
+    }
+}
+
+TEST_F(SleepTest, refuses_what_is_negative) {
+    const int64_t start = NowMs();
+    for (const DWORD ms : {0xFFFFFFFFU, 0x80000000U, 0U - 1000U, 0U - 1500U}) {
+        errno = 0;
+        EXPECT_EQ(vllSleep(ms), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_LT(NowMs() - start, 60000);
+}
+
+std::atomic<int> alarms;
+
+TEST_F(SleepTest, goes_on_after_signals) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { ++alarms; };
+    struct sigaction old;
+    sigaction(SIGALRM, &action, &old);
+    alarms = 0;
+    const itimerval every_5_ms = {{0, 5000}, {0, 5000}};
+    setitimer(ITIMER_REAL, &every_5_ms, nullptr);
+    const int64_t start = NowMs();
+    EXPECT_EQ(vllSleep(300), 0);
+    EXPECT_GE(NowMs() - start + 1, 300);
+    const itimerval off = {};
+    setitimer(ITIMER_REAL, &off, nullptr);
+    sigaction(SIGALRM, &old, nullptr);
+    EXPECT_GE(alarms, 2);
+}
+
+// A thread that is cancelled in a blocking call unwinds: its clean-up is seen, and its handle is signalled.
+struct Victim {
+    std::atomic<pid_t> tid{0};
+    std::atomic<bool> unwound{false};
+    void (*block)() = nullptr;
+};
+
+uint32_t runVictim(LPVOID parameter) {
+    auto *victim = static_cast<Victim *>(parameter);
+    struct Guard {
+        Victim *victim;
+        ~Guard() { victim->unwound = true; }
+    } const guard = {victim};
+    victim->tid = gettid();
+    victim->block();
+    return 0;
+}
+
+void expectCancellable(void (*block)()) {
+    Victim victim;
+    victim.block = block;
+    const HANDLE thread = vllCreateThread(0, runVictim, &victim, nullptr, 0);
+    ASSERT_NE(thread, 0U);
+    ASSERT_TRUE(WaitUntil([&] { return victim.tid != 0; }));
+    ASSERT_TRUE(WaitUntilAsleep(victim.tid));
+    EXPECT_TRUE(vllTerminateThread(thread, 1));
+    EXPECT_EQ(vllWaitForSingleObject(thread, kLimitMs), WAIT_OBJECT_0);
+    EXPECT_TRUE(victim.unwound);
+    EXPECT_TRUE(vllCloseHandle(thread));
+}
+
+TEST_F(SleepTest, can_be_cancelled) {
+    expectCancellable([] { vllSleep(0x7FFFFFFF); });
+}
+
+// ---- the daemon lookup ----
+
+// Stands first on PATH for a scope: nothing but what the directory holds, and the system's directories.
+class DaemonTest : public LibraryTest {
+  protected:
+    void SetUp() override {
+        path_ = getenv("PATH") != nullptr ? getenv("PATH") : "/bin:/usr/bin";
+        directory_ = MakeProgramDirectory();
+        setenv("PATH", (directory_ + ":" + path_).c_str(), 1);
+        LibraryTest::SetUp();
+    }
+    void TearDown() override {
+        setenv("PATH", path_.c_str(), 1);
+        LibraryTest::TearDown();
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    }
+
+    // A stand-in for pidof that writes its arguments to a file and prints an answer.
+    void answer(const std::string &text) {
+        MakeScript(directory_, "pidof",
+                   "#!/bin/sh\nprintf '%s|' \"$@\" > " + directory_ + "/asked\nprintf '%b' '" + text + "'\n");
+    }
+    std::string asked() {
+        const std::string file = directory_ + "/asked";
+        std::ifstream in(file);
+        std::string text;
+        std::getline(in, text);
+        unlink(file.c_str());
+        return text;
+    }
+
+    std::string path_;
+    std::string directory_;
+};
+
+TEST_F(DaemonTest, finds_a_real_program) {
+    const std::string name = "vlltestdaemon" + std::to_string(getpid());
+    EXPECT_EQ(vllGetDaemonPID(name.c_str()), -1);
+    std::ifstream in("/bin/sleep", std::ios::binary);
+    MakeScript(directory_, name, std::string(std::istreambuf_iterator<char>(in), {}));
+    PROCESS_INFORMATION process;
+    ASSERT_TRUE(vllCreateProcess(nullptr, (name + " 60").c_str(), nullptr, &process));
+    EXPECT_TRUE(WaitUntil([&] { return vllGetDaemonPID(name.c_str()) != -1; }));
+    EXPECT_EQ(vllGetDaemonPID(name.c_str()), static_cast<int32_t>(process.dwProcessId));
+    EXPECT_TRUE(vllTerminateProcess(process.dwProcessId, 0));
+    EXPECT_EQ(vllWaitForSingleObject(process.hProcess, kLimitMs), WAIT_OBJECT_0);
+    EXPECT_TRUE(vllCloseHandle(process.hProcess));
+}
+
+TEST_F(DaemonTest, reads_the_first_number_of_the_first_line) {
+    const struct {
+        std::string text;
+        int32_t pid;
+    } rows[] = {
+        {"4711\\n", 4711}, {"12 34 56\\n", 12}, {" 7", 7},  {"", -1},
+        {"\\n5\\n", -1},   {"none\\n", -1},     {"-3", -3}, {std::string(300, ' ') + "5\\n", -1},
+    };
+    for (const auto &row : rows) {
+        answer(row.text);
+        EXPECT_EQ(vllGetDaemonPID("init"), row.pid) << row.text;
+        EXPECT_EQ(asked(), "init|");
+    }
+}
+
+TEST_F(DaemonTest, hostile_names_run_nothing) {
+    answer("1\\n");
+    const std::string touched = directory_ + "/touched";
+    ResetCallCounts();
+    const std::string names[] = {
+        "",
+        "a b",
+        "a;touch " + touched,
+        "$(touch${IFS}" + touched + ")",
+        "`id`",
+        "a|b",
+        "a&b",
+        "a>b",
+        "a<b",
+        "'a'",
+        "\"a\"",
+        "a\nb",
+        "a*",
+        "a?",
+        "[a]",
+        "~root",
+        "a\\b",
+        "#a",
+        "{a,b}",
+        "a\tb",
+        "!a",
+        "(a)",
+        "-o",
+        "caf\xE9",
+    };
+    for (const std::string &name : names) {
+        errno = 0;
+        EXPECT_EQ(vllGetDaemonPID(name.c_str()), -1) << name;
+        EXPECT_EQ(errno, EINVAL) << name;
+    }
+    errno = 0;
+    EXPECT_EQ(vllGetDaemonPID(nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(vllGetDaemonPID(std::string(44, 'a').c_str()), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(vllGetDaemonPID(std::string(100000, 'a').c_str()), -1);
+    EXPECT_EQ(CallCount("popen"), 0U);
+    EXPECT_EQ(asked(), "");
+    EXPECT_EQ(access(touched.c_str(), F_OK), -1);
+
+    EXPECT_EQ(vllGetDaemonPID(std::string(43, 'a').c_str()), 1);
+    EXPECT_EQ(asked(), std::string(43, 'a') + "|");
+    const char *plain = "a.B_9-+/:@,%=";
+    EXPECT_EQ(vllGetDaemonPID(plain), 1);
+    EXPECT_EQ(asked(), std::string(plain) + "|");
+}
+
+TEST_F(DaemonTest, no_pipe) {
+    FailCall fail("popen", 1, EMFILE);
+    errno = 0;
+    EXPECT_EQ(vllGetDaemonPID("init"), -1);
+    EXPECT_EQ(errno, EMFILE);
+}
+
+TEST_F(DaemonTest, can_be_cancelled) {
+    MakeScript(directory_, "pidof", "#!/bin/sh\nexec sleep 2\n");
+    expectCancellable([] { vllGetDaemonPID("init"); });
+}
+
+}  // namespace

@@ -1,0 +1,36 @@
+// A program that tells how it was started: the test binary itself, under another name.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct ShownProcess {
+    std::vector<std::string> arguments;
+    std::string directory;
+    std::string path;     // its PATH; "-" when it has none
+    std::string blocked;  // its signal mask, as /proc shows it
+};
+
+// A directory of the test's own, where programs can be put and run.
+std::string MakeProgramDirectory();
+
+// Puts the telling program there under a name: its path. It tells only within a ShowProcesses scope.
+std::string MakeShownProgram(const std::string &directory, const std::string &name);
+
+// Puts a script there: its path.
+std::string MakeScript(const std::string &directory, const std::string &name, const std::string &text);
+
+// While it lives, a telling program that this process starts tells, and ends with status 0.
+class ShowProcesses {
+  public:
+    ShowProcesses();
+    ~ShowProcesses();
+    ShowProcesses(const ShowProcesses &) = delete;
+    ShowProcesses &operator=(const ShowProcesses &) = delete;
+
+    // What the last one told, which must have ended.
+    ShownProcess take();
+
+  private:
+    std::string file_;
+};
