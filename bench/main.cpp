@@ -61,7 +61,7 @@ class Collector : public benchmark::BenchmarkReporter {
                 error_ = run.error_message;
             }
             iterations_ = run.iterations / run.threads;
-            time_ns_ = clock_ == bench::Clock::cpu ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
+            time_ns_ = clock_ == bench::Clock::wall ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
         }
     }
 
@@ -81,6 +81,8 @@ benchmark::internal::Benchmark *RegisterSide(const bench::Pair &pair, const char
     run->Arg(pair.argument)->Threads(pair.threads);
     if (pair.clock == bench::Clock::wall) {
         run->UseRealTime();
+    } else if (pair.clock == bench::Clock::process) {
+        run->MeasureProcessCPUTime();
     }
     return run;
 }

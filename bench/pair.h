@@ -14,8 +14,9 @@ namespace bench {
 using Body = void (*)(benchmark::State &state);
 
 // What is compared. CPU time does not see that another process had the processor, but it does not see waiting
-// either: it is for operations that never block.
-enum class Clock { wall, cpu };
+// either: that of the thread is for operations that never block, that of the process for those whose threads
+// wait for each other only as long as the scheduler likes.
+enum class Clock { wall, cpu, process };
 
 struct Pair {
     const char *operation;  // unique in its binary, at most 60 bytes
