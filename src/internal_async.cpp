@@ -213,7 +213,9 @@ int32_t vlliProcessFd(epoll_event *event) {
     const auto result = static_cast<int32_t>(bytes);
     record->result = result;
     if (result > 0) {
-        record->transferred += static_cast<uint32_t>(result);
+        // Atomic for those who watch the progress; what was transferred is theirs to see.
+        const uint32_t transferred = record->transferred + static_cast<uint32_t>(result);
+        __atomic_store_n(&record->transferred, transferred, __ATOMIC_RELEASE);
     }
     // An error or hang-up that comes without readiness would wake the service again and again.
     const bool was_ready = (event->events & (write ? EPOLLOUT : EPOLLIN)) != 0;
