@@ -106,6 +106,30 @@ cat "$work/gateway"
 answered=$(sed -n 's/^gateway: .* \([0-9]*\) lines answered.*/\1/p' "$work/gateway")
 cut=$(sed -n 's/^gateway: .* \([0-9]*\) cut in mid-line.*/\1/p' "$work/gateway")
 
+echo "== a gateway with a console runs a program for a client, and quits when told to"
+mkfifo "$work/console"
+"${under[@]}" "$programs/gateway" --port-file "$work/port2" --commands <>"$work/console" >"$work/gateway2" 2>&1 &
+gateway=$!
+port2_written() { [ -s "$work/port2" ] || gateway_ended; }
+wait_until port2_written
+if exec 3<>"/dev/tcp/127.0.0.1/$(cat "$work/port2")"; then
+    printf '!sleep 0.2\nand a line\n' >&3
+    timeout 20 head -n 2 <&3 | tee "$work/command"
+    exec 3>&-
+fi
+if ! { grep -q '^1 process [0-9]* has ended$' "$work/command" && grep -q '^2 AND A LINE$' "$work/command"; }; then
+    echo "FAILED: !sleep"
+    failures=$((failures + 1))
+fi
+echo quit >"$work/console"
+if wait_until gateway_ended && wait "$gateway"; then
+    gateway=
+else
+    echo "FAILED: quit"
+    failures=$((failures + 1))
+fi
+cat "$work/gateway2"
+
 echo "== summary"
 echo "${#pids[@]} clients sent $lines lines; the gateway answered ${answered:-none} with those of the crowd and saw ${cut:-none} cut"
 [ "${answered:-0}" -ge $((lines + max_clients)) ] || failures=$((failures + 1))

@@ -17,6 +17,7 @@ struct Settings {
     int idle_seconds;       // a client that neither sends nor takes anything for so long is dropped
     const char *port_file;  // where the port is written, or null
     bool verbose;
+    bool commands;  // clients may run programs
 };
 
 struct Statistics {

@@ -10,7 +10,7 @@
 
 #include "gateway.h"
 
-Settings settings = {kMaxClients, 4, 1, 300, nullptr, false};
+Settings settings = {kMaxClients, 4, 1, 300, nullptr, false, false};
 Statistics statistics;
 
 namespace {
@@ -102,6 +102,10 @@ bool ParseOptions(int argc, char **argv) {
             settings.verbose = true;
             continue;
         }
+        if (strcmp(argv[i], "--commands") == 0) {
+            settings.commands = true;
+            continue;
+        }
         if (strcmp(argv[i], "--port-file") == 0) {
             settings.port_file = value;
             good = *value != '\0';
@@ -119,7 +123,7 @@ bool ParseOptions(int argc, char **argv) {
         if (!good) {
             fprintf(stderr,
                     "usage: %s [--port-file FILE] [--clients 1-%d] [--workers 1-%d] [--heartbeat SECONDS] "
-                    "[--idle SECONDS] [--verbose]\n",
+                    "[--idle SECONDS] [--commands] [--verbose]\n",
                     argv[0], kMaxClients, kMaxWorkers);
             return false;
         }

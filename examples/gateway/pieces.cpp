@@ -2,10 +2,15 @@
 
 #include "gateway.h"
 
+extern const Piece console_piece;
+extern const Piece processes_piece;
+
 namespace {
 
-// Ends with null.
+// Ends with null. A command goes to the first that takes it; processes take any.
 const Piece *const kPieces[] = {
+    &console_piece,
+    &processes_piece,
     nullptr,
 };
 
