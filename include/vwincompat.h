@@ -43,6 +43,7 @@
 #include "vwincompat/path.h"
 
 /* sockets, serial */
+#include "vwincompat/serial.h"
 #include "vwincompat/socket.h"
 
 /* modules, services */

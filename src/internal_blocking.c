@@ -10,8 +10,10 @@
  */
 #include "internal_blocking.h"
 
+#include <errno.h>
 #include <pthread.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -89,4 +91,19 @@ int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remai
 
 int vlliBlockInSystem(const char *command) {
     VLL_BLOCK(int, system(command));
+}
+
+/* An ioctl is no cancellation point: it can be left only while the thread is asynchronously cancellable. */
+int vlliBlockInModemWait(int port, int lines) {
+    int result;
+    int type;
+    int error;
+    pthread_cleanup_push(nothingToCleanUp, NULL);
+    pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &type);
+    result = ioctl(port, TIOCMIWAIT, lines);
+    error = errno;
+    pthread_setcanceltype(type, NULL);
+    errno = error;
+    pthread_cleanup_pop(0);
+    return result;
 }

@@ -32,6 +32,7 @@ ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);
 pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options);
 int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining);
 int vlliBlockInSystem(const char *command);
+int vlliBlockInModemWait(int port, int lines);
 
 #ifdef __cplusplus
 }

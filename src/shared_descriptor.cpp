@@ -142,31 +142,35 @@ Fd acceptClient(int listening) {
     }
 }
 
+// Receives up to size bytes: how many, 0 at the end, -1 on failure.
+ssize_t receive(int socket, char *bytes, size_t size) {
+    iovec part = {bytes, size};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    ssize_t received;
+    do {
+        received = vlliBlockInRecvmsg(socket, &message, 0);
+    } while (received == -1 && errno == EINTR);
+    return received;
+}
+
 // Reads a request byte by byte up to its NUL: true when it came and fits. One that is too long is read to
 // its end all the same, since closing a socket with unread bytes would take the answer from the client.
 bool readRequest(int socket, std::array<char, kRequestSize> *request) {
-    size_t length = 0;
-    for (;;) {
-        char byte;
-        iovec part = {&byte, 1};
-        msghdr message = {};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        const ssize_t received = vlliBlockInRecvmsg(socket, &message, 0);
-        if (received == -1 && errno == EINTR) {
-            continue;
-        }
-        if (received != 1) {
+    for (char &byte : *request) {
+        if (receive(socket, &byte, 1) != 1) {
             return false;
         }
-        if (length < kRequestSize) {
-            (*request)[length] = byte;
-        }
         if (byte == '\0') {
-            return length < kRequestSize;
+            return true;
         }
-        length += length < kRequestSize ? 1 : 0;
     }
+    ssize_t received;
+    do {
+        received = receive(socket, request->data(), request->size());
+    } while (received > 0 && memchr(request->data(), '\0', static_cast<size_t>(received)) == nullptr);
+    return false;
 }
 
 // The descriptor that was published first under a name, or -1.

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int kLimitMs = 10000;
+constexpr int kLimitMs = 30000;
 
 Fd connectRaw() {
     sockaddr_un address = {};

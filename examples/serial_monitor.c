@@ -1,0 +1,85 @@
+/*
+ * Prints what a serial port receives and how its modem lines change, until the port is gone or Ctrl-C.
+ *
+ *   serial_monitor /dev/ttyS0
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <termios.h>
+#include <unistd.h>
+#include <vwincompat.h>
+
+static int fail(const char *what) {
+    fprintf(stderr, "serial_monitor: %s: %s\n", what, strerror((int)vllGetLastError()));
+    return 1;
+}
+
+static void printLines(int port) {
+    DWORD lines;
+    if (vllGetCommModemStatus(port, &lines)) {
+        printf("lines:%s%s%s%s\n", lines & MS_CTS_ON ? " CTS" : "", lines & MS_DSR_ON ? " DSR" : "",
+               lines & MS_RING_ON ? " RING" : "", lines & MS_RLSD_ON ? " RLSD" : "");
+    }
+}
+
+/* Copies what has arrived: 1, or 0 when the port is gone. */
+static int printData(int port) {
+    char buffer[256];
+    const ssize_t length = read(port, buffer, sizeof buffer);
+    if (length > 0) {
+        printf("data: %.*s\n", (int)length, buffer);
+    }
+    return length > 0;
+}
+
+/* A pass for each event; the port is read without blocking. */
+static int monitor(int port, OverlappedRecord *record) {
+    uint32_t events = 0;
+    printLines(port);
+    for (;;) {
+        fflush(stdout);
+        if (!vllWaitCommEvent(port, &events, record)) {
+            if (vllGetLastError() != EINPROGRESS ||
+                vllWaitForSingleObject(record->event, INFINITE) != WAIT_OBJECT_0) {
+                return fail("wait");
+            }
+            vllResetEvent(record->event);
+        }
+        if ((events & (EV_CTS | EV_DSR | EV_RLSD | EV_RING)) != 0) {
+            printLines(port);
+        }
+        if ((events & EV_RXCHAR) != 0 && !printData(port)) {
+            return 0;
+        }
+    }
+}
+
+int main(int argc, char **argv) {
+    OverlappedRecord record = {0};
+    struct termios settings;
+    int status = 1;
+    if (argc != 2) {
+        fprintf(stderr, "usage: serial_monitor PORT\n");
+        return 2;
+    }
+    vllvwincompatMain();
+    const int port = open(argv[1], O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (port == -1 || tcgetattr(port, &settings) == -1) {
+        return fail(argv[1]);
+    }
+    cfmakeraw(&settings);
+    tcsetattr(port, TCSANOW, &settings);
+    record.event = vllCreateEvent(TRUE, FALSE, NULL);
+    if (vllSetCommMask(port, EV_RXCHAR | EV_CTS | EV_DSR | EV_RLSD | EV_RING, &record)) {
+        status = monitor(port, &record);
+    } else {
+        fail("watch");
+    }
+    vllSetCommMask(port, 0, &record);
+    vllCloseHandle(record.event);
+    close(port);
+    vllvwincompatExit();
+    return status;
+}
