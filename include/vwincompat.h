@@ -39,6 +39,9 @@
 #include "vwincompat/overlapped.h"
 #include "vwincompat/path.h"
 
+/* configuration */
+#include "vwincompat/profile.h"
+
 /* sockets, serial */
 #include "vwincompat/socket.h"
 
