@@ -1,11 +1,11 @@
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <cstdio>
 #include <cstring>
 
 #include "config.h"
-#include "vwincompat.h"
+#include "vwincompat/fileops.h"
+#include "vwincompat/profile.h"
 
 namespace {
 
@@ -99,7 +99,8 @@ class ConfigCopy final {
             errno = error_;
             return false;
         }
-        return fsync(fd_.get()) == 0 && vlliCloseFd(fd_.release()) == 0;
+        // A file system that cannot flush has nothing to lose by it.
+        return (fsync(fd_.get()) == 0 || errno == EINVAL) && vlliCloseFd(fd_.release()) == 0;
     }
 
     // Renaming replaces the old file in one step: no reader finds it missing. A failure is not told.

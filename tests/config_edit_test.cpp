@@ -136,7 +136,7 @@ const EditCase kEdits[] = {
      "[S]" + string(4091, ' ') + ";\nk=v\nrest\n"},
     {__LINE__, "[S]\n" + kX4095 + "k=1\na=1\n", Delete("S", "k"), "[S]\n" + kX4095 + "\na=1\n"},
     {__LINE__, kX4095 + "[S]\na=1\n[T]\n", DeleteSection("S"), kX4095 + "\n[T]\n"},
-    {__LINE__, "[S]\nk=v ;" + string(4089, 'c') + "a=1\n", Delete("S", "k"), "[S]\na=1\n"},
+    {__LINE__, "[S]\nk=v ;" + string(4090, 'c') + "a=1\n", Delete("S", "k"), "[S]\na=1\n"},
 };
 
 TEST_F(ConfigEditTest, bytes_of_every_edit) {
@@ -276,7 +276,7 @@ void expectAllFail(const string &file, int error) {
         errno = 0;
         EXPECT_FALSE(edit(file.c_str()));
         EXPECT_EQ(errno, error);
-        EXPECT_EQ(ReadFile(file), before);
+        EXPECT_TRUE(ReadFile(file) == before);
         EXPECT_EQ(Exists(file + "copy"), had_copy);
     }
 }
@@ -293,11 +293,10 @@ TEST_F(ConfigEditTest, copy_cannot_be_made) {
 TEST_F(ConfigEditTest, directory_in_the_place_of_the_file) {
     mkdir(file_.c_str(), 0755);
     for (const Operation &edit :
-         {Add("S", "k", "v"), Delete("S", "k"), DeleteSection("S"), Write("S", "k", "v")}) {
+         {Add("S", "k", "v"), Delete("S", "k"), AddSection("S"), DeleteSection("S"), Write("S", "k", "v")}) {
         EXPECT_FALSE(edit(file_.c_str()));
         EXPECT_EQ(errno, EISDIR);
     }
-    EXPECT_FALSE(vllAddConfigSection(file_.c_str(), "S"));
     EXPECT_TRUE(Exists(file_));
     EXPECT_FALSE(Exists(copy_));
 }
@@ -306,7 +305,7 @@ TEST_F(ConfigEditTest, disk_full) {
     mkdir("/mnt/small", 0755);
     CoverDirectory("/mnt/small", "64k");
     const string file = "/mnt/small/app.ini";
-    WriteFile(file, "[S]\nk=1\n" + string(40000, ';') + "\n");
+    WriteFile(file, "[S]\nk=1\n[Big]\n" + string(40000, ';') + "\n");
     expectAllFail(file, ENOSPC);
     umount2("/mnt/small", MNT_DETACH);
 }
