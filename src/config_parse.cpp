@@ -194,6 +194,7 @@ bool ConfigReader::fill() {
     memmove(buffer_, buffer_ + begin_, end_ - begin_);
     end_ -= begin_;
     begin_ = 0;
+    const int last_error = errno;
     ssize_t count;
     do {
         count = read(fd_, buffer_ + end_, sizeof buffer_ - end_);
@@ -202,6 +203,7 @@ bool ConfigReader::fill() {
         error_ = errno;
         return false;
     }
+    errno = last_error;
     at_end_ = count == 0;
     end_ += static_cast<size_t>(count);
     return true;

@@ -56,7 +56,7 @@ Operation Write(const char *section, const char *key, const char *value) {
 }
 
 struct EditCase {
-    int source_line;
+    long source_line;
     string before;
     Operation edit;
     string after;   // of a success
