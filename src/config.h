@@ -10,8 +10,8 @@ constexpr size_t kConfigLineSize = 4096;  // a piece of a line has one byte less
 constexpr size_t kConfigNameSize = 1024;  // section names, keys and values, with their terminator
 
 struct ConfigEntry {
-    std::string_view key;
-    std::string_view value;
+    std::string_view key = "";
+    std::string_view value = "";  // never null
 };
 
 // What a line is. The line ends at its first newline or NUL; the results point into it and are untouched when
