@@ -154,12 +154,6 @@ TEST_F(ConfigEditTest, bytes_of_every_edit) {
     }
 }
 
-mode_t ModeOf(const string &file) {
-    struct stat status = {};
-    stat(file.c_str(), &status);
-    return status.st_mode & 07777;
-}
-
 TEST_F(ConfigEditTest, permissions_of_the_new_file) {
     WriteFile(file_, "[S]\n");
     chmod(file_.c_str(), 0600);
@@ -198,10 +192,9 @@ TEST_F(ConfigEditTest, profile_operation_creates_the_file) {
 TEST_F(ConfigEditTest, order_of_an_edit) {
     WriteFile(file_, "[S]\n");
     std::vector<string> seen;
-    on_sync = [&] { seen.push_back(ReadFile(file_) + "|" + ReadFile(copy_)); };
+    on_sync = [&] { seen.push_back(ReadFile(file_) + (Exists(copy_) ? "|" + ReadFile(copy_) : "")); };
     EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
-    const string missing = "(" + string(strerror(ENOENT)) + ")";
-    EXPECT_EQ(seen, (std::vector<string>{"[S]\n|[S]\nk=v\n", "[S]\nk=v\n|" + missing}));
+    EXPECT_EQ(seen, (std::vector<string>{"[S]\n|[S]\nk=v\n", "[S]\nk=v\n"}));
     seen.clear();
     EXPECT_TRUE(vllAddConfigSection(file_.c_str(), "T"));
     EXPECT_TRUE(seen.empty());

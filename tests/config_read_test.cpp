@@ -6,6 +6,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/private_machine.h"
 
 namespace {
 

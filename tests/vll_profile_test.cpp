@@ -6,6 +6,7 @@
 
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/private_machine.h"
 
 namespace {
 
@@ -42,8 +43,8 @@ class VllProfileTest : public testing::Test {
 };
 
 TEST_F(VllProfileTest, commands) {
-    PutFile("a.ini",
-            "loose=1\n[Net]\n; c\n\"my key\" = 'v w'\nflag\n[Empty]\n[Dir]\nroot=/srv\n[net]\nother=1\n");
+    WriteFile("a.ini",
+              "loose=1\n[Net]\n; c\n\"my key\" = 'v w'\nflag\n[Empty]\n[Dir]\nroot=/srv\n[net]\nother=1\n");
     const struct {
         const char *command;
         const char *expected;
@@ -100,7 +101,7 @@ TEST_F(VllProfileTest, long_lists) {
     for (int i = 0; i < 5000; ++i) {
         content += "[section " + std::to_string(i) + "]\nkey=1\n";
     }
-    PutFile("a.ini", content);
+    WriteFile("a.ini", content);
     EXPECT_EQ(shell("./p sections a.ini | wc -l | tr -d ' '"), "5000\n<0>\n");
     EXPECT_EQ(shell("./p sections a.ini | tail -n 1"), "section 4999\n<0>\n");
 }
