@@ -75,7 +75,7 @@ VLL_API DWORD vllGetPrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR defa
  * @param size     the buffer's size in bytes, at least 2.
  * @return the number of bytes stored without the last terminator; size - 2 with ENOBUFS when the list was cut.
  *         0 for an empty section, with ENOENT when there is none, with the error of open(2) or read(2) when the file
- *         cannot be read, and with EINVAL for a buffer of less than 2 bytes.
+ *         cannot be read, and with EINVAL for a buffer of less than 2 bytes; the last error is unchanged otherwise.
  */
 VLL_API DWORD vllGetPrivateProfileSection(LPCSTR section, LPSTR buffer, DWORD size, LPCSTR file);
 
