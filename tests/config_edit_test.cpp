@@ -410,6 +410,29 @@ TEST_F(ConfigEditTest, readers_never_miss_the_file) {
     EXPECT_EQ(vllGetPrivateProfileInt("S", "k", -1, file_.c_str()), 300U);
 }
 
+// A cancel that is pending does not end a thread half-way through an edit.
+TEST_F(ConfigEditTest, not_a_cancellation_point) {
+    struct Job {
+        const char *file;
+        bool done;
+    } job = {file_.c_str(), false};
+    const auto body = [](void *argument) -> void * {
+        Job *const own = static_cast<Job *>(argument);
+        pthread_cancel(pthread_self());
+        own->done = vllWritePrivateProfileString("S", "k", "v", own->file) != 0 &&
+                    vllGetPrivateProfileInt("S", "k", 7, own->file) == 0;
+        pthread_testcancel();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, body, &job), 0);
+    void *result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_TRUE(job.done);
+    EXPECT_EQ(ReadFile(file_), "\n[S]\nk=v\n");
+}
+
 // Standard output of a call in a child.
 string outputOf(const std::function<int()> &body) {
     const string output = "/mnt/output";
