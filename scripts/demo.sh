@@ -51,8 +51,17 @@ wait_until() {
 gateway_ended() { ! kill -0 "$gateway" 2>/dev/null; }
 port_written() { [ -s "$work/port" ] || gateway_ended; }
 
+echo "== its settings, written with vll-profile"
+profile=$work/gateway.ini
+tool=build/demo-$preset/tools/vll-profile
+if ! { "$tool" set "$profile" gateway clients $max_clients && "$tool" set "$profile" gateway workers 3 &&
+       [ "$("$tool" get "$profile" gateway clients)" = $max_clients ] && "$tool" show "$profile"; }; then
+    echo "the settings were not written" >&2
+    exit 1
+fi
+
 echo "== the gateway starts"
-"${under[@]}" "$programs/gateway" --port-file "$work/port" --clients $max_clients >"$work/gateway" 2>&1 &
+"${under[@]}" "$programs/gateway" --profile "$profile" --port-file "$work/port" >"$work/gateway" 2>&1 &
 gateway=$!
 if ! wait_until port_written || [ ! -s "$work/port" ]; then
     cat "$work/gateway" >&2

@@ -38,6 +38,10 @@ void Report(const char *format, ...) VLL_PRINTF(1, 2);
 // Asks the gateway to end. Any thread.
 void RequestStop();
 
+// Takes the settings that a profile file has in its section "gateway": clients, workers, heartbeat, idle, verbose.
+// False, with a message, when it cannot be read or a number is out of its range.
+bool ProfileRead(const char *file);
+
 // ---- the loop (loop.cpp) ----------------------------------------------------------------------------------
 
 // Urgent sources are looked at first; the others take turns, so that a busy one starves nobody.

@@ -109,6 +109,8 @@ bool ParseOptions(int argc, char **argv) {
         if (strcmp(argv[i], "--port-file") == 0) {
             settings.port_file = value;
             good = *value != '\0';
+        } else if (strcmp(argv[i], "--profile") == 0) {
+            good = ProfileRead(value);
         } else if (strcmp(argv[i], "--clients") == 0) {
             good = Number(value, 1, kMaxClients, &settings.max_clients);
         } else if (strcmp(argv[i], "--workers") == 0) {
@@ -122,8 +124,8 @@ bool ParseOptions(int argc, char **argv) {
         }
         if (!good) {
             fprintf(stderr,
-                    "usage: %s [--port-file FILE] [--clients 1-%d] [--workers 1-%d] [--heartbeat SECONDS] "
-                    "[--idle SECONDS] [--commands] [--verbose]\n",
+                    "usage: %s [--profile FILE] [--port-file FILE] [--clients 1-%d] [--workers 1-%d] "
+                    "[--heartbeat SECONDS] [--idle SECONDS] [--commands] [--verbose]\n",
                     argv[0], kMaxClients, kMaxWorkers);
             return false;
         }
@@ -150,10 +152,10 @@ void RequestStop() {
 }
 
 int main(int argc, char **argv) {
+    vllvwincompatMain();
     if (!ParseOptions(argc, argv)) {
         return 2;
     }
-    vllvwincompatMain();
     AuditBegin();
     bool good = Start();
     if (good) {

@@ -115,6 +115,16 @@ void CoverFile(const std::string &path, const std::string &content) {
     unlink(copy.c_str());
 }
 
+std::string FreshDirectory() {
+    static bool covered = false;
+    if (covered) {
+        umount2("/mnt", MNT_DETACH);
+    }
+    CoverDirectory("/mnt");
+    covered = true;
+    return "/mnt";
+}
+
 bool OnTarget() {
     return getenv("VLL_TARGET") != nullptr;
 }

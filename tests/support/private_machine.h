@@ -20,3 +20,6 @@ void CoverFile(const std::string &path, const std::string &content);
 
 // True on the emulated target, where the tests may use the real clock, console, modem lines and power switch.
 bool OnTarget();
+
+// An empty directory on a tmpfs of the private machine. What the last call gave is gone.
+std::string FreshDirectory();
