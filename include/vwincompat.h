@@ -42,6 +42,9 @@
 #include "vwincompat/overlapped.h"
 #include "vwincompat/path.h"
 
+/* time */
+#include "vwincompat/datetime.h"
+
 /* sockets, serial */
 #include "vwincompat/serial.h"
 #include "vwincompat/socket.h"
