@@ -42,6 +42,9 @@
 #include "vwincompat/overlapped.h"
 #include "vwincompat/path.h"
 
+/* event log */
+#include "vwincompat/eventlog.h"
+
 /* time */
 #include "vwincompat/datetime.h"
 
