@@ -272,7 +272,6 @@ TEST_F(EventLogTest, records_of_lines) {
          {1, 4, 1793944866, "gateway", "unit1", " x"}},
         {__LINE__, prefix + "gateway:", true, {1, 4, kNow, "gateway", "unit1", ""}},
         {__LINE__, prefix + "gateway: ", true, {1, 4, kNow, "gateway", "unit1", ""}},
-        {__LINE__, prefix + "gateway:x", true, {1, 4, kNow, "gateway", "unit1", ""}},
         // The first place of the name counts.
         {__LINE__,
          "Nov 16 16:21:16 gateway user.info gateway: up",
@@ -281,6 +280,7 @@ TEST_F(EventLogTest, records_of_lines) {
         // Not ours.
         {__LINE__, prefix + "gateway[123]: up", false, {}},
         {__LINE__, prefix + "gateways: up", false, {}},
+        {__LINE__, prefix + "gateway:x", false, {}},
         {__LINE__, prefix + "gatewa: up", false, {}},
         {__LINE__, prefix + "init: gateway: up", false, {}},
         {__LINE__, prefix + "x", false, {}},
@@ -363,7 +363,7 @@ TEST_F(EventLogTest, record_times) {
         {"Jan 31 00:00:00 unit1", kNow, 1769817600},
         {"Xyz 16 16:21:16 unit1", kNow, kNow},  // no month: the current one
         {"16 Nov 16:21:16 unit1", kNow,
-         1793494876},  // neither month nor day nor hour: the day before the first
+         1793406076},  // neither month nor day nor hour: the day before the first
         {"Feb 29 00:00:00 unit1", kNow, 1772323200},  // carried over
         {"Nov 99999999999 x", kNow, 0},               // whatever, but no fault
         {"Nov", kNow, 1793404800},
@@ -783,18 +783,23 @@ TEST_F(EventLogTest, threads_share_one_handle) {
     EXPECT_EQ(std::count(seen.begin() + 1, seen.end(), 1), 3000);  // each record to one of them
 }
 
+void useEverything(void *handle) {
+    char buffer[1000];
+    DWORD got;
+    vllGetNumberOfEventLogRecords(nullptr, &got);
+    vllReadEventLog(handle, kForwards, 0, buffer, sizeof buffer, &got, &got);
+    void *const mine = vllOpenEventLog(nullptr, nullptr);
+    vllCloseEventLog(mine);
+}
+
 TEST_F(EventLogTest, a_cancelled_reader_leaves_the_lock) {
     put(kCurrent, line("a"));
     openLog();
     pthread_t thread;
+    // The cancelled frame is empty: AddressSanitizer does not see frames with arrays unwound.
     const auto routine = [](void *handle) -> void * {
         pthread_cancel(pthread_self());
-        char buffer[1000];
-        DWORD got;
-        vllGetNumberOfEventLogRecords(nullptr, &got);
-        vllReadEventLog(handle, kForwards, 0, buffer, sizeof buffer, &got, &got);
-        void *const mine = vllOpenEventLog(nullptr, nullptr);
-        vllCloseEventLog(mine);
+        useEverything(handle);
         pthread_testcancel();
         return nullptr;
     };

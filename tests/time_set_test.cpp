@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <linux/rtc.h>
+#include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -74,6 +76,119 @@ TEST(TimeSetTest, local_time_reads_back_as_it_was_set) {
     }
     unsetenv("TZ");
     tzset();
+}
+
+// On the target: the clock, the hardware clock and a read-only root file system of the test's own.
+class RealClockTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!OnTarget()) {
+            GTEST_SKIP() << "needs a clock that may be set";
+        }
+        clock_gettime(CLOCK_REALTIME, &before);
+        started_ms = NowMs();
+    }
+    // Gives the machine its time back.
+    void TearDown() override {
+        if (OnTarget()) {
+            before.tv_sec += static_cast<time_t>((NowMs() - started_ms) / 1000);
+            clock_settime(CLOCK_REALTIME, &before);
+        }
+    }
+    timespec before = {};
+    int64_t started_ms = 0;
+};
+
+TEST_F(RealClockTest, set_and_read_back) {
+    const SYSTEMTIME wanted = {2026, 11, 0, 16, 12, 0, 0, 250};
+    ASSERT_TRUE(vllSetSystemTime(&wanted));
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t ms = int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    EXPECT_GE(ms, 1794830400250);
+    EXPECT_LT(ms, 1794830400250 + 5000);
+
+    setenv("TZ", "XST-2XDT,M3.5.0,M10.5.0", 1);
+    tzset();
+    const SYSTEMTIME local = {2026, 7, 0, 7, 12, 0, 0, 0};
+    EXPECT_TRUE(vllSetLocalTime(&local));
+    SYSTEMTIME back;
+    EXPECT_TRUE(vllGetLocalTime(&back));
+    EXPECT_EQ(memcmp(&back.wDay, &local.wDay, 4), 0);
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(RealClockTest, without_privileges) {
+    const ChildResult child = RunInChild([] {
+        EXPECT_EQ(setresuid(65534, 65534, 65534), 0);
+        const SYSTEMTIME time = {2026, 11, 0, 16, 12, 0, 0, 250};
+        EXPECT_FALSE(vllSetSystemTime(&time));
+        EXPECT_EQ(errno, EPERM);
+        return 0;
+    });
+    EXPECT_EQ(child.status, 0);
+}
+
+// A root file system of its own, read-only, with what the commands need.
+void enterReadOnlyRoot() {
+    const std::string root = "/run";
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount("root", root.c_str(), "tmpfs", 0, nullptr), 0);
+    for (const std::string directory : {"/bin", "/sbin", "/lib", "/usr", "/dev", "/proc"}) {
+        struct stat status;
+        char target[256] = {};
+        ASSERT_EQ(lstat(directory.c_str(), &status), 0) << directory;
+        if (readlink(directory.c_str(), target, sizeof target - 1) > 0) {
+            ASSERT_EQ(symlink(target, (root + directory).c_str()), 0);
+            continue;
+        }
+        ASSERT_EQ(mkdir((root + directory).c_str(), 0755), 0);
+        ASSERT_EQ(mount(directory.c_str(), (root + directory).c_str(), nullptr, MS_BIND | MS_REC, nullptr),
+                  0);
+    }
+    ASSERT_EQ(mkdir((root + "/etc").c_str(), 0755), 0);
+    ASSERT_EQ(symlink("/usr/share/zoneinfo/UTC", (root + kLink).c_str()), 0);
+    ASSERT_EQ(mount(nullptr, root.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    ASSERT_EQ(chroot(root.c_str()), 0);
+    ASSERT_EQ(chdir("/"), 0);
+}
+
+TEST_F(RealClockTest, the_zone_and_the_hardware_clock) {
+    const ChildResult child = RunInChild([] {
+        enterReadOnlyRoot();
+        if (testing::Test::HasFatalFailure()) {
+            return 1;
+        }
+        tzset();
+        TIME_ZONE_INFORMATION paris = {};
+        strcpy(paris.TimeZoneKeyName, "Europe/Paris");
+        const SYSTEMTIME wanted = {2026, 11, 0, 16, 12, 0, 0, 0};
+        EXPECT_TRUE(vllSetSystemTime(&wanted));
+        EXPECT_TRUE(vllSetTimeZoneInformation(&paris)) << strerror(errno);
+
+        char target[256] = {};
+        EXPECT_GT(readlink(kLink, target, sizeof target - 1), 0);
+        EXPECT_STREQ(target, "/usr/share/zoneinfo/Europe/Paris");
+        struct statvfs root;
+        EXPECT_EQ(statvfs("/", &root), 0);
+        EXPECT_NE(root.f_flag & ST_RDONLY, 0U);
+        TIME_ZONE_INFORMATION zone;
+        EXPECT_EQ(vllGetTimeZoneInformation(&zone), TIME_ZONE_ID_STANDARD);
+        EXPECT_EQ(zone.Bias, -60);
+        EXPECT_STREQ(zone.DaylightName, "CEST");
+
+        rtc_time hardware = {};
+        const int rtc = open("/dev/rtc0", O_RDONLY | O_CLOEXEC);
+        EXPECT_EQ(ioctl(rtc, RTC_RD_TIME, &hardware), 0);
+        close(rtc);
+        EXPECT_EQ(hardware.tm_mday, 16);
+        EXPECT_EQ(hardware.tm_hour, 13);  // local time
+        EXPECT_LT(hardware.tm_min, 2);
+        return 0;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(child.status, 0);
 }
 
 // The commands as stand-ins that note how they were called; /etc is empty and the test's own.
