@@ -95,7 +95,8 @@ void readThrough(benchmark::State &state, DWORD direction, size_t size) {
         void *const log = vllOpenEventLog(nullptr, nullptr);
         DWORD got;
         DWORD needed;
-        while (vllReadEventLog(log, EVENTLOG_SEQUENTIAL_READ | direction, 0, buffer, sizeof buffer, &got, &needed)) {
+        while (vllReadEventLog(log, EVENTLOG_SEQUENTIAL_READ | direction, 0, buffer, sizeof buffer, &got,
+                               &needed)) {
             benchmark::DoNotOptimize(got);
         }
         vllCloseEventLog(log);
@@ -136,10 +137,12 @@ void HundredMegabytesASecond(benchmark::State &state) {
 void bench::RegisterPairs() {
     constexpr int kFew = 5;
     AddPair({"count the lines of a 64 MiB log / memchr loop", 1.25, CountOurs, CountRaw, Clock::cpu});
-    AddPair({"read 64 MiB of log forwards / at 100 MB/s", 1.0, ForwardsOurs, HundredMegabytesASecond, Clock::cpu, 1, 0,
-             kFew});
-    AddPair({"read 64 MiB of log backwards / at 100 MB/s", 1.0, BackwardsOurs, HundredMegabytesASecond, Clock::cpu, 1, 0,
-             kFew});
-    AddPair({"read 64 MiB of log forwards / 32 MiB", 2.2, ForwardsOurs, ForwardsHalf, Clock::cpu, 1, 0, kFew});
-    AddPair({"read 64 MiB of log backwards / 32 MiB", 2.2, BackwardsOurs, BackwardsHalf, Clock::cpu, 1, 0, kFew});
+    AddPair({"read 64 MiB of log forwards / at 100 MB/s", 1.0, ForwardsOurs, HundredMegabytesASecond,
+             Clock::cpu, 1, 0, kFew});
+    AddPair({"read 64 MiB of log backwards / at 100 MB/s", 1.0, BackwardsOurs, HundredMegabytesASecond,
+             Clock::cpu, 1, 0, kFew});
+    AddPair(
+        {"read 64 MiB of log forwards / 32 MiB", 2.2, ForwardsOurs, ForwardsHalf, Clock::cpu, 1, 0, kFew});
+    AddPair(
+        {"read 64 MiB of log backwards / 32 MiB", 2.2, BackwardsOurs, BackwardsHalf, Clock::cpu, 1, 0, kFew});
 }

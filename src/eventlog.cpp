@@ -3,13 +3,13 @@
 
 #include <unistd.h>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "eventlog_map.h"
 #include "internal.h"
+#include "vwincompat/fileops.h"
 
 pthread_mutex_t syslogMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -148,7 +148,7 @@ BOOL vllClearEventLog(void * /*hEventLog*/, LPCSTR /*lpBackupFileName*/) {
         // Nothing is told: the count shows what is left.
     }
     vlliGetSyslogPath(1, path);
-    remove(path);
+    vllDeleteFile(path);
     if (nRefCount > 0) {
         refresh();
     }

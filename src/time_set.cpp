@@ -12,6 +12,7 @@
 #include "internal.h"
 #include "time_convert.h"
 #include "vwincompat/datetime.h"
+#include "vwincompat/fileops.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ BOOL vllSetTimeZoneInformation(const TIME_ZONE_INFORMATION *lpTimeZoneInformatio
     if (!remountRoot("-oremount,rw")) {
         return FALSE;
     }
-    remove(kZoneFile);
+    vllDeleteFile(kZoneFile);
     const char *const link[] = {"/bin/ln", "-s", path, kZoneFile, nullptr};
     const char *const write_clock[] = {"/sbin/hwclock", "-wl", nullptr};
     if (!run(link) || !remountRoot("-oremount,ro") || !run(write_clock)) {

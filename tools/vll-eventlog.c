@@ -55,10 +55,14 @@ static int trouble(const char *what) {
 
 static const char *typeName(WORD type) {
     switch (type) {
-        case EVENTLOG_ERROR_TYPE: return "error";
-        case EVENTLOG_WARNING_TYPE: return "warning";
-        case EVENTLOG_INFORMATION_TYPE: return "information";
-        default: return "success";
+        case EVENTLOG_ERROR_TYPE:
+            return "error";
+        case EVENTLOG_WARNING_TYPE:
+            return "warning";
+        case EVENTLOG_INFORMATION_TYPE:
+            return "information";
+        default:
+            return "success";
     }
 }
 
@@ -79,7 +83,8 @@ static size_t characterLength(const unsigned char *text) {
                 }
                 value = value << 6 | (text[i] & 0x3FU);
             }
-            return value < forms[form].least || value > 0x10FFFF || value >> 11 == 0x1B ? 0 : forms[form].length;
+            return value < forms[form].least || value > 0x10FFFF || value >> 11 == 0x1B ? 0
+                                                                                        : forms[form].length;
         }
     }
     return 0;
@@ -132,8 +137,8 @@ static void printRecord(const EVENTLOGRECORD *record, int json) {
         fputs("}\n", stdout);
         return;
     }
-    printf("%6u  %04u-%02u-%02u %02u:%02u:%02u  %-11s  ", record->RecordNumber, t.wYear, t.wMonth, t.wDay, t.wHour,
-           t.wMinute, t.wSecond, typeName(record->EventType));
+    printf("%6u  %04u-%02u-%02u %02u:%02u:%02u  %-11s  ", record->RecordNumber, t.wYear, t.wMonth, t.wDay,
+           t.wHour, t.wMinute, t.wSecond, typeName(record->EventType));
     printPlainText(source);
     fputs("  ", stdout);
     printPlainText(text);
@@ -157,11 +162,13 @@ static int sameRecord(const EVENTLOGRECORD *a, const EVENTLOGRECORD *b) {
 
 static int readSome(void *log, DWORD flags, DWORD number, struct Records *records) {
     DWORD needed;
-    return vllReadEventLog(log, flags, number, records->words, sizeof records->words, &records->size, &needed);
+    return vllReadEventLog(log, flags, number, records->words, sizeof records->words, &records->size,
+                           &needed);
 }
 
 /* Shows what a read starts with and all behind it. */
-static void showFrom(void *log, DWORD flags, DWORD number, const struct Options *options, struct Anchor *anchor) {
+static void showFrom(void *log, DWORD flags, DWORD number, const struct Options *options,
+                     struct Anchor *anchor) {
     static struct Records records;
     while (readSome(log, flags, number, &records)) {
         DWORD at;
@@ -249,7 +256,8 @@ static int follow(void *log, const struct Options *options, struct Anchor *ancho
         if (!vllGetNumberOfEventLogRecords(log, &total)) {
             return trouble("log");
         }
-        showFrom(log, EVENTLOG_SEEK_READ | EVENTLOG_FORWARDS_READ, findPlace(log, anchor, total) + 1, options, anchor);
+        showFrom(log, EVENTLOG_SEEK_READ | EVENTLOG_FORWARDS_READ, findPlace(log, anchor, total) + 1, options,
+                 anchor);
     }
 }
 
@@ -304,11 +312,21 @@ static int parse(int argc, char **argv, struct Options *options) {
     while ((option = getopt_long(argc, argv, "rn:fjh", names, NULL)) != -1) {
         char *end;
         switch (option) {
-            case 'r': options->reverse = 1; break;
-            case 'f': options->follow = 1; break;
-            case 'j': options->json = 1; break;
-            case 'c': options->count = 1; break;
-            case 'C': options->clear = 1; break;
+            case 'r':
+                options->reverse = 1;
+                break;
+            case 'f':
+                options->follow = 1;
+                break;
+            case 'j':
+                options->json = 1;
+                break;
+            case 'c':
+                options->count = 1;
+                break;
+            case 'C':
+                options->clear = 1;
+                break;
             case 'n':
                 errno = 0;
                 options->last = strtol(optarg, &end, 10);
@@ -319,7 +337,8 @@ static int parse(int argc, char **argv, struct Options *options) {
             case 'h':
                 fputs(usage_text, stdout);
                 exit(writeOut());
-            default: return USAGE;
+            default:
+                return USAGE;
         }
     }
     if (optind != argc || (options->reverse && options->follow) || (options->count && options->clear)) {

@@ -9,8 +9,8 @@
 namespace {
 
 bool isDate(const SYSTEMTIME &date) {
-    return date.wMonth <= 12 && date.wDay <= 31 && date.wHour <= 23 && date.wMinute <= 59 && date.wSecond <= 60 &&
-           date.wMilliseconds == 0;
+    return date.wMonth <= 12 && date.wDay <= 31 && date.wHour <= 23 && date.wMinute <= 59 &&
+           date.wSecond <= 60 && date.wMilliseconds == 0;
 }
 
 // A file that is emptied and filled again for each input.
