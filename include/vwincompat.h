@@ -45,6 +45,12 @@
 /* configuration */
 #include "vwincompat/profile.h"
 
+/* event log */
+#include "vwincompat/eventlog.h"
+
+/* time */
+#include "vwincompat/datetime.h"
+
 /* sockets, serial */
 #include "vwincompat/serial.h"
 #include "vwincompat/socket.h"

@@ -1,0 +1,148 @@
+// Counting and reading a log of 64 MiB, in a /var/log of the benchmark's own.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "eventlog_map.h"
+#include "pair.h"
+#include "vwincompat.h"
+
+namespace {
+
+constexpr size_t kMiB = 1024 * 1024;
+constexpr size_t kLogSize = 64 * kMiB;
+constexpr char kLog[] = "/var/log/vservices";
+
+// Half of the lines are records.
+void writeLog(size_t size) {
+    static const std::string lines =
+        "Nov 16 16:21:16 unit1 user.info gateway: call set up between line 4 and line 11\n"
+        "Nov 16 16:21:16 unit1 daemon.info ntpd[417]: adjusting the clock by 0.000417 s\n";
+    std::string block;
+    while (block.size() < kMiB) {
+        block += lines;
+    }
+    const int fd = open(kLog, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    for (size_t done = 0; done < size; done += block.size()) {
+        if (write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size())) {
+            abort();
+        }
+    }
+    close(fd);
+    const timespec rest[2] = {{1000000, 0}, {1000000, 0}};
+    utimensat(AT_FDCWD, kLog, rest, 0);
+}
+
+// Each side's process has its own namespace; it is entered once.
+void privateLog(size_t size) {
+    static bool entered = false;
+    if (!entered) {
+        const bool root = geteuid() == 0;
+        if (unshare(root ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("log", "/var/log", "tmpfs", 0, "mode=0755") != 0) {
+            abort();
+        }
+        entered = true;
+    }
+    writeLog(size);
+}
+
+void *openLog(size_t size) {
+    privateLog(size);
+    void *const log = vllOpenEventLog(nullptr, nullptr);
+    if (log == nullptr) {
+        abort();
+    }
+    return log;
+}
+
+void CountOurs(benchmark::State &state) {
+    void *const log = openLog(kLogSize);
+    for (auto _ : state) {
+        vlliGetSyslogRecordsNumber();
+        benchmark::DoNotOptimize(nSyslogRecordsTotal);
+    }
+    vllCloseEventLog(log);
+}
+
+void CountRaw(benchmark::State &state) {
+    void *const log = openLog(kLogSize);
+    for (auto _ : state) {
+        const char *at = SyslogMappings[0].pData;
+        const char *const end = at + SyslogMappings[0].nSize;
+        size_t lines = 0;
+        while (const void *newline = memchr(at, '\n', static_cast<size_t>(end - at))) {
+            ++lines;
+            at = static_cast<const char *>(newline) + 1;
+        }
+        benchmark::DoNotOptimize(lines);
+    }
+    vllCloseEventLog(log);
+}
+
+// One pass over the log.
+void readThrough(benchmark::State &state, DWORD direction, size_t size) {
+    privateLog(size);
+    static char buffer[65536];
+    for (auto _ : state) {
+        void *const log = vllOpenEventLog(nullptr, nullptr);
+        DWORD got;
+        DWORD needed;
+        while (vllReadEventLog(log, EVENTLOG_SEQUENTIAL_READ | direction, 0, buffer, sizeof buffer, &got,
+                               &needed)) {
+            benchmark::DoNotOptimize(got);
+        }
+        vllCloseEventLog(log);
+    }
+}
+
+void ForwardsOurs(benchmark::State &state) {
+    readThrough(state, EVENTLOG_FORWARDS_READ, kLogSize);
+}
+
+void BackwardsOurs(benchmark::State &state) {
+    readThrough(state, EVENTLOG_BACKWARDS_READ, kLogSize);
+}
+
+void ForwardsHalf(benchmark::State &state) {
+    readThrough(state, EVENTLOG_FORWARDS_READ, kLogSize / 2);
+}
+
+void BackwardsHalf(benchmark::State &state) {
+    readThrough(state, EVENTLOG_BACKWARDS_READ, kLogSize / 2);
+}
+
+// What the log's size takes at 100 MB a second.
+void HundredMegabytesASecond(benchmark::State &state) {
+    constexpr int64_t kNanoseconds = static_cast<int64_t>(kLogSize) * 10;
+    for (auto _ : state) {
+        timespec now;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        const int64_t end = now.tv_sec * int64_t{1000000000} + now.tv_nsec + kNanoseconds;
+        do {
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+        } while (now.tv_sec * int64_t{1000000000} + now.tv_nsec < end);
+    }
+}
+
+}  // namespace
+
+void bench::RegisterPairs() {
+    constexpr int kFew = 5;
+    AddPair({"count the lines of a 64 MiB log / memchr loop", 1.25, CountOurs, CountRaw, Clock::cpu});
+    AddPair({"read 64 MiB of log forwards / at 100 MB/s", 1.0, ForwardsOurs, HundredMegabytesASecond,
+             Clock::cpu, 1, 0, kFew});
+    AddPair({"read 64 MiB of log backwards / at 100 MB/s", 1.0, BackwardsOurs, HundredMegabytesASecond,
+             Clock::cpu, 1, 0, kFew});
+    AddPair(
+        {"read 64 MiB of log forwards / 32 MiB", 2.2, ForwardsOurs, ForwardsHalf, Clock::cpu, 1, 0, kFew});
+    AddPair(
+        {"read 64 MiB of log backwards / 32 MiB", 2.2, BackwardsOurs, BackwardsHalf, Clock::cpu, 1, 0, kFew});
+}

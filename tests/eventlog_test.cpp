@@ -1,0 +1,815 @@
+#include "vwincompat/eventlog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <atomic>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "eventlog_map.h"
+#include "eventlog_record.h"
+
+#include "support/child.h"
+#include "support/clock.h"
+#include "support/faults.h"
+#include "support/fixture.h"
+#include "support/private_machine.h"
+
+namespace {
+
+constexpr char kCurrent[] = "/var/log/vservices";
+constexpr char kOlder[] = "/var/log/vservices.0";
+constexpr DWORD kForwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ;
+constexpr DWORD kBackwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ;
+constexpr DWORD kSeek = EVENTLOG_SEEK_READ | EVENTLOG_FORWARDS_READ;
+constexpr DWORD kSeekBack = EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ;
+
+void put(const char *path, const std::string &content, int flags = O_TRUNC) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644);
+    ASSERT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+    close(fd);
+}
+
+std::string line(const std::string &message) {
+    return "Nov 16 16:21:16 unit1 user.info gateway: " + message + "\n";
+}
+
+struct Record {
+    uint32_t number;
+    WORD type;
+    FILETIME time;
+    std::string source, computer, message;
+
+    bool operator==(const Record &other) const {
+        return number == other.number && type == other.type && time == other.time && source == other.source &&
+               computer == other.computer && message == other.message;
+    }
+};
+
+// Takes a buffer of records apart and checks all that does not depend on the lines.
+std::vector<Record> split(const char *data, size_t size) {
+    std::vector<Record> records;
+    for (size_t at = 0; at < size;) {
+        EVENTLOGRECORD head;
+        memcpy(&head, data + at, sizeof head);
+        EXPECT_LE(at + head.Length, size);
+        if (head.Length < 72 || at + head.Length > size) {
+            ADD_FAILURE() << "length " << head.Length << " at " << at;
+            break;
+        }
+        const char *const text = data + at + sizeof head;
+        const std::string source = text;
+        const std::string computer = text + source.size() + 1;
+        const std::string message = data + at + head.StringOffset;
+        const size_t end = 67 + source.size() + computer.size() + message.size();
+        uint32_t copy;
+        memcpy(&copy, data + at + head.Length - 4, sizeof copy);
+        EXPECT_EQ(head.Length, (end + 3) / 4 * 4 + 4);
+        EXPECT_EQ(copy, head.Length);
+        EXPECT_EQ(std::string(data + at + end, head.Length - 4 - end),
+                  std::string(head.Length - 4 - end, '\0'));
+        EXPECT_EQ(head.StringOffset, 66 + source.size() + computer.size());
+        EXPECT_EQ(memcmp(&head.Reserved, "LfLe", 4), 0);
+        EXPECT_EQ(head.TimeWritten, head.TimeGenerated);
+        EXPECT_EQ(head.NumStrings, 1);
+        const std::string zeros(12, '\0');
+        EXPECT_EQ(head.EventID | head.EventCategory | head.ReservedFlags | head.ClosingRecordNumber, 0U);
+        EXPECT_EQ(memcmp(&head.UserSidLength, std::string(24, '\0').data(), 24), 0);
+        records.push_back({head.RecordNumber, head.EventType, head.TimeGenerated, source, computer, message});
+        at += head.Length;
+    }
+    return records;
+}
+
+class EventLogTest : public LibraryTest {
+  protected:
+    static void SetUpTestSuite() { CoverDirectory("/var/log", "256m"); }
+    void SetUp() override {
+        remove(kCurrent);
+        remove(kOlder);
+        LibraryTest::SetUp();
+    }
+    void TearDown() override {
+        if (log != nullptr) {
+            EXPECT_TRUE(vllCloseEventLog(log));
+        }
+        EXPECT_EQ(SyslogMappings[0].pData, nullptr);
+        EXPECT_EQ(SyslogMappings[1].pData, nullptr);
+        EXPECT_EQ(nSyslogRecordsTotal, 0U);
+        LibraryTest::TearDown();
+    }
+    void openLog() {
+        log = vllOpenEventLog(nullptr, nullptr);
+        ASSERT_NE(log, nullptr);
+    }
+    static uint32_t count() {
+        DWORD number = 4711;
+        EXPECT_TRUE(vllGetNumberOfEventLogRecords(nullptr, &number));
+        return number;
+    }
+    // One read with a buffer of this size; error is 0 when it succeeds.
+    std::vector<Record> read(DWORD flags, DWORD number, DWORD size = 65536) {
+        std::vector<char> buffer(size);  // exactly so many bytes, for the sanitizer
+        DWORD got = 4711;
+        needed = 4711;
+        errno = 0;
+        const BOOL ok = vllReadEventLog(log, flags, number, buffer.data(), size, &got, &needed);
+        error = ok ? 0 : errno;
+        EXPECT_EQ(ok, got != 0);
+        return split(buffer.data(), got);
+    }
+    // All that sequential reads bring, in pieces of the buffer's size.
+    std::vector<Record> readAll(DWORD flags, DWORD size = 65536) {
+        std::vector<Record> all;
+        do {
+            const std::vector<Record> some = read(flags, 0, size);
+            all.insert(all.end(), some.begin(), some.end());
+        } while (error == 0);
+        EXPECT_EQ(error, ERANGE);
+        return all;
+    }
+    std::vector<std::string> messages(const std::vector<Record> &records) {
+        std::vector<std::string> texts;
+        for (const Record &record : records) {
+            texts.push_back(record.message);
+        }
+        return texts;
+    }
+
+    void *log = nullptr;
+    DWORD needed = 0;
+    int error = 0;
+};
+
+using Texts = std::vector<std::string>;
+
+TEST_F(EventLogTest, an_empty_log) {
+    const auto expectEmpty = [this](const char *what) {
+        openLog();
+        EXPECT_EQ(count(), 0U) << what;
+        EXPECT_TRUE(readAll(kForwards).empty()) << what;
+        EXPECT_TRUE(readAll(kBackwards).empty()) << what;
+        for (const DWORD flags : {kSeek, kSeekBack}) {
+            for (const DWORD number : {0U, 1U, 2U, 0x80000000U, UINT32_MAX}) {
+                EXPECT_TRUE(read(flags, number).empty());
+                EXPECT_EQ(error, ENOMSG) << what << number;
+            }
+        }
+        DWORD oldest = 0;
+        EXPECT_TRUE(vllGetOldestEventLogRecord(log, &oldest));
+        EXPECT_EQ(oldest, 1U);
+        EXPECT_TRUE(vllCloseEventLog(log));
+        log = nullptr;
+    };
+    expectEmpty("missing");
+    put(kCurrent, "");
+    put(kOlder, "");
+    expectEmpty("no bytes");
+    put(kCurrent, "\n");
+    put(kOlder, std::string(1, '\0'));
+    expectEmpty("one byte");
+    put(kCurrent, "no newline");
+    put(kOlder, std::string("\0\0\n\n\n", 5));
+    expectEmpty("no line");
+}
+
+TEST_F(EventLogTest, numbers_run_from_the_older_file_to_the_current_one) {
+    put(kOlder, line("one") + line("two") + line("three"));
+    put(kCurrent, line("four") + line("five") + "Nov 16 16:21:16 unit1 user.info gateway: unfinished");
+    EXPECT_EQ(count(), 5U);  // with no handle open: nothing stays
+    EXPECT_EQ(SyslogMappings[0].pData, nullptr);
+    openLog();
+    EXPECT_EQ(count(), 5U);
+    EXPECT_EQ(messages(readAll(kForwards)), (Texts{"one", "two", "three", "four", "five"}));
+    const std::vector<Record> from_four = read(kSeek, 4);
+    EXPECT_EQ(messages(from_four), (Texts{"four", "five"}));
+    EXPECT_EQ(from_four[0].number, 4U);
+    EXPECT_EQ(messages(read(kSeekBack, 2)), (Texts{"two", "one"}));
+    EXPECT_TRUE(read(kSeek, 6).empty());
+    EXPECT_EQ(error, ENOMSG);
+    EXPECT_TRUE(read(kSeekBack, 0).empty());
+    EXPECT_EQ(error, ENOMSG);
+
+    // What is appended shows after the next count.
+    put(kCurrent, "\n" + line("seven"), O_APPEND);
+    EXPECT_EQ(messages(read(kSeek, 4)), (Texts{"four", "five"}));
+    EXPECT_EQ(count(), 7U);
+    EXPECT_EQ(messages(read(kSeek, 4)), (Texts{"four", "five", "unfinished", "seven"}));
+}
+
+TEST_F(EventLogTest, a_first_byte_that_is_a_newline_is_no_record) {
+    put(kCurrent, "\n" + line("one") + "\n" + line("two"));
+    openLog();
+    EXPECT_EQ(count(), 3U);
+    const std::vector<Record> all = readAll(kForwards);
+    EXPECT_EQ(messages(all), (Texts{"one", "two"}));
+    EXPECT_EQ(all[0].number, 1U);
+    EXPECT_EQ(all[1].number, 3U);
+    EXPECT_EQ(messages(read(kSeekBack, 3)), (Texts{"two", "one"}));
+}
+
+TEST_F(EventLogTest, a_nul_ends_the_log_but_as_first_byte) {
+    put(kOlder, line("one") + line("two") + std::string(1, '\0') + line("three"));
+    put(kCurrent, std::string(1, '\0') + line("four") + line("five"));
+    openLog();
+    EXPECT_EQ(count(), 4U);
+    EXPECT_EQ(messages(readAll(kForwards)), (Texts{"one", "two", "five"}));
+    // Far behind the start, too.
+    std::string text;
+    for (int i = 0; i < 5000; ++i) {
+        text += line(std::to_string(i));
+    }
+    const size_t nul = text.size() / 2;
+    text[nul] = '\0';
+    put(kCurrent, text);
+    EXPECT_EQ(count(), 2 + std::count(text.begin(), text.begin() + static_cast<ssize_t>(nul), '\n'));
+}
+
+// The time that the tests of lines run at: 2026-11-16 16:21:16 UTC.
+constexpr time_t kNow = 1794846076;
+
+TEST_F(EventLogTest, records_of_lines) {
+    const FakeTime now(kNow);
+    const std::string host63(63, 'h');
+    const std::string long_text(600, 'x');
+    const std::string prefix = "Nov 16 16:21:16 unit1 user.info ";
+    const struct {
+        int number;
+        std::string text;
+        bool record;
+        Record expected;
+    } cases[] = {
+        {__LINE__,
+         "Nov 16 16:21:16 unit1 user.warning Gateway: link down",
+         true,
+         {1, 2, kNow, "Gateway", "unit1", "link down"}},
+        {__LINE__,
+         "Nov 16 16:21:16 unit1 user.warning Gateway: link down!",
+         true,
+         {1, 2, kNow, "Gateway", "unit1", "link down!"}},
+        {__LINE__,
+         prefix + "gatekeeper: call set up",
+         true,
+         {1, 4, kNow, "gatekeeper", "unit1", "call set up"}},
+        {__LINE__, prefix + "GATEKEEPER; up", true, {1, 4, kNow, "GATEKEEPER", "unit1", "up"}},
+        {__LINE__, "Nov 16 16:21:16 u USER.DEBUG gateway: a", true, {1, 4, kNow, "gateway", "u", "a"}},
+        {__LINE__, "Nov 16 16:21:16 u user.error gateway: a", true, {1, 1, kNow, "gateway", "u", "a"}},
+        {__LINE__, "Nov 16 16:21:16 u user.er gateway: a", true, {1, 0, kNow, "gateway", "u", "a"}},
+        {__LINE__, "Nov 16 16:21:16 u daemon.err gateway: a", true, {1, 0, kNow, "gateway", "u", "a"}},
+        {__LINE__, "Nov 16 16:21:16 u user.notice gateway: a", true, {1, 0, kNow, "gateway", "u", "a"}},
+        {__LINE__, "Nov 16 16:21:16 u user.crit gateway: a", true, {1, 0, kNow, "gateway", "u", "a"}},
+        {__LINE__,
+         prefix + "gateway: two  blanks\tand a tab ",
+         true,
+         {1, 4, kNow, "gateway", "unit1", "two  blanks\tand a tab "}},
+        {__LINE__,
+         "Nov  6 06:01:06   unit1\tuser.info  gateway:  x",
+         true,
+         {1, 4, 1793944866, "gateway", "unit1", " x"}},
+        {__LINE__, prefix + "gateway:", true, {1, 4, kNow, "gateway", "unit1", ""}},
+        {__LINE__, prefix + "gateway: ", true, {1, 4, kNow, "gateway", "unit1", ""}},
+        // The first place of the name counts.
+        {__LINE__,
+         "Nov 16 16:21:16 gateway user.info gateway: up",
+         true,
+         {1, 4, kNow, "gateway", "gateway", "ser.info gateway: up"}},
+        // Not ours.
+        {__LINE__, prefix + "gateway[123]: up", false, {}},
+        {__LINE__, prefix + "gateways: up", false, {}},
+        {__LINE__, prefix + "gateway:x", false, {}},
+        {__LINE__, prefix + "gatewa: up", false, {}},
+        {__LINE__, prefix + "init: gateway: up", false, {}},
+        {__LINE__, prefix + "x", false, {}},
+        {__LINE__, prefix, false, {}},
+        {__LINE__, "Nov 16 16:21:16 unit1 gateway: up", false, {}},
+        {__LINE__, "", false, {}},
+        {__LINE__, " ", false, {}},
+        {__LINE__, prefix + "gateway: about VLL: this", false, {}},
+        {__LINE__, prefix + "gateway: vll:", false, {}},
+        {__LINE__, prefix + "gateway: xvLli:x", false, {}},
+        {__LINE__, "Nov 16 16:21:16 vll: user.info gateway: up", false, {}},
+        {__LINE__, prefix + "gateway: vll vlli", true, {1, 4, kNow, "gateway", "unit1", "vll vlli"}},
+        // Limits: 63 characters of the host's name, 511 of the line.
+        {__LINE__,
+         "Nov 16 16:21:16 " + host63 + " user.info gateway: a",
+         true,
+         {1, 4, kNow, "gateway", host63, "a"}},
+        {__LINE__,
+         "Nov 16 16:21:16 " + host63 + "h user.info gateway: a",
+         true,
+         {1, 4, kNow, "gateway", host63, "a"}},
+        {__LINE__, "Nov 16 16:21:16 " + long_text + " user.info gateway: a", false, {}},
+        {__LINE__,
+         "Nov 16 16:21:16 u user.info" + std::string(100, 'i') + " gateway: a",
+         true,
+         {1, 4, kNow, "gateway", "u", "a"}},
+        {__LINE__, prefix + std::string(63, 'g') + ": up", false, {}},
+        {__LINE__,
+         (prefix + "gateway: " + long_text).substr(0, 511),
+         true,
+         {1, 4, kNow, "gateway", "unit1", long_text.substr(0, 470)}},
+        {__LINE__,
+         (prefix + "gateway: " + long_text).substr(0, 512),
+         true,
+         {1, 4, kNow, "gateway", "unit1", long_text.substr(0, 470)}},
+        {__LINE__,
+         prefix + "gateway: " + std::string(100000, 'x'),
+         true,
+         {1, 4, kNow, "gateway", "unit1", long_text.substr(0, 470)}},
+        {__LINE__, "Nov 16 16:21:16 u" + std::string(480, ' ') + "user.info gateway: cut", false, {}},
+    };
+    for (const auto &c : cases) {
+        put(kCurrent, c.text + "\n");
+        openLog();
+        // A line without a character counts as no record when it is the first.
+        EXPECT_EQ(count(), c.text.empty() ? 0U : 1U) << "line " << c.number;
+        const std::vector<Record> all = readAll(kForwards);
+        ASSERT_EQ(all.size(), c.record ? 1U : 0U) << "line " << c.number;
+        if (c.record) {
+            EXPECT_EQ(all[0].message, c.expected.message) << "line " << c.number;
+            EXPECT_TRUE(all[0] == c.expected) << "line " << c.number;
+        }
+        EXPECT_TRUE(vllCloseEventLog(log));
+        log = nullptr;
+    }
+}
+
+TEST_F(EventLogTest, the_largest_record_fits_its_buffer) {
+    const std::string host(400, 'h');
+    const std::string head = "Nov 16 16:21:16 gatekeeper" + host + " user.info gatekeeper: ";
+    put(kCurrent, head + std::string(600, 'm') + "\n");
+    openLog();
+    const std::vector<Record> all = readAll(kForwards);
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0].computer, ("gatekeeper" + host).substr(0, 63));
+    EXPECT_EQ(all[0].message.size(), 511U - 28);
+}
+
+TEST_F(EventLogTest, record_times) {
+    const struct {
+        const char *line;
+        time_t now;
+        FILETIME time;
+    } cases[] = {
+        {"Nov 16 16:21:16 unit1", kNow, kNow},
+        {"nov 16 16:21:16 unit1", kNow, kNow},
+        {"Nov  1 00:00:00 unit1", kNow, 1793491200},
+        {"Dec 31 23:59:59 unit1", 1767225600, 1767225599},  // read in January 2026
+        {"Dec  1 00:00:00 unit1", kNow, 1764547200},        // December 2025, in November 2026
+        {"Jan 31 00:00:00 unit1", kNow, 1769817600},
+        {"Xyz 16 16:21:16 unit1", kNow, kNow},  // no month: the current one
+        {"16 Nov 16:21:16 unit1", kNow,
+         1793406076},  // neither month nor day nor hour: the day before the first
+        {"Feb 29 00:00:00 unit1", kNow, 1772323200},  // carried over
+        {"Nov 99999999999 x", kNow, 0},               // whatever, but no fault
+        {"Nov", kNow, 1793404800},
+        {"", kNow, 1793404800},
+        {"Nov 16 -1:-1:-1", kNow, 0},
+    };
+    for (const auto &c : cases) {
+        const FakeTime now(c.now);
+        const FILETIME time = vlliGetRecordTime(c.line);
+        if (c.time != 0) {
+            EXPECT_EQ(time, c.time) << c.line;
+        }
+    }
+    const FakeTime none(-1);
+    EXPECT_EQ(vlliGetRecordTime("Nov 16 16:21:16 unit1"), -1);
+}
+
+TEST_F(EventLogTest, every_buffer_size) {
+    put(kCurrent, "not ours\n" + line("a") + line("of another length"));
+    openLog();
+    const std::vector<Record> whole = readAll(kForwards);
+    ASSERT_EQ(whole.size(), 2U);
+    const DWORD first = 80 + 4;   // 67 + 7 + 5 + 1, and the copy of the length
+    const DWORD second = 96 + 4;  // 67 + 7 + 5 + 17
+    for (DWORD size = 0; size <= first + second + 8; ++size) {
+        const std::vector<Record> some = read(kSeek, 1, size);
+        if (size < first) {
+            EXPECT_EQ(error, ENOBUFS) << size;
+            EXPECT_EQ(needed, first) << size;
+            // It stays current: passed-over lines are not gone through again.
+            EXPECT_EQ(read(kForwards, 0)[0].number, 1U + 1U);
+        } else {
+            EXPECT_EQ(some.size(), size < first + second ? 1U : 2U) << size;
+            EXPECT_EQ(needed, 4711U);
+            const std::vector<Record> rest = read(kForwards, 0);
+            EXPECT_EQ(rest.size(), 2 - some.size()) << size;
+            EXPECT_EQ(error, rest.empty() ? ERANGE : 0);
+        }
+    }
+    DWORD got = 7;
+    EXPECT_FALSE(vllReadEventLog(log, kSeek, 1, nullptr, 0, nullptr, nullptr));
+    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_FALSE(vllReadEventLog(log, kSeek, 1, nullptr, 1, &got, nullptr));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(got, 7U);
+}
+
+TEST_F(EventLogTest, every_combination_of_flags) {
+    put(kCurrent, line("a") + line("b"));
+    openLog();
+    for (DWORD flags = 0; flags < 32; ++flags) {
+        const DWORD where = flags & 3;
+        const DWORD direction = flags & 12;
+        const bool valid = (where == 1 || where == 2) && (direction == 4 || direction == 8);
+        char buffer[1024];
+        DWORD got = 7;
+        DWORD more = 7;
+        errno = 0;
+        void *const fresh = vllOpenEventLog("server", "source");
+        EXPECT_EQ(vllReadEventLog(fresh, flags, 2, buffer, sizeof buffer, &got, &more), valid) << flags;
+        if (valid) {
+            EXPECT_EQ(split(buffer, got)[0].message, flags & 1 && flags & 4 ? "a" : "b") << flags;
+        } else {
+            EXPECT_EQ(errno, EINVAL) << flags;
+            EXPECT_EQ(got, 7U) << flags;
+        }
+        EXPECT_EQ(more, 7U);
+        EXPECT_TRUE(vllCloseEventLog(fresh));
+    }
+}
+
+TEST_F(EventLogTest, sequential_reads_turn_round_where_they_are) {
+    put(kCurrent, line("a") + line("b") + line("c"));
+    openLog();
+    const DWORD one = 84;
+    EXPECT_EQ(messages(read(kBackwards, 0, one)), Texts{"c"});
+    EXPECT_EQ(messages(read(kForwards, 0, one)), Texts{"b"});
+    EXPECT_EQ(messages(read(kBackwards, 0, one)), Texts{"c"});
+    EXPECT_EQ(messages(readAll(kBackwards, one)), (Texts{"b", "a"}));
+    EXPECT_TRUE(read(kForwards, 0).empty());  // at 0, outside
+    EXPECT_EQ(error, ERANGE);
+    EXPECT_EQ(messages(read(kSeek, 3)), Texts{"c"});
+    EXPECT_TRUE(read(kBackwards, 0).empty());
+    EXPECT_EQ(error, ERANGE);
+    // A seek that passes over lines to the end found nothing either.
+    put(kCurrent, "not ours\n");
+    EXPECT_EQ(count(), 1U);
+    errno = ENOMSG;
+    EXPECT_TRUE(read(kSeek, 1).empty());
+    EXPECT_EQ(error, ERANGE);
+}
+
+// What the reader must find, by the plainest of walks.
+Texts modelOf(const std::string &older, const std::string &current) {
+    Texts lines;
+    for (const std::string &text : {older, current}) {
+        size_t start = 0;
+        for (size_t at = 1; at < text.size() && text[at] != '\0'; ++at) {
+            if (text[at] == '\n') {
+                lines.push_back(text.substr(start, at - start));
+                start = at;
+            }
+        }
+    }
+    for (std::string &each : lines) {
+        if (!each.empty() && each[0] == '\n') {
+            each.erase(0, 1);
+        }
+    }
+    return lines;
+}
+
+std::string randomLog(std::mt19937 &random, int lines) {
+    std::string text;
+    for (int i = 0; i < lines; ++i) {
+        switch (random() % 8) {
+            case 0:
+                text += "\n";
+                break;
+            case 1:
+                text += "other line\n";
+                break;
+            default:
+                text += line(std::string(random() % 90, 'm') + std::to_string(i));
+        }
+    }
+    return text;
+}
+
+TEST_F(EventLogTest, reads_from_anywhere_find_the_same_lines) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 20; ++round) {
+        const std::string older = randomLog(random, static_cast<int>(random() % 30));
+        const std::string current = randomLog(random, static_cast<int>(random() % 300));
+        put(kOlder, older);
+        put(kCurrent, current);
+        const Texts model = modelOf(older, current);
+        openLog();
+        void *const second = vllOpenEventLog(nullptr, nullptr);
+        ASSERT_EQ(count(), model.size());
+        for (int step = 0; step < 400; ++step) {
+            const uint32_t number = static_cast<uint32_t>(random() % (model.size() + 1));
+            char buffer[600];
+            DWORD got = 0;
+            DWORD more;
+            const DWORD flags = random() % 2 ? kSeek : kSeekBack;
+            std::swap(log, *const_cast<void **>(&second));
+            vllReadEventLog(log, flags, number, buffer, sizeof buffer, &got, &more);
+            for (const Record &record : split(buffer, got)) {
+                ASSERT_LE(record.number, model.size());
+                const std::string &text = model[record.number - 1];
+                ASSERT_EQ(text, line(record.message).substr(0, text.size())) << "round " << round;
+                ASSERT_EQ(text.size() + 1, line(record.message).size());
+            }
+        }
+        Texts expected;
+        for (const std::string &text : model) {
+            if (text.size() > 41) {
+                expected.push_back(text.substr(41));
+            }
+        }
+        EXPECT_TRUE(vllCloseEventLog(second));
+        EXPECT_TRUE(vllCloseEventLog(log));
+        openLog();
+        const DWORD size = 200 + static_cast<DWORD>(random() % 500);
+        EXPECT_EQ(messages(readAll(kForwards, size)), expected);
+        EXPECT_TRUE(vllCloseEventLog(log));
+        openLog();
+        std::reverse(expected.begin(), expected.end());
+        EXPECT_EQ(messages(readAll(kBackwards, size)), expected);
+        EXPECT_TRUE(vllCloseEventLog(log));
+        log = nullptr;
+    }
+}
+
+TEST_F(EventLogTest, files_that_cannot_be_read) {
+    const auto expectFailure = [this](int reason, const char *what) {
+        errno = 0;
+        EXPECT_EQ(vllOpenEventLog(nullptr, nullptr), nullptr) << what;
+        EXPECT_EQ(errno, reason) << what;
+        DWORD number = 4711;
+        EXPECT_FALSE(vllGetNumberOfEventLogRecords(nullptr, &number)) << what;
+        EXPECT_EQ(errno, reason) << what;
+        EXPECT_EQ(number, 4711U) << what;
+    };
+    ASSERT_EQ(mkdir(kCurrent, 0755), 0);
+    expectFailure(EISDIR, "directory");
+    rmdir(kCurrent);
+    ASSERT_EQ(mkfifo(kCurrent, 0644), 0);
+    expectFailure(EISDIR, "pipe");
+    remove(kCurrent);
+    ASSERT_EQ(symlink("vservices", kCurrent), 0);
+    expectFailure(ELOOP, "loop");
+    remove(kCurrent);
+    put(kCurrent, line("a"));
+    ASSERT_EQ(truncate(kCurrent, off_t{INT32_MAX} + 1), 0);
+    expectFailure(EFBIG, "larger than the counts");
+    remove(kCurrent);
+
+    put(kCurrent, line("a"));
+    for (const char *call : {"mmap64", "pread64"}) {
+        const FailCall fail(call, 1, ENOMEM, 2);
+        expectFailure(ENOMEM, call);
+        EXPECT_TRUE(fail.happened());
+    }
+    {
+        const FailCall fail("malloc", 1, ENOMEM);
+        EXPECT_EQ(vllOpenEventLog(nullptr, nullptr), nullptr);
+        EXPECT_EQ(errno, ENOMEM);
+    }
+
+    // A failure behind an open handle: what is still to be had is counted, and comes back.
+    openLog();
+    EXPECT_EQ(count(), 1U);
+    put(kCurrent, line("a") + line("b"));
+    ASSERT_EQ(mkdir(kOlder, 0755), 0);
+    EXPECT_FALSE(vllGetNumberOfEventLogRecords(log, nullptr));
+    EXPECT_EQ(messages(readAll(kForwards)), (Texts{"a", "b"}));
+    rmdir(kOlder);
+    EXPECT_EQ(count(), 2U);
+    EXPECT_EQ(messages(read(kSeekBack, 2)), (Texts{"b", "a"}));
+    {
+        const FailCall fail("munmap", 1, EINVAL);
+        EXPECT_FALSE(vllCloseEventLog(log));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    log = nullptr;
+}
+
+TEST_F(EventLogTest, handles_that_are_none) {
+    put(kCurrent, line("a"));
+    openLog();
+    int local = 0;
+    void *const closed = vllOpenEventLog(nullptr, nullptr);
+    EXPECT_TRUE(vllCloseEventLog(closed));
+    char buffer[100];
+    DWORD got;
+    for (void *none :
+         {static_cast<void *>(nullptr), static_cast<void *>(&local), closed, reinterpret_cast<void *>(-1)}) {
+        errno = 0;
+        EXPECT_FALSE(vllCloseEventLog(none));
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FALSE(vllReadEventLog(none, kForwards, 0, buffer, sizeof buffer, &got, &got));
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(messages(readAll(kForwards)), Texts{"a"});  // the mappings were not given back
+}
+
+TEST_F(EventLogTest, refreshes_see_every_change) {
+    openLog();
+    int changed = 0;
+    const auto expectTexts = [&](const Texts &texts, const char *what) {
+        EXPECT_EQ(count(), texts.size()) << what;
+        EXPECT_EQ(messages(read(kSeek, 1)), texts) << what;
+    };
+    put(kCurrent, line("a") + line("b"));
+    expectTexts({"a", "b"}, "appears");
+    put(kCurrent, line("c") + line("d"));
+    expectTexts({"c", "d"}, "rewritten in place with the same size");
+    put("/var/log/new", line("e") + line("f"));
+    ASSERT_EQ(rename("/var/log/new", kCurrent), 0);
+    expectTexts({"e", "f"}, "replaced by a file of the same size");
+    put(kCurrent,
+        line("g") + std::string("\n\n") +
+            line(std::string(line("f").size() - line("").size() - 1, 'h')).substr(1),
+        O_TRUNC);
+    count();
+    put(kCurrent, line("i") + line("j"));
+    expectTexts({"i", "j"}, "other lines in the same size");
+    ASSERT_EQ(rename(kCurrent, kOlder), 0);
+    put(kCurrent, line("k"));
+    expectTexts({"i", "j", "k"}, "rotated");
+    ASSERT_EQ(truncate(kOlder, static_cast<off_t>(line("i").size())), 0);
+    expectTexts({"i", "k"}, "cut");
+    remove(kOlder);
+    expectTexts({"k"}, "older one gone");
+
+    // Nothing to do: nothing flagged, and a file at rest is not read again.
+    const timespec past[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, kCurrent, past, 0), 0);
+    count();
+    EXPECT_TRUE(vlliMapSyslogFiles(&changed));
+    EXPECT_EQ(changed, 0);
+    const char *const data = SyslogMappings[0].pData;
+    expectTexts({"k"}, "the same");
+    EXPECT_EQ(SyslogMappings[0].pData, data);
+}
+
+TEST_F(EventLogTest, a_file_at_rest_is_not_read_again) {
+    put(kCurrent, line("a"));
+    openLog();
+    const auto readsOfRefresh = [] {
+        ResetCallCounts();
+        count();
+        return CallCount("pread64");
+    };
+    EXPECT_GT(readsOfRefresh(), 0U);  // just written: the next change might not show in its time stamps
+    EXPECT_TRUE(WaitUntil([&] { return readsOfRefresh() == 0; }));
+}
+
+TEST_F(EventLogTest, clearing) {
+    put(kOlder, line("a"));
+    put(kCurrent, line("b"));
+    EXPECT_TRUE(vllClearEventLog(nullptr, nullptr));  // no handle needed
+    struct stat status;
+    EXPECT_EQ(stat(kOlder, &status), -1);
+    EXPECT_EQ(stat(kCurrent, &status), 0);
+    EXPECT_EQ(status.st_size, 0);
+
+    put(kOlder, line("a"));
+    put(kCurrent, line("b"));
+    openLog();
+    EXPECT_TRUE(vllClearEventLog(log, "/var/log/backup"));
+    EXPECT_TRUE(readAll(kForwards).empty());  // without another count
+    EXPECT_NE(access("/var/log/backup", F_OK), 0);
+    EXPECT_EQ(count(), 0U);
+    remove(kCurrent);
+    EXPECT_TRUE(vllClearEventLog(log, nullptr));
+}
+
+void cut(off_t size) {
+    const int fd = open(kCurrent, O_WRONLY | O_CLOEXEC);
+    EXPECT_TRUE(fd == -1 || ftruncate(fd, size) == 0);
+    close(fd);
+}
+
+// Rewrites, cuts, rotates and replaces the files for as long as it lives.
+int disturb() {
+    std::mt19937 random(static_cast<unsigned>(getpid()));
+    for (;;) {
+        switch (random() % 6) {
+            case 0:
+                cut(static_cast<off_t>(random() % 100000));
+                break;
+            case 1:
+                rename(kCurrent, kOlder);
+                break;
+            case 2:
+                remove(kOlder);
+                break;
+            case 3:
+                cut(0);
+                break;
+            default:
+                put(kCurrent, randomLog(random, 2000), random() % 2 ? O_TRUNC : O_APPEND);
+        }
+    }
+}
+
+TEST_F(EventLogTest, files_that_change_under_readers) {
+    const pid_t other = StartChild(disturb);
+    std::atomic<bool> done{false};
+    const auto reader = [&](DWORD flags) {
+        std::vector<char> buffer(5000);
+        while (!done) {
+            void *const mine = vllOpenEventLog(nullptr, nullptr);
+            ASSERT_NE(mine, nullptr);
+            DWORD got;
+            DWORD more;
+            while (vllReadEventLog(mine, flags, 0, buffer.data(), 5000, &got, &more)) {
+                for (const Record &record : split(buffer.data(), got)) {
+                    ASSERT_EQ(record.source, "gateway");
+                }
+            }
+            ASSERT_EQ(errno, ERANGE);
+            ASSERT_TRUE(vllCloseEventLog(mine));
+        }
+    };
+    std::thread forwards(reader, kForwards);
+    std::thread backwards(reader, kBackwards);
+    const int64_t end = NowMs() + 1500;
+    while (NowMs() < end) {
+        count();
+    }
+    done = true;
+    forwards.join();
+    backwards.join();
+    kill(other, SIGKILL);
+    EXPECT_EQ(FinishChild(other).status, SIGKILL);
+}
+
+TEST_F(EventLogTest, a_file_with_fewer_bytes_than_it_said) {
+    constexpr char kShort[] = "/sys/kernel/uevent_seqnum";  // says one page, holds a number
+    if (access(kShort, R_OK) != 0) {
+        GTEST_SKIP() << "no " << kShort;
+    }
+    ASSERT_EQ(symlink(kShort, kCurrent), 0);
+    put(kOlder, line("a"));
+    openLog();
+    EXPECT_EQ(count(), 2U);
+    EXPECT_LT(SyslogMappings[0].nSize, 100U);
+    EXPECT_EQ(messages(readAll(kForwards)), Texts{"a"});
+}
+
+TEST_F(EventLogTest, threads_share_one_handle) {
+    std::string text;
+    for (int i = 0; i < 3000; ++i) {
+        text += line(std::to_string(i));
+    }
+    put(kCurrent, text);
+    openLog();
+    std::vector<std::atomic<int>> seen(3001);
+    const auto reader = [&] {
+        char buffer[400];
+        DWORD got;
+        DWORD more;
+        while (vllReadEventLog(log, kForwards, 0, buffer, sizeof buffer, &got, &more)) {
+            for (const Record &record : split(buffer, got)) {
+                ++seen[record.number];
+            }
+        }
+    };
+    std::thread first(reader);
+    std::thread second(reader);
+    first.join();
+    second.join();
+    EXPECT_EQ(std::count(seen.begin() + 1, seen.end(), 1), 3000);  // each record to one of them
+}
+
+void useEverything(void *handle) {
+    char buffer[1000];
+    DWORD got;
+    vllGetNumberOfEventLogRecords(nullptr, &got);
+    vllReadEventLog(handle, kForwards, 0, buffer, sizeof buffer, &got, &got);
+    void *const mine = vllOpenEventLog(nullptr, nullptr);
+    vllCloseEventLog(mine);
+}
+
+TEST_F(EventLogTest, a_cancelled_reader_leaves_the_lock) {
+    put(kCurrent, line("a"));
+    openLog();
+    pthread_t thread;
+    // The cancelled frame is empty: AddressSanitizer does not see frames with arrays unwound.
+    const auto routine = [](void *handle) -> void * {
+        pthread_cancel(pthread_self());
+        useEverything(handle);
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, nullptr, routine, log), 0);
+    void *result = nullptr;
+    pthread_join(thread, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(pthread_mutex_trylock(&syslogMutex), 0);
+    pthread_mutex_unlock(&syslogMutex);
+    EXPECT_TRUE(readAll(kForwards).empty());  // the thread had read it
+}
+
+}  // namespace
