@@ -20,9 +20,10 @@ archive() { # DIR
 pack_system() { # ROOT
     local root=$1 module path
     mkdir -p "$root"/{bin,sbin,lib/modules,usr/bin,usr/sbin,"usr/lib/$triplet",usr/share,etc,dev,proc,sys,root,run,tmp}
-    mkdir -p "$root"/var/{log,tmp,run} "$root/vll"
+    mkdir -p "$root"/{home,media,mnt,opt,srv,var/log,var/tmp,var/run,usr/local,vll}
     # Programs of their own where tests copy or rename them; busybox adds the rest as links.
-    cp -P "$sysroot"/bin/{busybox,cat,chmod,cp,dash,date,dd,echo,false,ln,ls,mkdir,mv,rm,rmdir,sh,sleep,stty,sync,touch,true} "$root/bin/"
+    cp -P "$sysroot"/bin/{busybox,dash,sh,cat,chmod,cp,date,dd,echo,false,ln,ls,mkdir,mv} "$root/bin/"
+    cp -P "$sysroot"/bin/{rm,rmdir,sleep,stty,sync,touch,true} "$root/bin/"
     cp -P "$sysroot"/usr/bin/{env,head,id,printf,stat,tail,test,timeout,tr,truncate,tty,wc} "$root/usr/bin/"
     cp -a "$sysroot/lib/$triplet" "$root/lib/"
     cp -P "$sysroot/lib/ld-linux-armhf.so.3" "$root/lib/"

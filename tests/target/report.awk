@@ -35,7 +35,9 @@ function read_line(program, line) {
         skipped[program]++
         sub(/.*\[  SKIPPED \] /, "", line)
         sub(/ \([0-9]+ ms\)$/, "", line)
-        reasons[program] = reasons[program] "        skipped " line ": " (reason == "" ? "no reason given" : reason) "\n"
+        if (reason == "") reason = "no reason given"
+        reasons[program] = reasons[program] "        skipped " line ": " reason "\n"
+        reason = ""
     } else if (line ~ /: Skipped$/) {
         in_reason = 1
         reason = ""

@@ -38,6 +38,8 @@ while [ $# -gt 0 ]; do
     shift
 done
 
+mkdir -p "$build"
+build=$(cd "$build" && pwd)
 work=$(mktemp -d)
 machine=
 clean_up() {
@@ -60,9 +62,15 @@ give_up() { # TEXT
 }
 
 build_all() {
-    (cd "$source_dir" && VLL_SYSROOT=$sysroot cmake --preset armhf -B "$build" -D VLL_SYSROOT="$sysroot" >"$work/configure.log") ||
-        { cat "$work/configure.log"; return 1; }
-    cmake --build "$build" --parallel "$(nproc)" >"$work/build.log" || { cat "$work/build.log"; return 1; }
+    # Nothing that an earlier sysroot answered may stay.
+    if ! grep -q -F -x "VLL_SYSROOT:PATH=$sysroot" "$build/CMakeCache.txt" 2>/dev/null; then
+        rm -rf "$build"/CMake{Cache.txt,Files}
+    fi
+    if ! (cd "$source_dir" && cmake --preset armhf -B "$build" -D VLL_SYSROOT:PATH="$sysroot" &&
+              cmake --build "$build" --parallel "$(nproc)") >"$work/log" 2>&1; then
+        cat "$work/log"
+        return 1
+    fi
     ninja -C "$build" -t cleandead >/dev/null # no test runs on after it has left the tree
 }
 
@@ -96,8 +104,9 @@ write_plan() {
 make_machine() {
     local kernels=("$sysroot"/boot/vmlinuz-*)
     "$here/initramfs.sh" "$sysroot" "$build" "$work/plan" "$work/initramfs"
-    qemu=(qemu-system-arm -M virt,highmem=off -cpu cortex-a15 -m 512 -smp 2 -net none -no-reboot -display none -monitor none
-          -kernel "${kernels[0]}" -initrd "$work/initramfs" -append "console=ttyAMA0 quiet rdinit=/init panic=-1")
+    qemu=(qemu-system-arm -M "virt,highmem=off" -cpu cortex-a15 -m 512 -smp 2 -net none -no-reboot
+          -display none -monitor none -kernel "${kernels[0]}" -initrd "$work/initramfs"
+          -append "console=ttyAMA0 quiet rdinit=/init panic=-1")
 }
 
 # Boots, prints the results while they come, and leaves how the machine ended in `status`.
@@ -105,10 +114,12 @@ run_machine() {
     : >"$build/target.results"
     : >"$build/target.console"
     timeout -k 5 "$time_limit" "${qemu[@]}" -serial "file:$build/target.console" \
-        -chardev "file,id=results,path=$build/target.results" -device pci-serial,chardev=results </dev/null &
+        -chardev "file,id=results,path=$build/target.results" -device pci-serial,chardev=results \
+        </dev/null &
     machine=$!
     tail -c +1 -s 0.2 -f --pid="$machine" "$build/target.results" |
-        awk -v plain="$plain" -v filtered="${GTEST_FILTER:-}" -v summary="$work/summary" -f "$here/report.awk"
+        awk -v plain="$plain" -v filtered="${GTEST_FILTER:-}" -v summary="$work/summary" \
+            -f "$here/report.awk"
     status=0
     wait "$machine" || status=$?
     machine=
@@ -131,9 +142,10 @@ judge_end() { # DONE
     return 1
 }
 
-# shellcheck source=/dev/null
+# shellcheck source=scripts/lib/packages.sh
 . "$source_dir/scripts/lib/packages.sh"
-vll_need_packages qemu-system-arm mmdebstrap g++-12-arm-linux-gnueabihf cmake ninja-build cpio || give_up "Debian packages are missing"
+vll_need_packages qemu-system-arm mmdebstrap g++-12-arm-linux-gnueabihf cmake ninja-build cpio ||
+    give_up "Debian packages are missing"
 
 sysroot=$("$here/sysroot.sh" --cache "$cache") || give_up "the sysroot could not be made"
 if [ -n "$must_build" ]; then

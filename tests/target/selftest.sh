@@ -82,7 +82,10 @@ program off_test <<<'poweroff -f'
 expect 1 "0 passed, 2 failed" "without its closing marker"
 
 what="a machine that hangs"
-program stop_test <<<'kill -STOP $PPID; sleep 1000'
+program stop_test <<'TEXT'
+kill -STOP $PPID
+sleep 1000
+TEXT
 options=("$@" --time-limit 25)
 expect 1 "0 passed, 2 failed" "did not end within 25 s"
 options=("$@")

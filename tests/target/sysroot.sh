@@ -16,10 +16,6 @@ fi
 mkdir -p "$cache"
 cache=$(cd "$cache" && pwd)
 
-# A changed list, or a change in how the sysroot is made, makes a new one.
-key=$({ echo "$suite ${packages[*]}"; cat "$0"; } | sha256sum | cut -c1-12)
-sysroot=$cache/sysroot-armhf-$key
-
 # The machine's own sources: the mirror that serves it serves the target as well.
 own_sources() { # KEYDIR
     local files=() file
@@ -43,7 +39,10 @@ make_sysroot() {
     fi
     # How this machine reaches its mirror (proxy, certificates, dates) holds for the target's packages too.
     apt-config dump | grep -E '^Acquire::(http|https|Check-Valid-Until|Check-Date|Retries)\b' >"$work/apt.conf" || true
-    if ! mmdebstrap --variant=extract --architectures=armhf --format=tar --aptopt="$work/apt.conf" \
+    # Nothing of the target is run, so anybody may unpack it.
+    local mode=chrootless
+    if [ "$(id -u)" = 0 ]; then mode=root; fi
+    if ! mmdebstrap --mode="$mode" --variant=extract --architectures=armhf --format=tar --aptopt="$work/apt.conf" \
             --include="$(IFS=,; echo "${packages[*]}")" "$suite" "$work/root.tar" "$work/sources" >"$work/log" 2>&1; then
         cat "$work/log" >&2
         return 1
@@ -53,10 +52,16 @@ make_sysroot() {
     mv -T "$work/root" "$sysroot"
 }
 
+# A changed list, or a change in how the sysroot is made, makes a new one; what nobody uses any more goes.
+key=$({ declare -p suite packages; declare -f own_sources make_sysroot; } | sha256sum | cut -c1-12)
+sysroot=$cache/sysroot-armhf-$key
+
 exec 9>"$cache/lock"
 flock 9
 if ! [ -d "$sysroot" ]; then
     echo "making the armhf sysroot in $cache" >&2
+    find "$cache" -maxdepth 1 -name 'sysroot-armhf-*' -mtime +14 -exec rm -rf {} +
     make_sysroot
 fi
+touch "$sysroot"
 echo "$sysroot"
