@@ -24,15 +24,19 @@
 
 /* waitable objects */
 #include "vwincompat/event.h"
+#include "vwincompat/mutex.h"
+#include "vwincompat/semaphore.h"
 #include "vwincompat/timer.h"
 #include "vwincompat/wait.h"
 
 /* threads, processes, memory */
 #include "vwincompat/process.h"
 #include "vwincompat/security.h"
+#include "vwincompat/memory.h"
 #include "vwincompat/thread.h"
 
 /* sharing */
+#include "vwincompat/mapping.h"
 #include "vwincompat/sharing.h"
 
 /* files */

@@ -47,6 +47,18 @@ int vlliBlockInSemWait(sem_t *semaphore) {
     VLL_BLOCK(int, sem_wait(semaphore));
 }
 
+int vlliBlockInSemTimedwait(sem_t *semaphore, const struct timespec *deadline) {
+    VLL_BLOCK(int, sem_timedwait(semaphore, deadline));
+}
+
+int vlliBlockInMutexLock(pthread_mutex_t *mutex) {
+    VLL_BLOCK(int, pthread_mutex_lock(mutex));
+}
+
+int vlliBlockInMutexTimedlock(pthread_mutex_t *mutex, const struct timespec *deadline) {
+    VLL_BLOCK(int, pthread_mutex_timedlock(mutex, deadline));
+}
+
 ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags) {
     VLL_BLOCK(ssize_t, sendmsg(socket, message, flags));
 }

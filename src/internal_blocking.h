@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -27,12 +28,17 @@ ssize_t vlliBlockInRead(int fd, void *buffer, size_t size);
 ssize_t vlliBlockInWrite(int fd, const void *buffer, size_t size);
 int vlliBlockInFsync(int fd);
 int vlliBlockInSemWait(sem_t *semaphore);
+int vlliBlockInSemTimedwait(sem_t *semaphore, const struct timespec *deadline);
 ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
 ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);
 pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options);
 int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining);
 int vlliBlockInSystem(const char *command);
 int vlliBlockInModemWait(int port, int lines);
+
+// No cancellation points, but a thread of asynchronous cancelability may be cancelled inside.
+int vlliBlockInMutexLock(pthread_mutex_t *mutex);
+int vlliBlockInMutexTimedlock(pthread_mutex_t *mutex, const struct timespec *deadline);
 
 #ifdef __cplusplus
 }

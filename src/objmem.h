@@ -191,6 +191,26 @@ class ObjectRef {
     ObjectRecord *record_ = nullptr;
 };
 
+// A live handle's record under objMemMutex, in place of a reference: for one step of a few instructions in user
+// space, which costs less than taking and dropping a reference. Null, without a log line, for any other handle.
+class LockedRecord {
+  public:
+    explicit LockedRecord(HANDLE handle) {
+        if (lock_.held() && vlliIsIssuedType(handle) && vlliGetObjectAddress(handle)->refCount > 0) {
+            record_ = vlliGetObjectAddress(handle);
+        }
+    }
+    LockedRecord(const LockedRecord &) = delete;
+    LockedRecord &operator=(const LockedRecord &) = delete;
+
+    explicit operator bool() const { return record_ != nullptr; }
+    ObjectRecord *operator->() const { return record_; }
+
+  private:
+    TableLock lock_;
+    ObjectRecord *record_ = nullptr;
+};
+
 // A handle under construction: closed at the end of its scope, with errno kept, unless it is released.
 class NewHandle {
   public:

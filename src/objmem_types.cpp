@@ -2,6 +2,9 @@
 
 #include "console.h"
 #include "event.h"
+#include "mutex.h"
+#include "semaphore_object.h"
+#include "shmem.h"
 #include "thread.h"
 #include "waitabletimer.h"
 
@@ -12,11 +15,11 @@ constexpr ObjectType kObjectTypes[] = {
     {OBJ_WAITABLE_TIMER, false, vlliCloseWaitableTimer, vlliDuplicateWaitableTimer},
     {OBJ_CONSOLE, false, vlliCloseConsole, vlliDuplicateConsole},
     {OBJ_THREAD, true, vlliCloseThread, vlliDuplicateThread},
-    {OBJ_MUTEX, true, nullptr, nullptr},
-    {OBJ_SEMAPHORE, true, nullptr, nullptr},
-    {OBJ_SHMEM, false, nullptr, nullptr},
-    {OBJ_NAMED_MUTEX, false, nullptr, nullptr},
-    {OBJ_NAMED_SEMAPHORE, false, nullptr, nullptr},
+    {OBJ_MUTEX, true, vlliCloseMutex, vlliDuplicateMutex},
+    {OBJ_SEMAPHORE, true, vlliCloseSemaphore, vlliDuplicateSemaphore},
+    {OBJ_SHMEM, false, vlliCloseShmem, vlliDuplicateShmem},
+    {OBJ_NAMED_MUTEX, false, vlliCloseNamedObject, vlliDuplicateNamedObject},
+    {OBJ_NAMED_SEMAPHORE, false, vlliCloseNamedObject, vlliDuplicateNamedObject},
 };
 
 }  // namespace

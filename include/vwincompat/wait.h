@@ -47,12 +47,20 @@ VLL_API DWORD vllWaitForMultipleObjects(int32_t nCount, const HANDLE *lpHandles,
 VLL_API DWORD vllMsgWaitForMultipleObjectsEx(int32_t nCount, const HANDLE *lpHandles, DWORD dwMilliseconds);
 
 /**
- * Waits until one object is signalled. Blocking, and a cancellation point.
+ * Waits until one object is signalled. Blocking, and a cancellation point except for mutexes: a thread that is
+ * cancelled while it waits for a mutex ends after it has acquired it, or after the time-out.
  *
- * For events, timers, consoles, threads and processes it is vllWaitForMultipleObjects() with one handle.
+ * - Events, timers, consoles, threads and processes: vllWaitForMultipleObjects() with one handle.
+ * - Mutexes: the caller becomes the owner, once more if it is the owner already. WAIT_ABANDONED says that the
+ *   former owner died and that what the mutex protects may be half changed; the caller owns it.
+ * - Semaphores: takes one unit.
  *
- * @return WAIT_OBJECT_0, WAIT_TIMEOUT, or WAIT_FAILED: EINVAL for a handle that is not open or whose type
- *         cannot be waited on, and the errors of vllWaitForMultipleObjects().
+ * The time-out of mutexes and semaphores follows the system's real-time clock, signals or not.
+ *
+ * @return WAIT_OBJECT_0, WAIT_ABANDONED, WAIT_TIMEOUT, or WAIT_FAILED: EINVAL (a handle that is not open or whose
+ *         type cannot be waited on), and the errors of vllWaitForMultipleObjects(). With time-out 0, EBUSY for a
+ *         mutex that another thread owns and EAGAIN for a semaphore without units, not WAIT_TIMEOUT. EAGAIN for
+ *         a mutex acquired too often.
  */
 VLL_API DWORD vllWaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds);
 

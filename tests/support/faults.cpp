@@ -9,6 +9,7 @@
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include <wordexp.h>
 #include <cerrno>
 #include <cstdio>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -79,6 +81,10 @@ int nextError(Call call) {
         state.until = 1;
     }
     state.happened = true;
+    if (state.error < 0) {
+        raise(-state.error);
+        return 0;
+    }
     return state.error;
 }
 

@@ -9,7 +9,7 @@
 #include <cstdint>
 
 // While it lives, the n-th call (1 is the next) of the calling thread fails with an error; with times,
-// that many calls in a row do.
+// that many calls in a row do. A negative error is a signal that the process raises before the call is made.
 class FailCall {
   public:
     FailCall(const char *call, int nth, int error, int times = 1);

@@ -1,0 +1,311 @@
+#include "mutex.h"
+
+#include <unistd.h>
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+#include "support/child.h"
+#include "support/faults.h"
+#include "support/fixture.h"
+#include "support/syslog_capture.h"
+
+namespace {
+
+class MutexTest : public LibraryTest {};
+
+// Runs a step in a thread of its own.
+template <typename Step>
+void InThread(Step step) {
+    std::thread(step).join();
+}
+
+DWORD WaitElsewhere(HANDLE mutex, DWORD timeout_ms, int *error = nullptr) {
+    DWORD result = WAIT_FAILED;
+    InThread([&] {
+        errno = 0;
+        result = vllWaitForSingleObject(mutex, timeout_ms);
+        if (error != nullptr) {
+            *error = errno;
+        }
+        if (result == WAIT_OBJECT_0 || result == WAIT_ABANDONED) {
+            EXPECT_TRUE(vllReleaseMutex(mutex));
+        }
+    });
+    return result;
+}
+
+TEST_F(MutexTest, ownership_recursion_and_release) {
+    for (const char *name : {static_cast<const char *>(nullptr), "", "vll_mutex_test"}) {
+        SCOPED_TRACE(name == nullptr ? "null" : name);
+        errno = EEXIST;
+        const HANDLE mutex = vllCreateMutex(1, name);
+        ASSERT_NE(mutex, 0U);
+        EXPECT_EQ(errno, 0);
+        int error = 0;
+        EXPECT_EQ(WaitElsewhere(mutex, 0, &error), WAIT_FAILED);
+        EXPECT_EQ(error, EBUSY);
+        EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+        EXPECT_EQ(vllWaitForSingleObject(mutex, 50), WAIT_OBJECT_0);
+        EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(WaitElsewhere(mutex, 0), WAIT_FAILED);
+            EXPECT_TRUE(vllReleaseMutex(mutex));
+        }
+        EXPECT_EQ(WaitElsewhere(mutex, 0), WAIT_OBJECT_0);
+        EXPECT_TRUE(vllCloseHandle(mutex));
+    }
+}
+
+#if !defined(__SANITIZE_THREAD__)  // which takes the attempt itself for a fault
+TEST_F(MutexTest, release_EPERM) {
+    const HANDLE mutex = vllCreateMutex(0, nullptr);
+    EXPECT_FALSE(vllReleaseMutex(mutex));
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    InThread([&] {
+        EXPECT_FALSE(vllReleaseMutex(mutex));
+        EXPECT_EQ(errno, EPERM);
+    });
+    EXPECT_TRUE(vllReleaseMutex(mutex));
+    vllCloseHandle(mutex);
+}
+#endif
+
+TEST_F(MutexTest, release_of_what_is_no_mutex) {
+    const HANDLE event = vllCreateEvent(1, 0, nullptr);
+    const HANDLE semaphore = vllCreateSemaphore(0, nullptr);
+    const HANDLE closed = vllCreateMutex(0, nullptr);
+    vllCloseHandle(closed);
+    const HANDLE as_mutex = OBJ_MUTEX | (semaphore & kIndexMask);
+    for (const HANDLE handle : {event, semaphore, closed, as_mutex, 0U, 5U, OBJ_MUTEX | 0x80U, 0xFFFFFFFFU}) {
+        errno = 0;
+        EXPECT_FALSE(vllReleaseMutex(handle)) << std::hex << handle;
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(vllWaitForSingleObject(as_mutex, 0), WAIT_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(TakeErrors().size(), 1U);
+    vllCloseHandle(semaphore);
+    vllCloseHandle(event);
+}
+
+void ignoreSignal(int) {}
+
+TEST_F(MutexTest, timeouts_are_accurate_also_under_signals) {
+    const HANDLE mutex = vllCreateMutex(1, nullptr);
+    struct sigaction action = {};
+    action.sa_handler = ignoreSignal;
+    struct sigaction former;
+    sigaction(SIGUSR1, &action, &former);
+    for (const int timeout_ms : {1, 30, 100, 250}) {
+        std::atomic<pthread_t> waiter{0};
+        std::atomic<bool> done{false};
+        std::thread thread([&] {
+            waiter = pthread_self();
+            const int64_t start = NowMs();
+            EXPECT_EQ(vllWaitForSingleObject(mutex, static_cast<DWORD>(timeout_ms)), WAIT_TIMEOUT);
+            const int64_t took = NowMs() - start;
+            EXPECT_GE(took, timeout_ms - 1);  // whole milliseconds on either side
+            EXPECT_LE(took, timeout_ms + 1500);
+            done = true;
+        });
+        WaitUntil([&] { return waiter != 0; });
+        while (!done) {
+            pthread_kill(waiter, SIGUSR1);
+            usleep(2000);
+        }
+        thread.join();
+    }
+    sigaction(SIGUSR1, &former, nullptr);
+    vllCloseHandle(mutex);
+}
+
+TEST_F(MutexTest, dead_owner_is_told_to_one_waiter) {
+    constexpr int kWaiters = 4;
+    const HANDLE mutex = vllCreateMutex(0, nullptr);
+    std::atomic<pid_t> tids[kWaiters] = {};
+    std::atomic<int> abandoned{0};
+    std::atomic<int> acquired{0};
+    std::atomic<bool> may_die{false};
+    std::atomic<bool> owned{false};
+    std::thread owner([&] {
+        EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
+        EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
+        owned = true;
+        WaitUntil([&] { return may_die.load(); });
+    });
+    WaitUntil([&] { return owned.load(); });
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < kWaiters; ++i) {
+        waiters.emplace_back([&, i] {
+            tids[i] = gettid();
+            const DWORD result = vllWaitForSingleObject(mutex, i % 2 == 0 ? INFINITE : 60000);
+            abandoned += result == WAIT_ABANDONED;
+            acquired += result == WAIT_OBJECT_0;
+            EXPECT_TRUE(vllReleaseMutex(mutex));
+        });
+    }
+    for (int i = 0; i < kWaiters; ++i) {
+        WaitUntil([&] { return tids[i] != 0; });
+        EXPECT_TRUE(WaitUntilAsleep(tids[i]));
+    }
+    may_die = true;
+    owner.join();
+    for (std::thread &waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(abandoned, 1);
+    EXPECT_EQ(acquired, kWaiters - 1);
+    EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    vllCloseHandle(mutex);
+}
+
+TEST_F(MutexTest, dead_owner_found_without_waiting) {
+    const HANDLE mutex = vllCreateMutex(0, nullptr);
+    InThread([&] { EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0); });
+    // The kernel marks the mutex a moment after the thread's end is visible.
+    DWORD result = WAIT_FAILED;
+    EXPECT_TRUE(WaitUntil([&] { return (result = vllWaitForSingleObject(mutex, 0)) != WAIT_FAILED; }));
+    EXPECT_EQ(result, WAIT_ABANDONED);
+    EXPECT_EQ(WaitElsewhere(mutex, 0), WAIT_FAILED);
+    EXPECT_TRUE(vllReleaseMutex(mutex));
+    EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    vllCloseHandle(mutex);
+}
+
+TEST_F(MutexTest, duplicate_shares_the_mutex) {
+    const HANDLE mutex = vllCreateMutex(1, nullptr);
+    const HANDLE duplicate = vllDuplicateHandle(mutex);
+    ASSERT_NE(duplicate, 0U);
+    EXPECT_TRUE(vllCloseHandle(mutex));
+    EXPECT_EQ(WaitElsewhere(duplicate, 0), WAIT_FAILED);
+    EXPECT_TRUE(vllReleaseMutex(duplicate));
+    EXPECT_EQ(WaitElsewhere(duplicate, 0), WAIT_OBJECT_0);
+    vllCloseHandle(duplicate);
+}
+
+// A closed record is used again: no robust list may still hold it.
+TEST_F(MutexTest, owner_closes_the_last_handle) {
+    for (uint32_t i = 0; i < 3 * kObjmemCount; ++i) {
+        const HANDLE mutex = vllCreateMutex(1, nullptr);
+        ASSERT_NE(mutex, 0U);
+        EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+        EXPECT_TRUE(vllCloseHandle(mutex));
+    }
+}
+
+TEST_F(MutexTest, last_handle_closed_while_another_thread_owns) {
+    std::atomic<HANDLE> mutexes[3] = {};
+    std::atomic<bool> closed{false};
+    std::thread owner([&] {
+        for (auto &mutex : mutexes) {
+            mutex = vllCreateMutex(1, nullptr);
+        }
+        WaitUntil([&] { return closed.load(); });
+        // Its list is sound, and what it still owned has not been reused.
+        const HANDLE other = vllCreateMutex(1, nullptr);
+        EXPECT_NE(other, 0U);
+        EXPECT_TRUE(vllReleaseMutex(other));
+        EXPECT_TRUE(vllCloseHandle(other));
+        EXPECT_EQ(TakeInventory().free_objmem, kObjmemCount);
+    });
+    WaitUntil([&] { return mutexes[2] != 0; });
+    for (auto &mutex : mutexes) {
+        EXPECT_TRUE(vllCloseHandle(mutex));
+    }
+    EXPECT_EQ(TakeInventory().free_objmem, kObjmemCount - 3);
+    for (uint32_t i = 0; i < 2 * kObjmemCount; ++i) {
+        vllCloseHandle(vllCreateMutex(1, nullptr));
+    }
+    closed = true;
+    owner.join();
+}
+
+TEST_F(MutexTest, closed_under_a_waiter) {
+    const HANDLE mutex = vllCreateMutex(1, nullptr);
+    std::atomic<pid_t> tid{0};
+    std::thread waiter([&] {
+        tid = gettid();
+        EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
+        // The wait held the last reference: the mutex was released and is gone.
+    });
+    WaitUntil([&] { return tid != 0; });
+    WaitUntilAsleep(tid);
+    EXPECT_TRUE(vllCloseHandle(mutex));
+    EXPECT_TRUE(vllReleaseMutex(mutex));
+    waiter.join();
+    EXPECT_FALSE(vllReleaseMutex(mutex));
+}
+
+TEST_F(MutexTest, limit_and_failing_calls) {
+    std::vector<HANDLE> handles;
+    for (uint32_t i = 0; i < kObjmemCount; ++i) {
+        handles.push_back(i % 2 == 0 ? vllCreateMutex(0, nullptr) : vllCreateSemaphore(1, nullptr));
+        EXPECT_NE(handles.back(), 0U);
+    }
+    EXPECT_EQ(vllCreateMutex(0, nullptr), 0U);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(TakeErrors(), std::vector<std::string>{"VLLI: AllocMemObject() error = ENOMEM\n"});
+    for (const HANDLE handle : handles) {
+        EXPECT_TRUE(vllCloseHandle(handle));
+    }
+    for (const char *call : {"pthread_mutexattr_setrobust", "pthread_mutex_init"}) {
+        const FailCall fail(call, 1, ENOTSUP);
+        EXPECT_EQ(vllCreateMutex(1, nullptr), 0U);
+        EXPECT_EQ(errno, ENOTSUP);
+        EXPECT_TRUE(fail.happened());
+    }
+}
+
+TEST_F(MutexTest, open_by_name) {
+    for (const char *name : {static_cast<const char *>(nullptr), ""}) {
+        errno = 0;
+        EXPECT_EQ(vllOpenMutex(name), 0U);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(vllOpenMutex("vll_open_test"), 0U);
+    EXPECT_EQ(errno, ENOENT);
+    const HANDLE mutex = vllCreateMutex(1, "vll_open_test");
+    EXPECT_EQ(errno, 0);  // the attempt left no mutex behind
+    const ChildResult child = RunInChild([] {
+        vllCloseHandle(OBJ_NAMED_MUTEX);  // what it inherited
+        const HANDLE opened = vllOpenMutex("vll_open_test");
+        EXPECT_NE(opened, 0U);
+        EXPECT_EQ(vllWaitForSingleObject(opened, 0), WAIT_FAILED);
+        EXPECT_EQ(errno, EBUSY);
+        vllCloseHandle(opened);
+        return 0;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(child.status, 0);
+    EXPECT_TRUE(vllReleaseMutex(mutex));
+    EXPECT_TRUE(vllCloseHandle(mutex));
+}
+
+// Threads that wait for a mutex are no target of cancellation until they have it.
+TEST_F(MutexTest, cancelled_waiter_keeps_the_table_whole) {
+    const HANDLE mutex = vllCreateMutex(1, nullptr);
+    static std::atomic<pid_t> tid;
+    tid = 0;
+    pthread_t waiter;
+    auto body = [](void *argument) -> void * {
+        tid = gettid();
+        vllWaitForSingleObject(*static_cast<HANDLE *>(argument), INFINITE);
+        pthread_testcancel();
+        return nullptr;
+    };
+    HANDLE handle = mutex;
+    pthread_create(&waiter, nullptr, body, &handle);
+    WaitUntil([&] { return tid != 0; });
+    WaitUntilAsleep(tid);
+    pthread_cancel(waiter);
+    EXPECT_TRUE(vllReleaseMutex(mutex));
+    void *result = nullptr;
+    pthread_join(waiter, &result);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_ABANDONED);
+    vllCloseHandle(mutex);
+}
+
+}  // namespace
