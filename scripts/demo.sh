@@ -61,7 +61,7 @@ if ! { "$tool" set "$profile" gateway clients $max_clients && "$tool" set "$prof
 fi
 
 echo "== the gateway starts"
-"${under[@]}" "$programs/gateway" --profile "$profile" --port-file "$work/port" >"$work/gateway" 2>&1 &
+"${under[@]}" "$programs/gateway" --profile "$profile" --port-file "$work/port" --log "$work/log" >"$work/gateway" 2>&1 &
 gateway=$!
 if ! wait_until port_written || [ ! -s "$work/port" ]; then
     cat "$work/gateway" >&2
@@ -113,6 +113,11 @@ gateway=
 cat "$work/gateway"
 [ "$status" = 0 ] || failures=$((failures + 1))
 answered=$(sed -n 's/^gateway: .* \([0-9]*\) lines answered.*/\1/p' "$work/gateway")
+# The log got, in the background, all that was printed from its start to its stop.
+if ! grep -q ' lines answered' "$work/log" || ! grep -q '^listening on' "$work/log"; then
+    echo "FAILED: the log"
+    failures=$((failures + 1))
+fi
 cut=$(sed -n 's/^gateway: .* \([0-9]*\) cut in mid-line.*/\1/p' "$work/gateway")
 
 echo "== a gateway with a console runs a program for a client, and quits when told to"

@@ -16,6 +16,7 @@ struct Settings {
     int heartbeat_seconds;
     int idle_seconds;       // a client that neither sends nor takes anything for so long is dropped
     const char *port_file;  // where the port is written, or null
+    const char *log_file;   // what is reported goes there, too (log_writer.cpp); or null
     bool verbose;
     bool commands;  // clients may run programs
 };

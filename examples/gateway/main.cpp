@@ -10,7 +10,7 @@
 
 #include "gateway.h"
 
-Settings settings = {kMaxClients, 4, 1, 300, nullptr, false, false};
+Settings settings = {kMaxClients, 4, 1, 300, nullptr, nullptr, false, false};
 Statistics statistics;
 
 namespace {
@@ -109,6 +109,9 @@ bool ParseOptions(int argc, char **argv) {
         if (strcmp(argv[i], "--port-file") == 0) {
             settings.port_file = value;
             good = *value != '\0';
+        } else if (strcmp(argv[i], "--log") == 0) {
+            settings.log_file = value;
+            good = *value != '\0';
         } else if (strcmp(argv[i], "--profile") == 0) {
             good = ProfileRead(value);
         } else if (strcmp(argv[i], "--clients") == 0) {
@@ -124,7 +127,8 @@ bool ParseOptions(int argc, char **argv) {
         }
         if (!good) {
             fprintf(stderr,
-                    "usage: %s [--profile FILE] [--port-file FILE] [--clients 1-%d] [--workers 1-%d] "
+                    "usage: %s [--profile FILE] [--port-file FILE] [--log FILE] [--clients 1-%d] [--workers "
+                    "1-%d] "
                     "[--heartbeat SECONDS] [--idle SECONDS] [--commands] [--verbose]\n",
                     argv[0], kMaxClients, kMaxWorkers);
             return false;

@@ -1,0 +1,152 @@
+// Writes what the gateway reports to a log reader, in the background: overlapped writes into a pipe, so that the loop
+// never waits for a slow reader. Two buffers take turns: one is on its way while the other fills. What does not fit is
+// counted and dropped, as a log must never stop a daemon.
+//
+// The pipe's reader here is a thread that appends to a file (--log); it could as well be a serial line.
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstring>
+
+#include "gateway.h"
+
+namespace {
+
+enum { kBuffer = 8192, kStopMs = 5000 };
+
+struct Buffer {
+    char text[kBuffer];
+    DWORD length;
+};
+
+HANDLE service = 0;
+HANDLE file_writer = 0;
+int pipe_fds[2] = {-1, -1};
+HANDLE log_file = INVALID_HANDLE_VALUE;
+Buffer buffers[2];
+Buffer *filling = &buffers[0];
+bool under_way = false;
+unsigned dropped = 0;
+OverlappedRecord record;
+
+// Runs until the pipe's last writer is closed.
+uint32_t CopyToFile(LPVOID) {
+    char text[kBuffer];
+    DWORD count;
+    while (vllReadFile((HANDLE)pipe_fds[0], text, sizeof text, &count, nullptr) && count > 0) {
+        vllWriteFile(log_file, text, count, nullptr, nullptr);
+    }
+    return 0;
+}
+
+// Sends the buffer that was filling, and goes on with the other.
+void Send() {
+    under_way = vllWriteFile((HANDLE)pipe_fds[1], filling->text, filling->length, nullptr, &record) != 0;
+    if (!under_way) {
+        ++dropped;
+    }
+    filling = filling == &buffers[0] ? &buffers[1] : &buffers[0];
+    filling->length = 0;
+}
+
+void Written(void *) {
+    vllResetEvent(record.event);
+    under_way = false;
+    if (filling->length > 0) {
+        Send();
+    }
+}
+
+void Note(const char *line) {
+    if (record.event == 0) {
+        return;  // no --log
+    }
+    const size_t length = strlen(line);
+    if (length + 1 > kBuffer - filling->length) {
+        ++dropped;
+        return;
+    }
+    memcpy(filling->text + filling->length, line, length);
+    filling->length += (DWORD)length;
+    filling->text[filling->length++] = '\n';
+    if (!under_way) {
+        Send();
+    }
+}
+
+bool ServiceIsReady() {
+    for (int i = 0; i < kStopMs; ++i) {
+        if (__atomic_load_n(&epoll_fd, __ATOMIC_ACQUIRE) != -1) {
+            return true;
+        }
+        usleep(1000);
+    }
+    return false;
+}
+
+bool Open() {
+    log_file = vllCreateFile(settings.log_file, O_WRONLY | O_APPEND | O_CLOEXEC, 0640, OPEN_ALWAYS);
+    if (log_file == INVALID_HANDLE_VALUE || pipe2(pipe_fds, O_CLOEXEC) == -1) {
+        return false;
+    }
+    service = vllCreateThread(0, vlliAsyncIo, nullptr, nullptr, 0);
+    file_writer = vllCreateThread(0, CopyToFile, nullptr, nullptr, 0);
+    record.event = vllCreateEvent(TRUE, FALSE, nullptr);
+    return service != 0 && file_writer != 0 && record.event != 0 && ServiceIsReady() &&
+           LoopAdd(record.event, Turn::fair, Written, nullptr);
+}
+
+void EndThread(HANDLE thread, bool cancel) {
+    if (thread != 0) {
+        if (cancel) {
+            vllTerminateThread(thread, 0);
+        }
+        vllWaitForSingleObject(thread, kStopMs);
+        vllCloseHandle(thread);
+    }
+}
+
+void Stop() {
+    while (under_way && vllWaitForSingleObject(record.event, kStopMs) == WAIT_OBJECT_0) {
+        Written(nullptr);
+    }
+    if (under_way) {
+        vllCancelIo((HANDLE)pipe_fds[1]);
+    }
+    if (record.event != 0) {
+        LoopRemove(record.event);
+        vllCloseHandle(record.event);
+        record.event = 0;
+    }
+    if (pipe_fds[1] != -1) {
+        close(pipe_fds[1]);
+    }
+    EndThread(file_writer, false);
+    EndThread(service, true);
+    if (pipe_fds[0] != -1) {
+        close(pipe_fds[0]);
+    }
+    if (log_file != INVALID_HANDLE_VALUE) {
+        vllCloseHandle(log_file);
+    }
+    if (dropped > 0) {
+        printf("gateway: %u lines were not logged\n", dropped);
+    }
+}
+
+bool Start() {
+    if (settings.log_file == nullptr) {
+        return true;
+    }
+    const bool good = Open();
+    if (!good) {
+        Stop();
+    }
+    return good;
+}
+
+}  // namespace
+
+extern const Piece log_writer_piece;
+const Piece log_writer_piece = {"log writer", Start, Stop, Note, nullptr};
