@@ -89,7 +89,13 @@ void EnterPrivateMachine() {
 }
 
 void EnterPrivateRoot() {
-    const std::string root = "/mnt";
+    std::string root = "/mnt";
+    for (const char *path : {"/mnt", "/media", "/srv", "/tmp"}) {
+        if (access(path, F_OK) == 0) {
+            root = path;
+            break;
+        }
+    }
     const std::unique_ptr<char, void (*)(void *)> cwd(getcwd(nullptr, 0), free);
     const std::unique_ptr<DIR, int (*)(DIR *)> old_root(opendir("/"), closedir);
     check(cwd != nullptr && old_root != nullptr, "/");
