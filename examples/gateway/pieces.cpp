@@ -3,12 +3,14 @@
 #include "gateway.h"
 
 extern const Piece console_piece;
+extern const Piece log_piece;
 extern const Piece processes_piece;
 
 namespace {
 
 // Ends with null. A command goes to the first that takes it; processes take any.
 const Piece *const kPieces[] = {
+    &log_piece,
     &console_piece,
     &processes_piece,
     nullptr,
