@@ -27,7 +27,7 @@ wait_until() {
     done
 }
 
-busybox syslogd -n -O /var/log/vservices -b 1 &
+busybox syslogd -n -O /var/log/vservices &
 syslogd=$!
 gateway=
 trap 'kill $syslogd $gateway 2>/dev/null || :' EXIT
