@@ -23,7 +23,7 @@ done
 max_clients=14 # places in the gateway; the clients below take 12 at once
 flood=10000
 
-vll_need_packages cmake ninja-build g++ pkg-config || exit 1
+vll_need_packages busybox cmake ninja-build g++ pkg-config || exit 1
 work=$(mktemp -d)
 gateway=
 finish() {
@@ -143,6 +143,14 @@ else
     failures=$((failures + 1))
 fi
 cat "$work/gateway2"
+
+echo "== a gateway logs to a syslog daemon, and vll-eventlog reads its lines back"
+namespace=(unshare --mount)
+[ "$(id -u)" = 0 ] || namespace+=(--map-root-user)
+if ! "${namespace[@]}" scripts/lib/log_demo.sh "build/demo-$preset" "$work"; then
+    echo "FAILED: event log"
+    failures=$((failures + 1))
+fi
 
 echo "== summary"
 echo "${#pids[@]} clients sent $lines lines; the gateway answered ${answered:-none} with those of the crowd and saw ${cut:-none} cut"

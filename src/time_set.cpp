@@ -27,7 +27,7 @@ BOOL setClock(time_t seconds, WORD milliseconds) {
     }
     timeval clock = {};
     clock.tv_sec = seconds;
-    clock.tv_usec = milliseconds * 1000;
+    clock.tv_usec = suseconds_t{milliseconds} * 1000;
     return settimeofday(&clock, nullptr) == 0;
 }
 

@@ -3,6 +3,7 @@
 #include "gateway.h"
 
 extern const Piece console_piece;
+extern const Piece log_piece;
 extern const Piece log_writer_piece;
 extern const Piece processes_piece;
 
@@ -10,6 +11,7 @@ namespace {
 
 // Ends with null. A command goes to the first that takes it; processes take any.
 const Piece *const kPieces[] = {
+    &log_piece,
     &console_piece,
     &log_writer_piece,
     &processes_piece,

@@ -72,7 +72,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (uint32_t number = total; number >= 1; --number) {
         checkLine(&handle, lines, number);
     }
-    for (size_t i = 0; i < size && total != 0; ++i) {
+    for (size_t i = 0; i < std::min<size_t>(size, 32) && total != 0; ++i) {
         checkLine(&handle, lines, data[i] % total + 1);
     }
     VLL_CHECK(!vlliGetEventLogRecord(&handle, EVENTLOG_SEEK_READ, static_cast<int32_t>(total + 1)));
