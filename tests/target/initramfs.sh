@@ -1,5 +1,5 @@
 #!/bin/bash
-# Packs what the machine boots: the system part (kept in the cache, one per sysroot) and the programs of one build.
+# Packs what the machine boots: a small system out of the sysroot, and the programs of one build.
 # usage: initramfs.sh SYSROOT BUILD_DIR PLAN_DIR OUTPUT
 #   PLAN_DIR holds the files that tell the machine what to do (see init); they end up in /vll.
 set -euo pipefail
@@ -12,10 +12,6 @@ modules=(usbcore configfs udc-core dummy_hcd libcomposite u_serial usb_f_acm usb
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-
-archive() { # DIR
-    (cd "$1" && find . -mindepth 1 -print0 | sort -z | cpio --null --create --format=newc --owner=+0:+0 --quiet)
-}
 
 pack_system() { # ROOT
     local root=$1 module path
@@ -60,13 +56,12 @@ strip_into() { # DIR FILE
 # loader's own directories, as on a product.
 pack_build() { # ROOT
     local root=$1 directory file
-    mkdir -p "$root/vll" "$root/usr/lib/$triplet"
     for directory in tests examples tools; do
         [ -d "$build/$directory" ] || continue
-        mkdir -p "$root/vll/$directory"
-        find "$build/$directory" -maxdepth 1 -type f \( -perm -u=x -o -name '*.so' \) -print0 |
-            while IFS= read -r -d '' file; do
-                strip_into "$root/vll/$directory" "$file"
+        (cd "$build" && find "$directory" -name CMakeFiles -prune -o -type f \( -perm -u=x -o -name '*.so' \) -print) |
+            while IFS= read -r file; do
+                mkdir -p "$root/vll/${file%/*}"
+                strip_into "$root/vll/${file%/*}" "$build/$file"
             done
     done
     for file in "$build"/src/libvwincompat.so.*; do
@@ -76,17 +71,10 @@ pack_build() { # ROOT
             strip_into "$root/usr/lib/$triplet" "$file"
         fi
     done
-    cp "$plan"/* "$root/vll/"
+    cp -R "$here/programs" "$plan"/* "$root/vll/"
+    chmod 755 "$root"/vll/programs/*
 }
 
-key=$(cat "$here/init" "$here/run-program" "$0" | sha256sum | cut -c1-12)
-system=$sysroot.system-$key.cpio
-if ! [ -f "$system" ]; then
-    pack_system "$work/system"
-    archive "$work/system" >"$work/system.cpio"
-    rm -f "$sysroot".system-*.cpio
-    mv "$work/system.cpio" "$system.$$"
-    mv "$system.$$" "$system"
-fi
-pack_build "$work/build"
-{ cat "$system"; archive "$work/build"; } >"$output"
+pack_system "$work/root"
+pack_build "$work/root"
+(cd "$work/root" && find . -mindepth 1 -print0 | sort -z | cpio --null --create --format=newc --owner=+0:+0 --quiet) >"$output"

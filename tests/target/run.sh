@@ -7,7 +7,7 @@ usage() {
 usage: tests/target/run.sh [options]
   --build-dir DIR     build there (default: build/armhf)
   --filter REGEX      run only the programs whose name, as in tests/event_test, matches
-  --cache DIR         keep sysroot and system image there (default: ~/.cache/vwincompat)
+  --cache DIR         keep the sysroot there (default: ~/.cache/vwincompat)
   --jobs N            programs that run at a time (default: 2)
   --limit SECONDS     for one program (default: 300)
   --time-limit SECONDS  for the whole machine (default: 1200)
@@ -74,8 +74,8 @@ build_all() {
     ninja -C "$build" -t cleandead >/dev/null # no test runs on after it has left the tree
 }
 
-# What runs: every *_test of tests/, GoogleTest or plain, and every example. Plain programs are those without
-# the words that GoogleTest prints.
+# What runs: every *_test of tests/, and for every example the script of its name in programs/. Plain programs are
+# those without the words that GoogleTest prints.
 write_plan() {
     local file name
     mkdir -p "$work/plan"
@@ -83,15 +83,16 @@ write_plan() {
     : >"$work/plan/alone"
     plain=
     for file in "$build"/tests/*_test "$build"/examples/*; do
-        if ! [ -f "$file" ] || ! [ -x "$file" ]; then continue; fi
         name=${file#"$build"/}
+        if ! [ -x "$file" ] || [ "$name" = examples/CMakeFiles ]; then continue; fi
+        if [[ $name = examples/* ]]; then name=programs/${file##*/} file=$here/$name; fi
         if ! [[ $name =~ $filter ]]; then continue; fi
         if grep -v '^#' "$here/alone" | grep -q -E -f - <(echo "$name"); then
             echo "$name" >>"$work/plan/alone"
         else
             echo "$name" >>"$work/plan/together"
         fi
-        if ! grep -q -F '[==========]' "$file"; then plain+=" $name"; fi
+        if ! grep -q -s -F '[==========]' "$file"; then plain+=" $name"; fi
     done
     {
         echo "export VLL_JOBS=$jobs VLL_LIMIT=$limit"
@@ -103,7 +104,7 @@ write_plan() {
 
 make_machine() {
     local kernels=("$sysroot"/boot/vmlinuz-*)
-    "$here/initramfs.sh" "$sysroot" "$build" "$work/plan" "$work/initramfs"
+    "$here/initramfs.sh" "$sysroot" "$build" "$work/plan" "$work/initramfs" || return 1
     qemu=(qemu-system-arm -M "virt,highmem=off" -cpu cortex-a15 -m 512 -smp 2 -net none -no-reboot
           -display none -monitor none -kernel "${kernels[0]}" -initrd "$work/initramfs"
           -append "console=ttyAMA0 quiet rdinit=/init panic=-1")
