@@ -63,10 +63,9 @@ TEST_F(ObjmemTest, layout_of_the_records) {
 TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
     HANDLE handles[kObjectCount];
     for (uint32_t i = 0; i < kObjmemCount; ++i) {
-        handles[i] = vlliCreateObject(OBJ_MUTEX);
+        handles[i] = vllCreateMutex(FALSE, nullptr);
         ASSERT_NE(handles[i], 0U);
         EXPECT_EQ(vlliGetObjectAddress(handles[i])->mem->refCount, 1);
-        vlliGetObjectAddress(handles[i])->fd = -1;
     }
     const Inventory full = TakeInventory();
     for (const uint32_t type : {OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE}) {
@@ -94,15 +93,9 @@ TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
     EXPECT_EQ(TakeErrors(), Errors{kNoObject});
     EXPECT_EQ(firstFreeObject, kNoNext);
     EXPECT_EQ(lastFreeObject, kNoNext);
-    for (uint32_t i = 0; i < kObjectCount; ++i) {
-        if (i < kObjmemCount) {
-            EXPECT_TRUE(vlliDetachObjmem(vlliGetObjectAddress(handles[i])->mem));
-            vlliGetObjectAddress(handles[i])->mem = nullptr;
-            TakeErrors();
-        }
-        vlliCloseObject(handles[i]);
+    for (const HANDLE handle : handles) {
+        EXPECT_TRUE(vllCloseHandle(handle));
     }
-    TakeErrors();
 }
 
 TEST_F(ObjmemTest, create_refuses_what_is_no_type_code) {
