@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
+#include <climits>
 #include <cstring>
 
 #include "internal.h"
@@ -357,26 +358,31 @@ TEST_F(ModemLinesTest, stopped_while_the_watcher_waits_for_a_line) {
     EXPECT_TRUE(vllEscapeCommFunction(port_.get(), SETDTR));
 }
 
-// Plugs the gadget's cable, or pulls it.
-void plug(const char *state) {
-    const Fd control(open("/sys/class/udc/dummy_udc.0/soft_connect", O_WRONLY | O_CLOEXEC));
-    ASSERT_EQ(write(control.get(), state, strlen(state)), static_cast<ssize_t>(strlen(state)))
+// Takes the port from its driver, as unplugging it does, or gives it back ("unbind", "bind").
+void tellDriver(const char *what, const std::string &interface) {
+    const std::string path = std::string("/sys/bus/usb/drivers/cdc_acm/") + what;
+    const Fd control(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    ASSERT_EQ(write(control.get(), interface.data(), interface.size()),
+              static_cast<ssize_t>(interface.size()))
         << strerror(errno);
 }
 
 TEST_F(ModemLinesTest, unplugged_while_the_watchers_block) {
+    char device[PATH_MAX] = {};
+    ASSERT_GT(readlink("/sys/class/tty/ttyACM0/device", device, sizeof device - 1), 0);
+    const std::string interface = basename(device);
     ASSERT_TRUE(vllSetCommMask(port_.get(), EV_RXCHAR | EV_DSR, &record_));
     uint32_t events = 0;
     arm(&events);
     EXPECT_EQ(vllWaitForSingleObject(record_.event, 300), WAIT_TIMEOUT);
-    plug("disconnect");
+    tellDriver("unbind", interface);
     // The hang-up makes the port readable; nothing more can be said of the lines.
     EXPECT_EQ(vllWaitForSingleObject(record_.event, kLimitMs), WAIT_OBJECT_0);
     EXPECT_EQ(events & ~static_cast<uint32_t>(EV_DSR), static_cast<uint32_t>(EV_RXCHAR));
     EXPECT_TRUE(stop());
     EXPECT_TRUE(isIdle());
     port_.reset();
-    plug("connect");
+    tellDriver("bind", interface);
     ASSERT_TRUE(WaitUntil([&] {
         port_.reset(open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         return static_cast<bool>(port_);

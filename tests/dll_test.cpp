@@ -250,8 +250,8 @@ TEST_F(ModuleTest, starting_address) {
 }
 
 TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
-    // A path of about 4,000 bytes makes its line longer than a line may be; its tail has all the looks of a
-    // line of its own.
+    // A path of 4,080 bytes makes its line longer than a line may be, whatever the width of its addresses; its tail
+    // has all the looks of a line of its own.
     const ChildResult result = RunInChild([] {
         const std::string start = MakeProgramDirectory();
         if (chdir(start.c_str()) != 0) {
@@ -263,10 +263,15 @@ TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
                 return 2;
             }
         }
-        const std::string name = std::string(200, 'f') + ".so";
+        char *directory = getcwd(nullptr, 0);
+        if (directory == nullptr) {
+            return 3;
+        }
+        const std::string name = std::string(4080 - strlen(directory) - strlen("/.so"), 'f') + ".so";
+        free(directory);
         const int fd = open(name.c_str(), O_RDWR | O_CREAT, 0755);
         if (fd == -1 || ftruncate(fd, 4096) != 0) {
-            return 3;
+            return 4;
         }
         void *code = mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
         char path[VLL_MODULE_NAME_SIZE];
