@@ -77,7 +77,7 @@ run_counted() {
     local what=$1 last
     shift
     echo "== $what"
-    last=$("$@" | tee /dev/stderr | tail -n 1)
+    last=$("$@" | tee >(cat >&2) | tail -n 1)
     if [[ $last =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed$ ]]; then
         count "${BASH_REMATCH[1]}" "${BASH_REMATCH[2]}"
     else
