@@ -9,8 +9,8 @@ usage: tests/target/run.sh [options]
   --filter REGEX      run only the programs whose name, as in tests/event_test, matches
   --cache DIR         keep the sysroot there (default: ~/.cache/vwincompat)
   --jobs N            programs that run at a time (default: 2)
-  --limit SECONDS     for one program (default: 300)
-  --time-limit SECONDS  for the whole machine (default: 1200)
+  --limit SECONDS     for one program (default: 600)
+  --time-limit SECONDS  for the whole machine (default: 1800)
   --no-build          run what the build directory has
   --shell             boot to a shell instead of running the tests
 GTEST_* variables of the environment hold inside the machine as well. What the machine sent and what its console said
@@ -20,7 +20,7 @@ TEXT
 
 here=$(cd "$(dirname "$0")" && pwd)
 source_dir=$(cd "$here/../.." && pwd)
-build=$source_dir/build/armhf filter=. jobs=2 limit=300 time_limit=1200 must_build=1 shell=
+build=$source_dir/build/armhf filter=. jobs=2 limit=600 time_limit=1800 must_build=1 shell=
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vwincompat
 while [ $# -gt 0 ]; do
     case $1 in
