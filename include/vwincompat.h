@@ -30,9 +30,9 @@
 #include "vwincompat/wait.h"
 
 /* threads, processes, memory */
+#include "vwincompat/memory.h"
 #include "vwincompat/process.h"
 #include "vwincompat/security.h"
-#include "vwincompat/memory.h"
 #include "vwincompat/thread.h"
 
 /* sharing */

@@ -71,7 +71,9 @@ int vlliBlockInPoll(struct pollfd *fds, nfds_t count, int timeout_ms) {
     VLL_BLOCK(int, poll(fds, count, timeout_ms));
 }
 
-int vlliBlockInLockWait(int fd, int command, struct flock *lock) { VLL_BLOCK(int, fcntl(fd, command, lock)); }
+int vlliBlockInLockWait(int fd, int command, struct flock *lock) {
+    VLL_BLOCK(int, fcntl(fd, command, lock));
+}
 
 int vlliBlockInConnect(int socket, const struct sockaddr *address, socklen_t length) {
     VLL_BLOCK(int, connect(socket, address, length));

@@ -11,11 +11,7 @@ namespace {
 
 // Ends with null. A command goes to the first that takes it; processes take any.
 const Piece *const kPieces[] = {
-    &log_piece,
-    &console_piece,
-    &log_writer_piece,
-    &processes_piece,
-    nullptr,
+    &log_piece, &console_piece, &log_writer_piece, &processes_piece, nullptr,
 };
 
 int started = 0;

@@ -17,8 +17,8 @@
 #include <unistd.h>
 #include <wordexp.h>
 #include <cerrno>
-#include <cstdio>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
-#include <csignal>
 #include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
+#include <csignal>
+#include <thread>
 
 #include "support/private_machine.h"
 #include "support/syslog_capture.h"
