@@ -66,8 +66,9 @@ class Fd final {
     ~Fd() { reset(); }
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
-    Fd(Fd &&other) : fd_(other.release()) {}
-    Fd &operator=(Fd &&other) {
+    // Closing is no cancellation point, so nothing unwinds from here.
+    Fd(Fd &&other) noexcept : fd_(other.release()) {}
+    Fd &operator=(Fd &&other) noexcept {
         reset(other.release());
         return *this;
     }

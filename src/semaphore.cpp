@@ -28,20 +28,19 @@ HANDLE vllCreateSemaphore(LONG lInitialCount, LPCSTR lpName) {
 }
 
 BOOL vllReleaseSemaphore(HANDLE hSemaphore) {
-    // An open handle keeps an unnamed one where it is, so no reference is taken: a release costs little more
-    // than sem_post().
-    if (vlliGetObjectType(hSemaphore) == OBJ_SEMAPHORE && vlliIsIssuedType(hSemaphore)) {
-        return sem_post(&vlliGetObjectAddress(hSemaphore)->mem->semaphore) == 0;
+    const uint32_t type = vlliGetObjectType(hSemaphore);
+    if (type == OBJ_SEMAPHORE || type == OBJ_NAMED_SEMAPHORE) {
+        // A post never blocks; under the table lock it cannot meet a record that is being closed.
+        const LockedRecord semaphore(hSemaphore);
+        if (semaphore && semaphore->addr != nullptr) {
+            return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
+        }
     }
-    const ObjectRef semaphore(hSemaphore);
-    if (!semaphore) {
-        return FALSE;
-    }
-    if (vlliGetObjectType(hSemaphore) != OBJ_NAMED_SEMAPHORE || semaphore->addr == nullptr) {
+    const ObjectRef other(hSemaphore);  // says why it cannot be released
+    if (other) {
         errno = EINVAL;
-        return FALSE;
     }
-    return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
+    return FALSE;
 }
 
 BOOL vlliCloseSemaphore(ObjectRecord *record) {

@@ -21,8 +21,14 @@ pthread_once_t thread_data_once = PTHREAD_ONCE_INIT;
 // Guards `handle` and `exitCode` of all thread records. Taken before objMemMutex, never after.
 pthread_mutex_t threadMutex = PTHREAD_MUTEX_INITIALIZER;
 
+// A thread that held the lock at the fork does not exist in the child.
+void resetAfterFork() {
+    threadMutex = PTHREAD_MUTEX_INITIALIZER;
+}
+
 void thread_data_init() {
     pthread_key_create(&thread_data_key, nullptr);
+    pthread_atfork(nullptr, nullptr, resetAfterFork);
 }
 
 // The calling thread's record, or null in a thread that was not started here.
@@ -110,6 +116,7 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
         errno = EINVAL;
         return 0;
     }
+    pthread_once(&thread_data_once, thread_data_init);
     ThreadAttributes attributes;
     if (dwStackSize != 0) {
         const int result = pthread_attr_setstacksize(attributes.get(), dwStackSize);

@@ -24,7 +24,7 @@ extern "C" {
 VLL_API HANDLE vllCreateSemaphore(LONG lInitialCount, LPCSTR lpName);
 
 /**
- * Adds one unit to a semaphore. Never blocks. The handle must stay open meanwhile.
+ * Adds one unit to a semaphore. Never blocks.
  *
  * @return TRUE, or FALSE: EINVAL (no open handle of a semaphore), EOVERFLOW (the count is at SEM_VALUE_MAX).
  */

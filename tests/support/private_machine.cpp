@@ -45,9 +45,8 @@ void enterNamespaces() {
 const char *const kStage = "/tmp";
 
 // What of the machine's /dev is taken over into the private one.
-const char *const kNodes[] = {"null",  "zero",    "full",    "random", "urandom", "tty",
-                              "shm",   "fd",      "console", "tty10",  "rtc",     "rtc0",
-                              "ttyS0", "ttyACM0", "ttyGS0",  "ttyAMA0"};
+const char *const kNodes[] = {"null",  "zero", "full", "random", "urandom", "tty",    "fd",     "console",
+                              "tty10", "rtc",  "rtc0", "ttyS0",  "ttyACM0", "ttyGS0", "ttyAMA0"};
 
 void takeOver(const std::string &from, const std::string &to) {
     struct stat status;
@@ -73,6 +72,9 @@ void makeDev() {
     for (const char *node : kNodes) {
         takeOver(std::string("/dev/") + node, std::string(kStage) + "/" + node);
     }
+    const std::string shm = std::string(kStage) + "/shm";
+    check(mkdir(shm.c_str(), 0755) == 0, shm);
+    check(mount("shm", shm.c_str(), "tmpfs", 0, "mode=1777") == 0, "mount " + shm);
     const std::string pts = std::string(kStage) + "/pts";
     check(mkdir(pts.c_str(), 0755) == 0, pts);
     check(mount("devpts", pts.c_str(), "devpts", 0, "newinstance,ptmxmode=0666") == 0, "mount devpts");

@@ -1,5 +1,5 @@
 // The test process's own view of the machine: a private mount namespace with a /dev that holds the usual nodes and
-// no other /dev/log than the tests' own. What is mounted or created there is gone with the process.
+// no other /dev/log and /dev/shm than the tests' own. What is mounted or created there is gone with the process.
 #pragma once
 
 #include <string>
