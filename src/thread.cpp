@@ -21,9 +21,12 @@ pthread_once_t thread_data_once = PTHREAD_ONCE_INIT;
 // Guards `handle` and `exitCode` of all thread records. Taken before objMemMutex, never after.
 pthread_mutex_t threadMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// A thread that held the lock at the fork does not exist in the child.
+bool forkedChild = false;
+
+// No thread of the parent exists in the child: none holds the lock, and none clears its mark when it ends.
 void resetAfterFork() {
     threadMutex = PTHREAD_MUTEX_INITIALIZER;
+    forkedChild = true;
 }
 
 void thread_data_init() {
@@ -242,7 +245,8 @@ BOOL vllTerminateThread(HANDLE hThread, DWORD dwExitCode) {
 }
 
 bool vlliThreadRuns(const ObjectRecord *record) {
-    return record->mem != nullptr && __atomic_load_n(&record->mem->thread.handle, __ATOMIC_ACQUIRE) != 0;
+    return !forkedChild && record->mem != nullptr &&
+           __atomic_load_n(&record->mem->thread.handle, __ATOMIC_ACQUIRE) != 0;
 }
 
 BOOL vlliCloseThread(ObjectRecord *record) {

@@ -1,6 +1,7 @@
 #include "mutex.h"
 
 #include <unistd.h>
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <thread>
@@ -98,16 +99,18 @@ TEST_F(MutexTest, timeouts_are_accurate_also_under_signals) {
     action.sa_handler = ignoreSignal;
     struct sigaction former;
     sigaction(SIGUSR1, &action, &former);
-    for (const int timeout_ms : {1, 30, 100, 250}) {
+    // Never early; how late one wait of several may be is the machine's load, how late the best of them is is ours.
+    const auto lateness = [&](int timeout_ms) {
         std::atomic<pthread_t> waiter{0};
         std::atomic<bool> done{false};
+        int64_t late = 0;
         std::thread thread([&] {
             waiter = pthread_self();
             const int64_t start = NowMs();
             EXPECT_EQ(vllWaitForSingleObject(mutex, static_cast<DWORD>(timeout_ms)), WAIT_TIMEOUT);
             const int64_t took = NowMs() - start;
             EXPECT_GE(took, timeout_ms - 1);  // whole milliseconds on either side
-            EXPECT_LE(took, timeout_ms + 1500);
+            late = took - timeout_ms;
             done = true;
         });
         WaitUntil([&] { return waiter != 0; });
@@ -116,6 +119,14 @@ TEST_F(MutexTest, timeouts_are_accurate_also_under_signals) {
             usleep(2000);
         }
         thread.join();
+        return late;
+    };
+    for (const int timeout_ms : {1, 30, 100, 250}) {
+        int64_t best = lateness(timeout_ms);
+        for (int attempt = 0; best > 20 && attempt < 20; ++attempt) {
+            best = std::min(best, lateness(timeout_ms));
+        }
+        EXPECT_LE(best, 20) << timeout_ms;
     }
     sigaction(SIGUSR1, &former, nullptr);
     vllCloseHandle(mutex);
