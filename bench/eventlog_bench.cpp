@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr size_t kMiB = 1024 * 1024;
+constexpr size_t kMiB = 1 << 20;
 constexpr size_t kLogSize = 64 * kMiB;
 constexpr char kLog[] = "/var/log/vservices";
 

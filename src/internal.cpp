@@ -81,7 +81,7 @@ void vlliFreeMemory(int32_t count, ...) {
     va_list pointers;
     va_start(pointers, count);
     for (int32_t i = 0; i < count; ++i) {
-        free(va_arg(pointers, void *));
+        free(va_arg(pointers, void *));  // NOLINT(clang-analyzer-valist.Uninitialized): started above
     }
     va_end(pointers);
 }
