@@ -302,6 +302,7 @@ void bench::RegisterPairs() {
     AddPair({"set and wait, 1 event each, 4 threads", 1.5, set_wait, set_wait_raw, wall, 4, 1});
     AddPair({"set and wait, the last of 8 events each, 4 threads", 1.5, set_wait, set_wait_raw, wall, 4, 8});
     AddPair({"blocking hand-over between two threads and back", 1.2, HandOver<EventSide>, HandOver<RawSide>,
-             wall, 1, 0, 101});
-    AddPair({"thread created, run, waited for, closed", 1.3, RunThread, RunThreadRaw, Clock::process});
+             wall, 1, 0, 101, true});
+    AddPair({"thread created, run, waited for, closed", 1.3, RunThread, RunThreadRaw, Clock::process, 1, 0,
+             61, true});
 }

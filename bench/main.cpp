@@ -5,6 +5,7 @@
 // --part leaves out the head of the table, or the brackets of the array: scripts/bench.sh joins the topics.
 // Exit status: 0, 1 when an operation is over its bound or could not be measured, 2 for a wrong argument.
 
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
@@ -117,7 +118,20 @@ void RunBoth(Collector *collector, int first, double *best) {
     }
 }
 
+void StayOnOneProcessor() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<size_t>(sched_getcpu()), &set);
+    if (sched_setaffinity(0, sizeof set, &set) == -1) {
+        perror("sched_setaffinity");
+        _exit(1);
+    }
+}
+
 Result MeasureHere(const bench::Pair &pair) {
+    if (pair.one_processor) {
+        StayOnOneProcessor();
+    }
     char name[] = "bench";
     char *arguments[] = {name, nullptr};
     int count = 1;
@@ -190,9 +204,8 @@ void PrintJson(const bench::Pair &pair, const Result &result, bool within, bool 
     printf(
         "%s{\"operation\": %s, \"ours_ns\": %.1f, \"raw_ns\": %.1f, \"ratio\": %.3f, \"bound\": %.2f, "
         "\"within\": %s, \"error\": %s}",
-        first ? "" : ",\n", JsonText(pair.operation).c_str(), result.ours_ns, result.raw_ns,
-        result.raw_ns > 0 ? result.ours_ns / result.raw_ns : 0, pair.bound, within ? "true" : "false",
-        JsonText(result.error).c_str());
+        first ? "" : ",\n", JsonText(pair.operation).c_str(), result.ours_ns, result.raw_ns, result.ratio,
+        pair.bound, within ? "true" : "false", JsonText(result.error).c_str());
 }
 
 struct Options {

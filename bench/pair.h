@@ -27,6 +27,9 @@ struct Pair {
     int threads = 1;       // that run the body at once; times are per iteration of one thread
     int64_t argument = 0;  // state.range(0)
     int repetitions = 31;  // each of some runs of about 2 ms, and of one iteration at least
+    // For threads that wait for each other: whether the scheduler puts them on one processor or on two changes both
+    // sides by more than the operation costs.
+    bool one_processor = false;
 };
 
 void AddPair(const Pair &pair);
