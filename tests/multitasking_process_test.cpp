@@ -76,9 +76,7 @@ bool hasNoChildren() {
 class ProcessTest : public LibraryTest {
   protected:
     void SetUp() override {
-#if defined(__SANITIZE_THREAD__)
-        GTEST_SKIP() << "a child forked beside other threads can hang on ThreadSanitizer's own locks";
-#endif
+        SKIP_UNLESS_FORKS_BESIDE_BUSY_THREADS();
         LibraryTest::SetUp();
     }
     void TearDown() override {

@@ -409,6 +409,7 @@ TEST_F(ObjmemTest, the_tables_survive_concurrent_use) {
 }
 
 TEST_F(ObjmemTest, a_forked_child_has_a_usable_table) {
+    SKIP_UNLESS_FORKS_BESIDE_BUSY_THREADS();
     std::atomic<bool> stop{false};
     const auto body = [&] {
         while (!stop) {

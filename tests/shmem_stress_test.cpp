@@ -150,6 +150,7 @@ TEST_F(ShmemStressTest, interlocked_counters_are_exact) {
 
 // Children come while other threads open and close: they inherit whole objects, and no descriptor in transit.
 TEST_F(ShmemStressTest, forks_among_openers) {
+    SKIP_UNLESS_FORKS_BESIDE_BUSY_THREADS();
     std::atomic<bool> stop{false};
     const HANDLE kept = vllCreateSemaphore(1, "vll_stress_kept");
     std::vector<std::thread> threads;

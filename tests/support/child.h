@@ -4,6 +4,19 @@
 #include <sys/types.h>
 #include <functional>
 
+// Whether a test may fork beside busy threads. Under ThreadSanitizer one of them may hold a lock of its runtime at
+// that moment, which fork() does not put in order: the child would wait for it for ever.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kMayForkBesideBusyThreads = false;
+#else
+constexpr bool kMayForkBesideBusyThreads = true;
+#endif
+
+// Leaves a test that cannot do without.
+#define SKIP_UNLESS_FORKS_BESIDE_BUSY_THREADS() \
+    if (!kMayForkBesideBusyThreads)             \
+    GTEST_SKIP() << "a child forked beside busy threads can hang on ThreadSanitizer's own locks"
+
 struct ChildResult {
     bool exited;  // by itself, within its time
     int status;   // its exit status, or the signal that ended it

@@ -118,27 +118,23 @@ void ResetCallCounts() {
 
 // A thread that is cancelled inside one of ThreadSanitizer's interceptors leaves it deaf to every lock that the
 // cleanup of its frames takes. So under it the calls in which threads are cancelled go to the C library itself,
-// and the order that a semaphore makes is told by annotations.
+// and the order that a semaphore makes is told by annotations. They are looked up before any thread runs: a child
+// forked while another thread is inside dlopen() would find ThreadSanitizer's lock held for ever.
 #if defined(__SANITIZE_THREAD__)
-namespace {
-
-template <typename Function>
-Function libcFunction(const char *name) {
-    static void *const libc = dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD);
-    return reinterpret_cast<Function>(dlsym(libc, name));
-}
-
-}  // namespace
-
-#define VLL_REAL_BLOCKING(name) libcFunction<decltype(&__real_##name)>(#name)
+#define VLL_REAL_BLOCKING(name) libc_##name
+#define VLL_FIND_BLOCKING(name, type, parameters) \
+    auto *const libc_##name =                     \
+        reinterpret_cast<type(*) parameters>(dlsym(dlopen("libc.so.6", RTLD_LAZY | RTLD_NOLOAD), #name));
 #else
 #define VLL_REAL_BLOCKING(name) __real_##name
+#define VLL_FIND_BLOCKING(name, type, parameters)
 #endif
 
 extern "C" {
 #define VLL_FAULT(name, type, parameters, arguments, failure) \
     VLL_FAULT_CALLING(name, type, parameters, arguments, failure, , __real_##name, )
 #define VLL_FAULT_BLOCKING(name, type, parameters, arguments, failure)                       \
+    VLL_FIND_BLOCKING(name, type, parameters)                                                \
     VLL_FAULT_CALLING(name, type, parameters, arguments, failure, , VLL_REAL_BLOCKING(name), \
                       vlliAnnotateAcquire())
 #define VLL_FAULT_POSTING(name, type, parameters, arguments, failure) \
