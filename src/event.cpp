@@ -74,8 +74,8 @@ int32_t vllGetEventFd(HANDLE hEvent) {
 }
 
 BOOL vlliCloseEvent(ObjectRecord *record) {
-    Fd efd(record->efd);
     Fd fd(record->fd);
+    Fd efd(record->efd);
     return TRUE;
 }
 

@@ -21,12 +21,18 @@ pthread_once_t thread_data_once = PTHREAD_ONCE_INIT;
 // Guards `handle` and `exitCode` of all thread records. Taken before objMemMutex, never after.
 pthread_mutex_t threadMutex = PTHREAD_MUTEX_INITIALIZER;
 
-bool forkedChild = false;
-
-// No thread of the parent exists in the child: none holds the lock, and none clears its mark when it ends.
+// Of the parent's threads the child has only the one that forked. The others hold no lock there, and are marked
+// ended: their identifiers may soon name threads of the child.
 void resetAfterFork() {
     threadMutex = PTHREAD_MUTEX_INITIALIZER;
-    forkedChild = true;
+    const void *own = pthread_getspecific(thread_data_key);
+    for (uint32_t i = 0; i < kObjectCount; ++i) {
+        const ObjectRecord &record = objects[i];
+        if (record.refCount != 0 && vlliIsIssuedType(OBJ_THREAD | i) && record.mem != nullptr &&
+            &record.mem->thread != own) {
+            record.mem->thread.handle = 0;
+        }
+    }
 }
 
 void thread_data_init() {
@@ -245,8 +251,7 @@ BOOL vllTerminateThread(HANDLE hThread, DWORD dwExitCode) {
 }
 
 bool vlliThreadRuns(const ObjectRecord *record) {
-    return !forkedChild && record->mem != nullptr &&
-           __atomic_load_n(&record->mem->thread.handle, __ATOMIC_ACQUIRE) != 0;
+    return record->mem != nullptr && __atomic_load_n(&record->mem->thread.handle, __ATOMIC_ACQUIRE) != 0;
 }
 
 BOOL vlliCloseThread(ObjectRecord *record) {

@@ -1,4 +1,4 @@
-// Waiting on several wait.
+// Waiting on several objects.
 //
 // Building an epoll set costs many times what asking costs, so a wait first asks all descriptors with one poll()
 // of no time-out, in the order in which the set would hold them (a fresh set over ready descriptors reports

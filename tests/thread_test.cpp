@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/objects.h"
@@ -430,6 +431,30 @@ TEST_F(ThreadTest, a_cancelled_wait_consumes_nothing) {
         lost += took == IsSignalled(event);
     }
     EXPECT_EQ(lost, 0);
+}
+
+// The threads of the parent do not run in a forked child.
+TEST_F(ThreadTest, a_forked_child_has_no_thread_of_its_parent) {
+    const Owned thread(vllCreateThread(0, routineThatReturns9, nullptr, nullptr, CREATE_SUSPENDED));
+    const ChildResult result = RunInChild([&] {
+        EXPECT_EQ(vllWaitForSingleObject(thread, 0), WAIT_TIMEOUT);
+        errno = 0;
+        EXPECT_FALSE(vllTerminateThread(thread, 1));
+        EXPECT_EQ(errno, ESRCH);
+        const auto body = [] {};
+        const HANDLE own = StartThread(body);
+        errno = 0;
+        EXPECT_FALSE(vllTerminateThread(thread, 1));
+        EXPECT_EQ(errno, ESRCH);
+        FinishThread(own);
+        EXPECT_FALSE(vllTerminateThread(thread, 1));
+        EXPECT_EQ(vllWaitForSingleObject(thread, 0), WAIT_TIMEOUT);
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(vllTerminateThread(thread, 1));
+    waitForEnd(thread);
 }
 
 }  // namespace

@@ -61,8 +61,8 @@ VLL_API DWORD vllResumeThread(HANDLE hThread);
  * Its handles are signalled when it has ended.
  *
  * @param dwExitCode  kept as the thread's exit code.
- * @return TRUE, or FALSE: EINVAL (not open, or no thread), ESRCH (the thread has ended), or what
- *         pthread_cancel(3) returned.
+ * @return TRUE, or FALSE: EINVAL (not open, or no thread), ESRCH (the thread has ended, or does not run in this
+ *         process because it was forked), or what pthread_cancel(3) returned.
  */
 VLL_API BOOL vllTerminateThread(HANDLE hThread, DWORD dwExitCode);
 
