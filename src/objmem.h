@@ -63,8 +63,12 @@ static_assert(sizeof(ObjectRecord) == 24 && offsetof(ObjectRecord, efd) == 8 &&
               offsetof(ObjectRecord, next) == 20);
 static_assert(sizeof(pthread_mutex_t) == 24 && sizeof(sem_t) == 16);
 #endif
-static_assert(offsetof(ObjmemRecord, thread) == 0 && offsetof(ObjectRecord, fd) == 0 &&
-              offsetof(ObjectRecord, flags) == 4 && offsetof(ObjectRecord, efd) == 8);
+static_assert(offsetof(ObjmemRecord, thread) == 0 && offsetof(ObjmemRecord, refCount) >= sizeof(ThreadData) &&
+              offsetof(ObjmemRecord, next) == offsetof(ObjmemRecord, refCount) + 4);
+static_assert(offsetof(ObjectRecord, fd) == 0 && offsetof(ObjectRecord, flags) == 4 &&
+              offsetof(ObjectRecord, efd) == 8 &&
+              offsetof(ObjectRecord, refCount) == offsetof(ObjectRecord, size) + sizeof(SIZE_T) &&
+              offsetof(ObjectRecord, next) == offsetof(ObjectRecord, refCount) + 4);
 
 // Guarded by objMemMutex; visible for the tests.
 extern ObjectRecord objects[kObjectCount];

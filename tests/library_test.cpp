@@ -1,7 +1,7 @@
-#include <pthread.h>
 #include <sys/resource.h>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "objmem.h"
 #include "support/child.h"
@@ -33,22 +33,15 @@ TEST(LibraryStartTest, without_start_no_handle_is_made) {
     if (!InFreshProcess()) {
         return;
     }
-    TakeLog();
-    errno = 0;
-    EXPECT_EQ(vllCreateEvent(1, 0, nullptr), 0U);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_RESULT(vllCreateEvent(1, 0, nullptr), 0U, ENOMEM);
     EXPECT_EQ(TakeErrors(), Errors{"VLLI: AllocObject() error = ENOMEM\n"});
-    const HANDLE any = 0;
-    EXPECT_EQ(vllCreateThread(
-                  0, [](LPVOID) -> uint32_t { return 0; }, nullptr, nullptr, 0),
-              any);
+    EXPECT_RESULT(vllCreateMutex(FALSE, nullptr), 0U, ENOMEM);
     EXPECT_EQ(TakeErrors(), Errors{"VLLI: AllocMemObject() error = ENOMEM\n"});
 }
 
 TEST_F(LibraryCoreTest, start_says_nothing_when_the_table_cannot_be_locked) {
     vllvwincompatExit();
     const FailCall fail("pthread_mutex_lock", 1, EDEADLK);
-    errno = 0;
     vllvwincompatMain();
     EXPECT_TRUE(fail.happened());
     EXPECT_EQ(errno, 0);
@@ -70,44 +63,35 @@ TEST_F(LibraryCoreTest, last_error_is_the_threads_own) {
 }
 
 TEST_F(LibraryCoreTest, formatErrorMessage_composes) {
-    const std::string enoent = strerror(ENOENT);
-    const std::string unknown = strerror(99999);
+    const std::string enoent = strerror(ENOENT), long_prefix(700, 'p'), long_word(5000, 'x');
     const struct {
         const char *prefix;
         int32_t error;
-        bool with_format;
+        const char *word;  // null: no format
         std::string text;
     } rows[] = {
-        {"open", ENOENT, true, "open: " + enoent + " - file 7 of x"},
-        {"", ENOENT, true, enoent + " - file 7 of x"},
-        {nullptr, ENOENT, true, enoent + " - file 7 of x"},
-        {"open", ENOENT, false, "open: " + enoent + " - "},
-        {nullptr, 99999, false, unknown + " - "},
-        {nullptr, -1, false, strerror(-1) + std::string(" - ")},
+        {"open", ENOENT, "x", "open: " + enoent + " - file 7 of x"},
+        {"", ENOENT, "x", enoent + " - file 7 of x"},
+        {nullptr, ENOENT, "", enoent + " - file 7 of "},
+        {"open", ENOENT, nullptr, "open: " + enoent + " - "},
+        {nullptr, 99999, nullptr, strerror(99999) + std::string(" - ")},
+        {nullptr, -1, nullptr, strerror(-1) + std::string(" - ")},
+        {long_prefix.c_str(), ENOENT, long_word.c_str(),
+         long_prefix + ": " + enoent + " - file 7 of " + long_word},
     };
     for (const auto &row : rows) {
+        const auto format = [&row](char **message) {
+            return row.word != nullptr
+                       ? vllFormatErrorMessage(message, row.prefix, row.error, "file %d of %s", 7, row.word)
+                       : vllFormatErrorMessage(message, row.prefix, row.error, nullptr);
+        };
         char *message = nullptr;
-        const int32_t length =
-            row.with_format ? vllFormatErrorMessage(&message, row.prefix, row.error, "file %d of %s", 7, "x")
-                            : vllFormatErrorMessage(&message, row.prefix, row.error, nullptr);
+        EXPECT_EQ(format(&message), static_cast<int32_t>(row.text.size()));
         const std::unique_ptr<char, FreeDeleter> owner(message);
         ASSERT_NE(message, nullptr);
         EXPECT_EQ(message, row.text);
-        EXPECT_EQ(length, static_cast<int32_t>(row.text.size()));
+        EXPECT_EQ(format(nullptr), static_cast<int32_t>(row.text.size())) << "only measured";
     }
-}
-
-TEST_F(LibraryCoreTest, formatErrorMessage_has_no_limit_of_its_own) {
-    const std::string longText(5000, 'x');
-    const std::string prefix(700, 'p');
-    const std::string expected = prefix + ": " + strerror(EIO) + " - " + longText;
-    char *message = nullptr;
-    EXPECT_EQ(vllFormatErrorMessage(&message, prefix.c_str(), EIO, "%s", longText.c_str()),
-              static_cast<int32_t>(expected.size()));
-    const std::unique_ptr<char, FreeDeleter> owner(message);
-    EXPECT_EQ(message, expected);
-    EXPECT_EQ(vllFormatErrorMessage(nullptr, prefix.c_str(), EIO, "%s", longText.c_str()),
-              static_cast<int32_t>(expected.size()));
 }
 
 TEST_F(LibraryCoreTest, formatErrorMessage_without_memory) {
@@ -128,28 +112,21 @@ TEST(LibraryStartTest, concurrent_start_prepares_one_table) {
     if (!InFreshProcess()) {
         return;
     }
-    const ChildResult result = RunInChild([] {
-        pthread_t threads[8];
-        for (pthread_t &thread : threads) {
-            pthread_create(
-                &thread, nullptr,
-                [](void *) -> void * {
-                    vllvwincompatMain();
-                    return reinterpret_cast<void *>(uintptr_t{MakeAutoEvent()});
-                },
-                nullptr);
-        }
-        uint32_t seen = 0;
-        for (pthread_t &thread : threads) {
-            void *handle = nullptr;
-            pthread_join(thread, &handle);
-            seen |= 1U << (reinterpret_cast<uintptr_t>(handle) & kIndexMask);
-        }
-        EXPECT_EQ(seen, 0xFFU);
-        return 0;
-    });
-    EXPECT_TRUE(result.exited);
-    EXPECT_EQ(result.status, 0);
+    HANDLE handles[8] = {};
+    std::vector<std::thread> threads;
+    for (HANDLE &handle : handles) {
+        threads.emplace_back([&handle] {
+            vllvwincompatMain();
+            handle = MakeAutoEvent();
+        });
+    }
+    uint32_t seen = 0;
+    for (size_t i = 0; i < threads.size(); ++i) {
+        threads[i].join();
+        seen |= 1U << (handles[i] & kIndexMask);
+        EXPECT_TRUE(vllCloseHandle(handles[i]));
+    }
+    EXPECT_EQ(seen, 0xFFU) << "each has an index of its own";
 }
 
 }  // namespace

@@ -1,24 +1,53 @@
 #include "support/objects.h"
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <optional>
 
 #include "objmem.h"
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/syslog_capture.h"
 
+std::string Format(const char *format, ...) {
+    char line[256];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    EXPECT_LT(length, static_cast<int>(sizeof line));
+    return line;
+}
+
+Sleeper::Sleeper(std::function<void()> body)
+    : body_([this, run = std::move(body)] {
+          tid_ = gettid();
+          run();
+      }),
+      handle_(StartThread(body_)) {
+    EXPECT_TRUE(WaitUntil([this] { return tid_ != 0; }));
+    EXPECT_TRUE(WaitUntilAsleep(tid_));
+}
+
+void Sleeper::finish() {
+    if (handle_ != 0) {
+        FinishThread(handle_);
+        handle_ = 0;
+    }
+}
+
 void ExpectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result) {
-    SCOPED_TRACE(std::string(failure.call) + " number " + std::to_string(failure.nth));
+    SCOPED_TRACE(Format("%s number %d", failure.call != nullptr ? failure.call : "no call", failure.nth));
     const Inventory before = TakeInventory();
     TakeErrors();
     {
-        const FailCall fail(failure.call, failure.nth, failure.error);
-        errno = 0;
-        const int64_t got = operation();
-        const int error = errno;
-        EXPECT_TRUE(fail.happened());
-        EXPECT_EQ(got, result);
-        EXPECT_EQ(error, failure.error);
+        std::optional<FailCall> fail;
+        if (failure.call != nullptr) {
+            fail.emplace(failure.call, failure.nth, failure.error);
+        }
+        EXPECT_RESULT(operation(), result, failure.error);
+        EXPECT_TRUE(!fail || fail->happened());
     }
     EXPECT_EQ(TakeErrors(), failure.log);
     Inventory after;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <atomic>
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,6 +11,17 @@
 #include "vwincompat.h"
 
 using Errors = std::vector<std::string>;
+
+// Runs an operation with the last error at 0, and expects this result and this last error of it.
+#define EXPECT_RESULT(operation, result, error) \
+    do {                                        \
+        errno = 0;                              \
+        EXPECT_EQ(operation, result);           \
+        EXPECT_EQ(errno, error);                \
+    } while (false)
+
+// printf(3) into a string, for the lines that are expected in the log.
+std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // A handle that is closed at the end of its scope.
 class Owned {
@@ -63,6 +75,25 @@ inline void FinishThread(HANDLE thread) {
     EXPECT_TRUE(vllCloseHandle(thread));
 }
 
+// A thread of the library that runs a body, and sleeps in it (in a wait, say) once it is made.
+class Sleeper {
+  public:
+    explicit Sleeper(std::function<void()> body);
+    ~Sleeper() { finish(); }
+    Sleeper(const Sleeper &) = delete;
+    Sleeper &operator=(const Sleeper &) = delete;
+
+    HANDLE handle() const { return handle_; }
+    pid_t tid() const { return tid_; }
+    // Waits for its end.
+    void finish();
+
+  private:
+    const std::function<void()> body_;
+    std::atomic<pid_t> tid_{0};
+    HANDLE handle_;
+};
+
 // The references on a handle's record.
 int32_t References(HANDLE handle);
 
@@ -75,12 +106,12 @@ inline int NextFd() {
 
 // A call of the library that is made to fail, and what must come of it.
 struct Failure {
-    const char *call;
+    const char *call;  // null: the operation fails by itself
     int nth;
     int error;
     Errors log;  // the LOG_ERR lines
 };
 
-// Runs operation with the call failing: the result, the last error and the log are the expected ones, and
+// Runs operation, with the call failing: the result, the last error and the log are the expected ones, and
 // nothing is left behind.
 void ExpectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result);
