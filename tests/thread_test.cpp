@@ -1,16 +1,13 @@
 #include "thread.h"
 
-#include <fcntl.h>
-#include <limits.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "support/child.h"
-#include "support/faults.h"
 #include "support/fixture.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
@@ -44,6 +41,11 @@ uint32_t routineThatReturns9(LPVOID parameter) {
     return 9;
 }
 
+struct Destructed {
+    std::atomic<int> *count;
+    ~Destructed() { ++*count; }
+};
+
 TEST_F(ThreadTest, runs_its_routine_and_stays_signalled) {
     std::atomic<int> runs{0};
     uintptr_t id = 0;
@@ -69,9 +71,7 @@ TEST_F(ThreadTest, knows_itself) {
         seen_id = vllGetCurrentThreadId();
         own = vllGetCurrentThread();
         EXPECT_EQ(dataOf(own)->handle, own);
-        errno = 0;
-        EXPECT_FALSE(vllCloseHandle(own)) << "not the caller's to close";
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_RESULT(vllCloseHandle(own), FALSE, EINVAL);
         EXPECT_FALSE(IsSignalled(own));
     };
     const Owned thread(StartThread(body));
@@ -95,44 +95,24 @@ TEST_F(ThreadTest, suspended_until_resumed) {
 TEST_F(ThreadTest, terminated_while_suspended_runs_nothing) {
     std::atomic<int> runs{0};
     const Owned thread(vllCreateThread(0, routineThatReturns9, &runs, nullptr, 1));
+    ExpectFailure(
+        {"pthread_cancel", 1, EPERM, {}}, [&] { return vllTerminateThread(thread, 8); }, FALSE);
+    EXPECT_EQ(dataOf(thread)->exitCode, 0U);
     EXPECT_TRUE(vllTerminateThread(thread, 5));
     waitForEnd(thread);
     EXPECT_EQ(runs, 0);
+    EXPECT_RESULT(vllTerminateThread(thread, 6), FALSE, ESRCH);
     EXPECT_EQ(dataOf(thread)->exitCode, 5U);
-    errno = 0;
-    EXPECT_FALSE(vllTerminateThread(thread, 6)) << "it has ended";
-    EXPECT_EQ(errno, ESRCH);
-    EXPECT_EQ(dataOf(thread)->exitCode, 5U);
-}
-
-TEST_F(ThreadTest, exitThread_unwinds_and_signals) {
-    std::atomic<bool> unwound{false};
-    const auto body = [&] {
-        struct Flag {
-            std::atomic<bool> &flag;
-            ~Flag() { flag = true; }
-        } const at_end{unwound};
-        vllExitThread(12);
-    };
-    const Owned thread(StartThread(body));
-    waitForEnd(thread);
-    EXPECT_EQ(dataOf(thread)->exitCode, 12U);
-    EXPECT_TRUE(unwound);
 }
 
 TEST_F(ThreadTest, exitThread_in_a_foreign_thread_ends_it) {
-    pthread_t foreign;
-    ASSERT_EQ(pthread_create(
-                  &foreign, nullptr,
-                  [](void *) -> void * {
-                      EXPECT_EQ(vllGetCurrentThread(), 0U);
-                      vllExitThread(3);
-                  },
-                  nullptr),
-              0);
-    void *result = &foreign;
-    EXPECT_EQ(pthread_join(foreign, &result), 0);
-    EXPECT_EQ(result, nullptr);
+    std::atomic<int> destructed{0};
+    std::thread([&] {
+        const Destructed local{&destructed};
+        EXPECT_EQ(vllGetCurrentThread(), 0U);
+        vllExitThread(3);
+    }).join();
+    EXPECT_EQ(destructed, 1);
 }
 
 TEST_F(ThreadTest, the_callers_handle_may_be_closed_first) {
@@ -148,31 +128,25 @@ TEST_F(ThreadTest, the_callers_handle_may_be_closed_first) {
 }
 
 TEST_F(ThreadTest, stack_sizes) {
-    const auto body = [] {
-        pthread_attr_t attributes;
-        size_t size = 0;
-        ASSERT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
-        pthread_attr_getstacksize(&attributes, &size);
-        pthread_attr_destroy(&attributes);
-        EXPECT_GE(size, 1U << 20);
-        EXPECT_LE(size, (1U << 20) + (1U << 16));
-    };
-    using Body = decltype(body);
+    std::atomic<size_t> size{0};
     const HANDLE thread = vllCreateThread(
         1 << 20,
         [](LPVOID argument) -> uint32_t {
-            (*static_cast<const Body *>(argument))();
+            pthread_attr_t attributes;
+            size_t own = 0;
+            EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+            pthread_attr_getstacksize(&attributes, &own);
+            pthread_attr_destroy(&attributes);
+            *static_cast<std::atomic<size_t> *>(argument) = own;
             return 0;
         },
-        const_cast<void *>(static_cast<const void *>(&body)), nullptr, 0);
+        &size, nullptr, 0);
     FinishThread(thread);
-    errno = 0;
-    EXPECT_EQ(vllCreateThread(1, routineThatReturns9, nullptr, nullptr, 0), 0U);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_GE(size, 1U << 20);
+    EXPECT_LE(size, (1U << 20) + (1U << 16));
+    EXPECT_RESULT(vllCreateThread(1, routineThatReturns9, nullptr, nullptr, 0), 0U, EINVAL);
     EXPECT_EQ(TakeErrors(), Errors{"VLLI: CreateThread: pthread_attr_setstacksize() = 22\n"});
-    errno = 0;
-    EXPECT_EQ(vllCreateThread(0, nullptr, nullptr, nullptr, 0), 0U);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_RESULT(vllCreateThread(0, nullptr, nullptr, nullptr, 0), 0U, EINVAL);
 }
 
 TEST_F(ThreadTest, handles_that_are_no_thread) {
@@ -182,38 +156,27 @@ TEST_F(ThreadTest, handles_that_are_no_thread) {
     const HANDLE handles[] = {event,        closed, 0, 1, 0x50000, OBJ_THREAD | (closed & kIndexMask),
                               OBJ_MUTEX | 1};
     for (const HANDLE handle : handles) {
-        errno = 0;
-        EXPECT_EQ(vllResumeThread(handle), 0U);
-        EXPECT_EQ(errno, EINVAL);
-        errno = 0;
-        EXPECT_FALSE(vllTerminateThread(handle, 1));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_RESULT(vllResumeThread(handle), 0U, EINVAL);
+        EXPECT_RESULT(vllTerminateThread(handle, 1), FALSE, EINVAL);
     }
     EXPECT_FALSE(IsSignalled(event));
     TakeErrors();
 }
 
 TEST_F(ThreadTest, terminating_a_record_without_a_thread) {
-    const HANDLE bare = vlliCreateObject(OBJ_THREAD);
+    const Owned bare(vlliCreateObject(OBJ_THREAD));
     ObjectRecord *record = vlliGetObjectAddress(bare);
     record->fd = -1;
-    char line[96];
-    errno = 0;
-    EXPECT_FALSE(vllTerminateThread(bare, 1));
-    EXPECT_EQ(errno, EFAULT);
-    snprintf(line, sizeof line, "VLL: TerminateThread(T%08X) ERROR: T%08X->threadId = 0!\n", bare, 0);
-    EXPECT_EQ(TakeErrors(), Errors{line});
+    EXPECT_RESULT(vllTerminateThread(bare, 1), FALSE, EFAULT);
+    EXPECT_EQ(TakeErrors(),
+              Errors{Format("VLL: TerminateThread(T%08X) ERROR: T%08X->threadId = 0!\n", HANDLE{bare}, 0)});
     ObjmemRecord *mem = record->mem;
     record->mem = nullptr;
-    errno = 0;
-    EXPECT_FALSE(vllTerminateThread(bare, 1));
-    EXPECT_EQ(errno, EFAULT);
-    snprintf(line, sizeof line, "VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n", bare,
-             bare);
-    EXPECT_EQ(TakeErrors(), Errors{line});
+    EXPECT_RESULT(vllTerminateThread(bare, 1), FALSE, EFAULT);
+    EXPECT_EQ(TakeErrors(), Errors{Format("VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n",
+                                          HANDLE{bare}, HANDLE{bare})});
     EXPECT_EQ(vllResumeThread(bare), 1U);
     record->mem = mem;
-    EXPECT_TRUE(vllCloseHandle(bare));
 }
 
 TEST_F(ThreadTest, failing_calls_of_a_creation) {
@@ -233,16 +196,6 @@ TEST_F(ThreadTest, failing_calls_of_a_creation) {
     EXPECT_EQ(runs, 0);
 }
 
-TEST_F(ThreadTest, failing_cancellation_keeps_the_exit_code_at_0) {
-    const auto body = [] {};
-    const Owned thread(StartThread(body, CREATE_SUSPENDED));
-    ExpectFailure(
-        {"pthread_cancel", 1, EPERM, {}}, [&] { return vllTerminateThread(thread, 8); }, FALSE);
-    EXPECT_EQ(dataOf(thread)->exitCode, 0U);
-    EXPECT_TRUE(vllTerminateThread(thread, 8));
-    waitForEnd(thread);
-}
-
 TEST_F(ThreadTest, only_32_are_alive_at_once) {
     std::vector<HANDLE> threads;
     const auto body = [] {};
@@ -256,9 +209,6 @@ TEST_F(ThreadTest, only_32_are_alive_at_once) {
         EXPECT_EQ(vllResumeThread(thread), 1U);
         FinishThread(thread);
     }
-    const auto again = [] {};
-    EXPECT_TRUE(WaitUntil([] { return TakeInventory().free_objmem == kObjmemCount; }));
-    FinishThread(StartThread(again));
 }
 
 // A signal breaks the wait of a suspended thread: it ends without running, and says so.
@@ -281,10 +231,8 @@ TEST_F(ThreadTest, a_signal_at_a_suspended_thread) {
         return IsSignalled(thread);
     }));
     EXPECT_EQ(runs, 0);
-    char line[96];
-    snprintf(line, sizeof line, "VLLI: ThreadWrapper: T%08X, resume wait error %d [%s]\n", own, EINTR,
-             strerror(EINTR));
-    EXPECT_EQ(TakeErrors(), Errors{line});
+    EXPECT_EQ(TakeErrors(), Errors{Format("VLLI: ThreadWrapper: T%08X, resume wait error %d [%s]\n", own,
+                                          EINTR, strerror(EINTR))});
     sigaction(SIGUSR1, &old, nullptr);
 }
 
@@ -335,23 +283,27 @@ TEST_F(ThreadTest, ending_meets_close_resume_and_terminate) {
     TakeErrors();
 }
 
-TEST_F(ThreadTest, a_thread_may_terminate_itself) {
-    std::atomic<bool> went_on{false};
-    const auto body = [&] {
-        EXPECT_TRUE(vllTerminateThread(vllGetCurrentThread(), 6));
-        pthread_testcancel();
-        went_on = true;
-    };
-    const Owned thread(StartThread(body));
-    waitForEnd(thread);
-    EXPECT_FALSE(went_on);
-    EXPECT_EQ(dataOf(thread)->exitCode, 6U);
+TEST_F(ThreadTest, a_thread_ends_itself_with_its_code_and_unwound) {
+    for (const bool terminate : {false, true}) {
+        std::atomic<int> destructed{0};
+        std::atomic<bool> went_on{false};
+        const auto body = [&] {
+            const Destructed local{&destructed};
+            if (terminate) {
+                EXPECT_TRUE(vllTerminateThread(vllGetCurrentThread(), 12));
+                pthread_testcancel();
+                went_on = true;
+            } else {
+                vllExitThread(12);
+            }
+        };
+        const Owned thread(StartThread(body));
+        waitForEnd(thread);
+        EXPECT_FALSE(went_on);
+        EXPECT_EQ(destructed, 1);
+        EXPECT_EQ(dataOf(thread)->exitCode, 12U);
+    }
 }
-
-struct Destructed {
-    std::atomic<int> *count;
-    ~Destructed() { ++*count; }
-};
 
 // Every operation that blocks: a thread cancelled inside it runs its destructors, is signalled and holds nothing.
 TEST_F(ThreadTest, cancelled_inside_every_blocking_operation) {
@@ -382,24 +334,21 @@ TEST_F(ThreadTest, cancelled_inside_every_blocking_operation) {
         for (const auto &[name, block] : blocking) {
             SCOPED_TRACE(name);
             std::atomic<int> destructed{0};
-            std::atomic<pid_t> tid{0};
-            const auto body = [&, &operation = block] {
+            const Inventory before = TakeInventory();
+            const std::function<void()> body = [&, &operation = block] {
                 const Destructed local{&destructed};
                 if (pending) {
                     pthread_cancel(pthread_self());
                 }
-                tid = gettid();
                 operation();
                 ADD_FAILURE() << "not cancelled";
             };
-            const Inventory before = TakeInventory();
-            const HANDLE thread = StartThread(body);
-            if (!pending) {
-                EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
-                EXPECT_TRUE(WaitUntilAsleep(tid));
-                EXPECT_TRUE(vllTerminateThread(thread, 1));
+            if (pending) {
+                FinishThread(StartThread(body));
+            } else {
+                const Sleeper sleeper(body);
+                EXPECT_TRUE(vllTerminateThread(sleeper.handle(), 1));
             }
-            FinishThread(thread);
             EXPECT_EQ(destructed, 1);
             Inventory after;
             EXPECT_TRUE(WaitUntil([&] { return (after = TakeInventory()) == before; })) << after << before;
@@ -437,18 +386,12 @@ TEST_F(ThreadTest, a_cancelled_wait_consumes_nothing) {
 TEST_F(ThreadTest, a_forked_child_has_no_thread_of_its_parent) {
     const Owned thread(vllCreateThread(0, routineThatReturns9, nullptr, nullptr, CREATE_SUSPENDED));
     const ChildResult result = RunInChild([&] {
-        EXPECT_EQ(vllWaitForSingleObject(thread, 0), WAIT_TIMEOUT);
-        errno = 0;
-        EXPECT_FALSE(vllTerminateThread(thread, 1));
-        EXPECT_EQ(errno, ESRCH);
         const auto body = [] {};
-        const HANDLE own = StartThread(body);
-        errno = 0;
-        EXPECT_FALSE(vllTerminateThread(thread, 1));
-        EXPECT_EQ(errno, ESRCH);
-        FinishThread(own);
-        EXPECT_FALSE(vllTerminateThread(thread, 1));
-        EXPECT_EQ(vllWaitForSingleObject(thread, 0), WAIT_TIMEOUT);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_RESULT(vllTerminateThread(thread, 1), FALSE, ESRCH);
+            EXPECT_EQ(vllWaitForSingleObject(thread, 0), WAIT_TIMEOUT);
+            FinishThread(StartThread(body));
+        }
         return 0;
     });
     EXPECT_TRUE(result.exited);
