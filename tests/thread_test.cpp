@@ -236,40 +236,38 @@ TEST_F(ThreadTest, a_signal_at_a_suspended_thread) {
     sigaction(SIGUSR1, &old, nullptr);
 }
 
+// A thread as soon as there is room: the record of an ended thread is free a moment after its signal.
+HANDLE startWhenRoom(std::atomic<int> *runs) {
+    HANDLE thread = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        thread = vllCreateThread(0, routineThatReturns9, runs, nullptr, 0);
+        TakeErrors();
+        return thread != 0;
+    }));
+    return thread;
+}
+
 // 1,000 threads in a row, up to 32 of them alive.
 TEST_F(ThreadTest, a_thousand_threads_leave_nothing) {
     std::atomic<int> runs{0};
     std::vector<HANDLE> alive;
     for (int i = 0; i < 1000; ++i) {
-        // The record of an ended thread is free a moment after its signal.
-        EXPECT_TRUE(WaitUntil([&] {
-            const HANDLE thread = vllCreateThread(0, routineThatReturns9, &runs, nullptr, 0);
-            if (thread != 0) {
-                alive.push_back(thread);
-            }
-            return thread != 0;
-        }));
-        if (alive.size() == kObjmemCount) {
+        alive.push_back(startWhenRoom(&runs));
+        if (alive.size() == kObjmemCount || i == 999) {
             for (const HANDLE thread : alive) {
                 FinishThread(thread);
             }
             alive.clear();
         }
     }
-    for (const HANDLE thread : alive) {
-        FinishThread(thread);
-    }
     EXPECT_EQ(runs, 1000);
-    TakeErrors();
 }
 
 // A thread that ends at the same moment as its handle is closed, resumed or terminated.
 TEST_F(ThreadTest, ending_meets_close_resume_and_terminate) {
     static std::atomic<int> runs{0};  // threads are still running when the test ends
     for (int i = 0; i < 600; ++i) {
-        HANDLE thread = 0;
-        EXPECT_TRUE(WaitUntil(
-            [&] { return (thread = vllCreateThread(0, routineThatReturns9, &runs, nullptr, 0)) != 0; }));
+        const HANDLE thread = startWhenRoom(&runs);
         for (volatile int spin = i * 20; spin > 0; spin = spin - 1) {
         }
         if (i % 3 == 1) {
@@ -280,7 +278,6 @@ TEST_F(ThreadTest, ending_meets_close_resume_and_terminate) {
         }
         EXPECT_TRUE(vllCloseHandle(thread));
     }
-    TakeErrors();
 }
 
 TEST_F(ThreadTest, a_thread_ends_itself_with_its_code_and_unwound) {
