@@ -137,24 +137,14 @@ TEST_F(ObjmemTest, forged_type_codes_do_nothing) {
                               OBJ_SHMEM, OBJ_NAMED_MUTEX, OBJ_NAMED_SEMAPHORE}) {
         const HANDLE forged = type | index;
         SCOPED_TRACE(type);
-        const struct {
-            const char *what;
-            std::function<int64_t()> call;
-            int64_t result;
-        } rows[] = {
-            {"close", [&] { return vllCloseHandle(forged); }, FALSE},
-            {"duplicate", [&] { return vllDuplicateHandle(forged); }, 0},
-            {"set", [&] { return vllSetEvent(forged); }, FALSE},
-            {"set timer", [&] { return vllSetWaitableTimer(forged, 1); }, FALSE},
-            {"resume", [&] { return vllResumeThread(forged); }, 0},
-            {"terminate", [&] { return vllTerminateThread(forged, 1); }, FALSE},
-            {"wait", [&] { return vllWaitForSingleObject(forged, 0); }, WAIT_FAILED},
-            {"wait for several", [&] { return vllWaitForMultipleObjects(1, &forged, 0); }, WAIT_FAILED},
-        };
-        for (const auto &row : rows) {
-            SCOPED_TRACE(row.what);
-            EXPECT_RESULT(row.call(), row.result, EINVAL);
-        }
+        EXPECT_RESULT(vllCloseHandle(forged), FALSE, EINVAL);
+        EXPECT_RESULT(vllDuplicateHandle(forged), 0U, EINVAL);
+        EXPECT_RESULT(vllSetEvent(forged), FALSE, EINVAL);
+        EXPECT_RESULT(vllSetWaitableTimer(forged, 1), FALSE, EINVAL);
+        EXPECT_RESULT(vllResumeThread(forged), 0U, EINVAL);
+        EXPECT_RESULT(vllTerminateThread(forged, 1), FALSE, EINVAL);
+        EXPECT_RESULT(vllWaitForSingleObject(forged, 0), WAIT_FAILED, EINVAL);
+        EXPECT_RESULT(vllWaitForMultipleObjects(1, &forged, 0), WAIT_FAILED, EINVAL);
         ObjectRecord *record = vlliOpenObject(forged);  // opens, by contract
         EXPECT_EQ(record, vlliGetObjectAddress(event));
         EXPECT_TRUE(vlliCloseObject(forged));

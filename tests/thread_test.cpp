@@ -196,21 +196,6 @@ TEST_F(ThreadTest, failing_calls_of_a_creation) {
     EXPECT_EQ(runs, 0);
 }
 
-TEST_F(ThreadTest, only_32_are_alive_at_once) {
-    std::vector<HANDLE> threads;
-    const auto body = [] {};
-    for (HANDLE thread; (thread = StartThread(body, CREATE_SUSPENDED)) != 0;) {
-        threads.push_back(thread);
-    }
-    EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(threads.size(), kObjmemCount);
-    EXPECT_EQ(TakeErrors(), Errors{"VLLI: AllocMemObject() error = ENOMEM\n"});
-    for (const HANDLE thread : threads) {
-        EXPECT_EQ(vllResumeThread(thread), 1U);
-        FinishThread(thread);
-    }
-}
-
 // A signal breaks the wait of a suspended thread: it ends without running, and says so.
 TEST_F(ThreadTest, a_signal_at_a_suspended_thread) {
     struct sigaction action = {}, old;

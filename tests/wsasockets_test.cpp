@@ -75,8 +75,9 @@ struct Connection {
 // A socket's selection into an event, cancelled at the end.
 struct Selection {
     Selection(const Fd &fd, HANDLE handle, int32_t mask) : socket(fd.get()), event(handle) {
-        EXPECT_EQ(vllWSAEventSelect(socket, event, mask, &record), 0);
+        EXPECT_EQ(select(mask), 0);
     }
+    int32_t select(int32_t mask) { return vllWSAEventSelect(socket, event, mask, &record); }
     // The events that a wait brings, or -1 when none comes in time.
     int32_t next(DWORD timeout_ms = 20000) {
         if (vllWaitForSingleObject(event, timeout_ms) != WAIT_OBJECT_0) {
@@ -91,34 +92,41 @@ struct Selection {
     WSANETWORKEVENTS events = {};
 };
 
+struct OwnEvent {
+    explicit OwnEvent(BOOL manual) : owned(vllCreateEvent(manual, FALSE, nullptr)) {}
+    Owned owned;
+};
+
+// A connection whose local end is selected into an event of its own.
+struct SelectedConnection : Connection, OwnEvent, Selection {
+    explicit SelectedConnection(int32_t mask, BOOL manual = FALSE)
+        : OwnEvent(manual), Selection(local, owned, mask) {}
+};
+
 TEST_F(WsaSocketsTest, data_is_reported_as_long_as_it_is_there) {
     for (const BOOL manual : {FALSE, TRUE}) {
-        Connection connection;
-        const Owned event(vllCreateEvent(manual, FALSE, nullptr));
-        Selection selection(connection.local, event, FD_READ | FD_CONNECT | FD_CLOSE);
-        EXPECT_EQ(fcntl(connection.local.get(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+        SelectedConnection selection(FD_READ | FD_CONNECT | FD_CLOSE, manual);
+        EXPECT_EQ(fcntl(selection.socket, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
         EXPECT_EQ(selection.next(), FD_CONNECT) << "a new connection can be written to";
         EXPECT_EQ(selection.next(0), -1);
-        connection.sendByPeer("ab");
+        selection.sendByPeer("ab");
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(selection.next(), FD_READ);
         }
-        EXPECT_EQ(connection.receive(1), "a");
+        EXPECT_EQ(selection.receive(1), "a");
         EXPECT_EQ(selection.next(), FD_READ) << "the rest";
-        EXPECT_EQ(connection.receive(), "b");
+        EXPECT_EQ(selection.receive(), "b");
         EXPECT_EQ(selection.next(20), -1);
         EXPECT_EQ(selection.record.state, SOCK_STATE_CONNECTED);
     }
 }
 
 TEST_F(WsaSocketsTest, the_first_data_of_a_new_record_also_reports_the_connection) {
-    Connection connection;
-    const Owned event(MakeManualEvent());
-    Selection selection(connection.local, event, FD_READ);
+    SelectedConnection selection(FD_READ, TRUE);
     selection.record.lNetworkEvents |= FD_CONNECT;  // without the room to write, which would tell it first
-    connection.sendByPeer("x");
-    EXPECT_EQ(vllWaitForSingleObject(event, 20000), WAIT_OBJECT_0);
-    pollfd signalled = {vllGetEventFd(event), POLLIN, 0};
+    selection.sendByPeer("x");
+    EXPECT_EQ(vllWaitForSingleObject(selection.event, 20000), WAIT_OBJECT_0);
+    pollfd signalled = {vllGetEventFd(selection.event), POLLIN, 0};
     EXPECT_EQ(poll(&signalled, 1, 0), 1) << "a manual-reset event stays signalled";
     EXPECT_EQ(selection.next(), FD_READ | FD_CONNECT);
     EXPECT_EQ(selection.events.iErrorCode[FD_READ_BIT], 0);
@@ -203,14 +211,12 @@ TEST_F(WsaSocketsTest, a_refused_connection_tells_its_error_with_the_connect) {
 }
 
 TEST_F(WsaSocketsTest, a_reset_makes_all_selected_events_pending_without_codes) {
-    Connection connection;
-    const Owned event(MakeAutoEvent());
-    Selection selection(connection.local, event, FD_READ | FD_CONNECT | FD_CLOSE);
+    SelectedConnection selection(FD_READ | FD_CONNECT | FD_CLOSE);
     EXPECT_EQ(selection.next(), FD_CONNECT);
     selection.record.iErrorCode[FD_CLOSE_BIT] = 99;
     const linger at_once = {1, 0};
-    ASSERT_EQ(setsockopt(connection.peer.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), 0);
-    connection.peer.reset();
+    ASSERT_EQ(setsockopt(selection.peer.get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once), 0);
+    selection.peer.reset();
     EXPECT_EQ(selection.next(), FD_READ | FD_CONNECT | FD_CLOSE);
     EXPECT_EQ(selection.events.iErrorCode[FD_READ_BIT], 0);
     EXPECT_EQ(selection.events.iErrorCode[FD_CLOSE_BIT], 99) << "left as it was";
@@ -221,13 +227,11 @@ TEST_F(WsaSocketsTest, a_reset_makes_all_selected_events_pending_without_codes) 
 // The peer has closed; whether that also hangs up the socket depends on its own direction.
 TEST_F(WsaSocketsTest, unread_data_is_reported_before_the_close_or_with_it) {
     for (const bool hang_up : {false, true}) {
-        Connection connection;
-        const Owned event(MakeAutoEvent());
-        Selection selection(connection.local, event, FD_READ | FD_CONNECT | FD_WRITE | FD_CLOSE);
+        SelectedConnection selection(FD_READ | FD_CONNECT | FD_WRITE | FD_CLOSE);
         EXPECT_EQ(selection.next(), FD_CONNECT | FD_WRITE);
-        connection.sendByPeer("last words");
+        selection.sendByPeer("last words");
         EXPECT_EQ(selection.next(), FD_READ);
-        connection.peer.reset();
+        selection.peer.reset();
         if (hang_up) {
             EXPECT_EQ(shutdown(selection.socket, SHUT_WR), 0);
             EXPECT_TRUE(WaitUntil([&] {
@@ -235,10 +239,10 @@ TEST_F(WsaSocketsTest, unread_data_is_reported_before_the_close_or_with_it) {
                 return (selection.events.lNetworkEvents & FD_CLOSE) != 0;
             }));
             EXPECT_EQ(selection.events.lNetworkEvents, FD_READ | FD_CLOSE);
-            EXPECT_EQ(connection.receive(), "last words");
+            EXPECT_EQ(selection.receive(), "last words");
         } else {
             EXPECT_EQ(selection.next(), FD_READ);
-            EXPECT_EQ(connection.receive(), "last words");
+            EXPECT_EQ(selection.receive(), "last words");
             EXPECT_EQ(selection.next(), FD_CLOSE);
         }
         EXPECT_EQ(selection.record.state, SOCK_STATE_CLOSED);
@@ -318,7 +322,7 @@ TEST_F(WsaSocketsTest, two_sockets_in_one_event_both_come_through) {
         vllWaitForSingleObject(event, 100);
         return first.record.lPendingEvents == FD_READ && second.record.lPendingEvents == FD_READ;
     })) << "neither starves the other";
-    EXPECT_EQ(vllWSAEventSelect(one.local.get(), event, 0, &first.record), 0);
+    EXPECT_EQ(first.select(0), 0);
     EXPECT_TRUE(IsSignalled(event));
     EXPECT_EQ(two.receive(), "y");
     EXPECT_FALSE(IsSignalled(event));
@@ -343,16 +347,14 @@ TEST_F(WsaSocketsTest, an_event_closed_while_a_socket_is_selected) {
 }
 
 TEST_F(WsaSocketsTest, cancelling) {
-    Connection connection;
-    const Owned event(MakeAutoEvent());
-    Selection selection(connection.local, event, FD_READ | FD_CLOSE);
-    connection.sendByPeer("x");
+    SelectedConnection selection(FD_READ | FD_CLOSE);
+    selection.sendByPeer("x");
     EXPECT_EQ(selection.next(), FD_READ);
-    EXPECT_EQ(vllWSAEventSelect(connection.local.get(), event, 0, &selection.record), 0);
+    EXPECT_EQ(selection.select(0), 0);
     EXPECT_EQ(selection.next(10), -1);
-    EXPECT_EQ(vllWSAEventSelect(connection.local.get(), event, 0, &selection.record), 0) << "left already";
+    EXPECT_EQ(selection.select(0), 0) << "left already";
     WSASockData fresh = {};
-    EXPECT_EQ(vllWSAEventSelect(connection.local.get(), event, 0, &fresh), 0) << "never selected";
+    EXPECT_EQ(vllWSAEventSelect(selection.socket, selection.event, 0, &fresh), 0) << "never selected";
     EXPECT_EQ(TakeLog().size(), 0U);
 }
 
@@ -463,7 +465,6 @@ TEST_F(WsaSocketsTest, processing_table) {
          "getsockopt", ENOBUFS, FD_READ_BIT, ENOBUFS},
         {"error and hang-up", EPOLLERR | EPOLLHUP | EPOLLIN, FD_WRITE | FD_CLOSE, FD_WRITE, 2, FD_CLOSE, 3,
          true, "getsockopt", ETIMEDOUT, FD_CLOSE_BIT, ETIMEDOUT},
-        {"reset", EPOLLERR, FD_READ, 0, 2, FD_READ, 2, false, "getsockopt", ECONNRESET, FD_READ_BIT, 0},
         {"hang-up", EPOLLHUP, FD_CLOSE | FD_WRITE, FD_WRITE, 2, FD_CLOSE, 3, true},
         {"hang-up not selected", EPOLLHUP, FD_WRITE, FD_WRITE, 2, 0, 3, true},
         {"hang-up once closed", EPOLLHUP, FD_CLOSE, 0, 3, 0, 3, false},
@@ -480,9 +481,7 @@ TEST_F(WsaSocketsTest, processing_table) {
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        Connection connection;
-        const Owned event(MakeAutoEvent());
-        Selection selection(connection.local, event, row.mask);
+        SelectedConnection selection(row.mask);
         selection.record.lPendingEvents = row.pending;
         selection.record.state = row.state;
         std::optional<FailCall> fail;
@@ -490,24 +489,22 @@ TEST_F(WsaSocketsTest, processing_table) {
             fail.emplace(row.call, 1, row.error);
         }
         errno = 77;
-        vlliWsaProcessNetworkEvents(&selection.record, vlliGetObjectAddress(event), row.readiness);
+        vlliWsaProcessNetworkEvents(&selection.record, vlliGetObjectAddress(selection.event), row.readiness);
         EXPECT_EQ(errno, 77);
         EXPECT_TRUE(!fail || fail->happened());
         EXPECT_EQ(selection.record.lPendingEvents, row.pending_after);
         EXPECT_EQ(selection.record.state, row.state_after);
         EXPECT_EQ(selection.record.iErrorCode[row.bit], row.code);
         epoll_event change = {};
-        const int efd = vlliGetObjectAddress(event)->efd;
+        const int efd = vlliGetObjectAddress(selection.event)->efd;
         EXPECT_EQ(epoll_ctl(efd, EPOLL_CTL_MOD, selection.socket, &change) == -1, row.leaves);
         EXPECT_EQ(TakeErrors(), Errors{});
     }
 }
 
 TEST_F(WsaSocketsTest, failing_calls_of_a_wait) {
-    Connection connection;
-    const Owned event(MakeAutoEvent());
-    ObjectRecord *record = vlliGetObjectAddress(event);
-    Selection selection(connection.local, event, FD_WRITE | FD_CLOSE);
+    SelectedConnection selection(FD_WRITE | FD_CLOSE);
+    ObjectRecord *record = vlliGetObjectAddress(selection.event);
     for (const bool hang_up : {false, true}) {
         const FailCall fail("epoll_ctl", 1, ENOMEM);
         vlliWsaProcessNetworkEvents(&selection.record, record, hang_up ? EPOLLHUP : EPOLLOUT);
@@ -518,12 +515,13 @@ TEST_F(WsaSocketsTest, failing_calls_of_a_wait) {
                                 hang_up ? "NULL" : "EPOLLIN")});
     }
     // The event's set cannot be asked.
-    EXPECT_EQ(vllWSAEventSelect(selection.socket, event, FD_READ, &selection.record), 0);
-    connection.sendByPeer("x");
+    EXPECT_EQ(selection.select(FD_READ), 0);
+    selection.sendByPeer("x");
     EXPECT_NE(selection.next(), -1);
     ExpectFailure(
-        {"epoll_wait", 1, EFAULT, {}}, [&] { return vllWaitForSingleObject(event, 0); }, WAIT_FAILED);
-    EXPECT_EQ(References(event), 1);
+        {"epoll_wait", 1, EFAULT, {}}, [&] { return vllWaitForSingleObject(selection.event, 0); },
+        WAIT_FAILED);
+    EXPECT_EQ(References(selection.event), 1);
     const FailCall interrupted("epoll_wait", 1, EINTR);
     EXPECT_EQ(selection.next(0), FD_READ);
 }
@@ -538,23 +536,21 @@ TEST_F(WsaSocketsTest, a_false_alarm_is_noticed) {
     };
     ASSERT_EQ(sigaction(SIGUSR1, &action, &old), 0);
     for (const BOOL manual : {FALSE, TRUE}) {
-        Connection connection;
-        const Owned event(vllCreateEvent(manual, FALSE, nullptr));
-        Selection selection(connection.local, event, FD_READ);
+        SelectedConnection selection(FD_READ, manual);
         drained = selection.socket;
-        connection.sendByPeer("x");
-        pollfd activity = {vlliGetObjectAddress(event)->efd, POLLIN, 0};
+        selection.sendByPeer("x");
+        pollfd activity = {vlliGetObjectAddress(selection.event)->efd, POLLIN, 0};
         ASSERT_EQ(poll(&activity, 1, 20000), 1);
         {
             const FailCall before_the_look("epoll_wait", 1, -SIGUSR1);
-            EXPECT_EQ(vllWaitForSingleObject(event, 0), WAIT_OBJECT_0);
+            EXPECT_EQ(vllWaitForSingleObject(selection.event, 0), WAIT_OBJECT_0);
         }
         const std::vector<LogLine> log = TakeLog();
         ASSERT_EQ(log.size(), 1U);
         EXPECT_EQ(log[0].priority, LOG_INFO);
-        EXPECT_EQ(log[0].text, Format("VLL: WaitForMultipleObjects: False alarm, E%08X\n", HANDLE{event}));
+        EXPECT_EQ(log[0].text, Format("VLL: WaitForMultipleObjects: False alarm, E%08X\n", selection.event));
         EXPECT_EQ(selection.record.lPendingEvents, 0);
-        EXPECT_EQ(IsSignalled(event), manual != 0);
+        EXPECT_EQ(IsSignalled(selection.event), manual != 0);
     }
     sigaction(SIGUSR1, &old, nullptr);
 }
