@@ -66,15 +66,17 @@ class ThreadAttributes {
     pthread_attr_t attributes_;
 };
 
-// Runs the start routine once the thread may; leaves with cancellation off, so that the cleanup that
-// follows is not a second victim.
+// Runs the start routine once the thread may; goes on with cancellation off, which the routine may have left
+// asynchronous: neither what holds a lock nor the cleanup that follows may be a victim.
 void runThread(void *argument) {
     auto *thread = static_cast<ThreadData *>(argument);
     if (vlliBlockInSemWait(&thread->resumeSem) == -1) {
         vlliLogError("VLLI: ThreadWrapper: T%08X, resume wait error %d [%s]\n", thread->handle, errno,
                      strerror(errno));
     } else {
-        setExitCode(thread, thread->startAddress(thread->parameter));
+        const uint32_t code = thread->startAddress(thread->parameter);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        setExitCode(thread, code);
     }
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
@@ -169,6 +171,7 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
 void vllExitThread(DWORD dwExitCode) {
     ThreadData *thread = currentThreadData();
     if (thread != nullptr) {
+        const NoCancel no_cancel;
         setExitCode(thread, dwExitCode);
     }
     pthread_exit(nullptr);

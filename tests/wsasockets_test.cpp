@@ -312,6 +312,20 @@ TEST_F(WsaSocketsTest, a_record_taken_over_by_another_socket_loses_the_old_one_s
     EXPECT_EQ(TakeLog().size(), 0U);
 }
 
+// The number of a closed socket may come again, in another record.
+TEST_F(WsaSocketsTest, a_record_whose_socket_was_closed_takes_nothing_from_another) {
+    const Owned event(MakeAutoEvent());
+    Connection one, two, three;
+    Selection first(one.local, event, FD_READ | FD_CLOSE);
+    one.peer.reset();
+    EXPECT_EQ(first.next(), FD_CLOSE);
+    ASSERT_EQ(dup2(two.local.get(), first.socket), first.socket);
+    Selection second(one.local, event, FD_READ);
+    EXPECT_EQ(vllWSAEventSelect(three.local.get(), event, FD_READ, &first.record), 0);
+    two.sendByPeer("x");
+    EXPECT_EQ(second.next(), FD_READ);
+}
+
 TEST_F(WsaSocketsTest, two_sockets_in_one_event_both_come_through) {
     Connection one, two;
     const Owned event(MakeAutoEvent());

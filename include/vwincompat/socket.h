@@ -70,11 +70,13 @@ typedef struct WSABUF {
  * Selects the network events of a socket that signal an event, or cancels the selection.
  *
  * The socket becomes non-blocking (its other status flags are cleared). Selecting a socket again with its
- * record keeps what is pending; a record that selects another socket loses that selection silently.
- * Reading, accepting and closing are reported as long as they last; the room to write is reported once, until
+ * record keeps what is pending; a record that selects another socket loses that selection silently. Cancel the
+ * selection before closing a socket that its peer has not closed: the next socket may get its number.
+ * Data to read and connections to accept are reported as long as they last; the room to write once, until
  * vllWSAEnableWriteEvent(). A connection attempt that failed reports FD_CONNECT and FD_CLOSE, with the
  * error in the slot of FD_CONNECT. After FD_CLOSE the socket no longer wakes the event; data that are
- * still unread are reported before FD_CLOSE or with it.
+ * still unread are reported before FD_CLOSE or with it. A peer's close is seen where FD_READ or FD_ACCEPT is
+ * selected, too; with FD_CLOSE alone only a connection that is down in both directions reports it.
  *
  * @param hEventObject   an event.
  * @param lNetworkEvent  the FD_... values to select; 0 cancels.
