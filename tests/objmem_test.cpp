@@ -154,21 +154,6 @@ TEST_F(ObjmemTest, forged_type_codes_do_nothing) {
     TakeErrors();
 }
 
-TEST_F(ObjmemTest, a_second_close_does_not_take_an_operations_reference) {
-    const HANDLE event = MakeAutoEvent();
-    ObjectRecord *record = vlliOpenObject(event);
-    ASSERT_NE(record, nullptr);
-    const int fd = record->fd;
-    EXPECT_TRUE(vllCloseHandle(event));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_RESULT(vllCloseHandle(event), FALSE, EINVAL);
-    }
-    EXPECT_EQ(record->refCount, 1);
-    EXPECT_NE(fcntl(fd, F_GETFD), -1) << "the operation still uses the object";
-    EXPECT_TRUE(vlliCloseObject(event));
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-}
-
 TEST_F(ObjmemTest, memory_records_count_their_users) {
     const HANDLE handle = vlliCreateObject(OBJ_THREAD);
     ASSERT_NE(handle, 0U);
