@@ -88,6 +88,8 @@ int nextError(Call call) {
     return state.error;
 }
 
+void nothing() {}
+
 }  // namespace
 
 FailCall::FailCall(const char *call, int nth, int error, int times) : call_(findCall(call)) {
@@ -132,13 +134,13 @@ void ResetCallCounts() {
 
 extern "C" {
 #define VLL_FAULT(name, type, parameters, arguments, failure) \
-    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, , __real_##name, )
-#define VLL_FAULT_BLOCKING(name, type, parameters, arguments, failure)                       \
-    VLL_FIND_BLOCKING(name, type, parameters)                                                \
-    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, , VLL_REAL_BLOCKING(name), \
-                      vlliAnnotateAcquire())
+    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, nothing, __real_##name, nothing)
+#define VLL_FAULT_BLOCKING(name, type, parameters, arguments, failure)                              \
+    VLL_FIND_BLOCKING(name, type, parameters)                                                       \
+    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, nothing, VLL_REAL_BLOCKING(name), \
+                      vlliAnnotateAcquire)
 #define VLL_FAULT_POSTING(name, type, parameters, arguments, failure) \
-    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, vlliAnnotateRelease(), __real_##name, )
+    VLL_FAULT_CALLING(name, type, parameters, arguments, failure, vlliAnnotateRelease, __real_##name, nothing)
 #define VLL_FAULT_CALLING(name, type, parameters, arguments, failure, before, function, after) \
     type __real_##name parameters;                                                             \
     type __wrap_##name parameters {                                                            \
@@ -146,9 +148,9 @@ extern "C" {
             errno = error;                                                                     \
             return failure;                                                                    \
         }                                                                                      \
-        before;                                                                                \
+        (before)();                                                                            \
         type const result = function arguments;                                                \
-        after;                                                                                 \
+        (after)();                                                                             \
         return result;                                                                         \
     }
 #define VLL_FAULT_RESULT(name, type, parameters, arguments) \
