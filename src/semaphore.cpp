@@ -29,18 +29,24 @@ HANDLE vllCreateSemaphore(LONG lInitialCount, LPCSTR lpName) {
 
 BOOL vllReleaseSemaphore(HANDLE hSemaphore) {
     const uint32_t type = vlliGetObjectType(hSemaphore);
-    if (type == OBJ_SEMAPHORE || type == OBJ_NAMED_SEMAPHORE) {
-        // A post never blocks; under the table lock it cannot meet a record that is being closed.
+    const bool is_semaphore = type == OBJ_SEMAPHORE || type == OBJ_NAMED_SEMAPHORE;
+    if (is_semaphore) {
+        // Without another reference nobody waits by this handle: the post is a store. One that has to wake a waiter
+        // is no business of the table's lock.
         const LockedRecord semaphore(hSemaphore);
-        if (semaphore && semaphore->addr != nullptr) {
+        if (semaphore && semaphore->refCount == 1 && semaphore->addr != nullptr) {
             return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
         }
     }
-    const ObjectRef other(hSemaphore);  // says why it cannot be released
-    if (other) {
-        errno = EINVAL;
+    const ObjectRef semaphore(hSemaphore);
+    if (!semaphore) {
+        return FALSE;
     }
-    return FALSE;
+    if (!is_semaphore || semaphore->addr == nullptr) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
 }
 
 BOOL vlliCloseSemaphore(ObjectRecord *record) {

@@ -13,18 +13,17 @@ namespace {
 // A process id and a handle in hexadecimal.
 constexpr size_t kAnonymousName = 17;
 
-// Memory that nobody else has: a name of that kind that is in use was left by a process that died, or belongs to
-// one of another process-id namespace. It is not ours to join.
+// Memory that nobody else has. A name of that kind that exists was left by a process that died, or belongs to one
+// of another process-id namespace: it is not ours to join, and neither of them needs it any more.
 TransitFd createAnonymous(int access, SIZE_T size, HANDLE handle) {
     char name[kAnonymousName];
     snprintf(name, sizeof name, "%08X%08X", static_cast<unsigned>(getpid()), handle);
     for (;;) {
-        TransitFd file = vlliCreateSharedFile(access, size, name, false);
+        TransitFd file = vlliCreateSharedFile(access | O_EXCL, size, name, false);
         const int error = errno;
-        shm_unlink(name);
+        const bool removed = shm_unlink(name) == 0 || errno == ENOENT;
         errno = file ? 0 : error;
-        // A read-only opener cannot create: what it gets always existed.
-        if (!file || error != EEXIST || access == O_RDONLY) {
+        if (file || error != EEXIST || !removed) {
             return file;
         }
     }
@@ -96,6 +95,7 @@ HANDLE vllCreateFileMapping(HANDLE hFile, DWORD dwAccess, DWORD dwSize, LPCSTR l
 
 LPVOID vllMapViewOfFile(HANDLE hMapping, DWORD dwProtection, DWORD dwOffset, SIZE_T length) {
     if (vlliGetObjectType(hMapping) != OBJ_SHMEM) {
+        const ObjectRef other(hMapping);  // logs what is no handle at all
         errno = EINVAL;
         return nullptr;
     }

@@ -133,11 +133,16 @@ int *findTransit(int value) {
     return nullptr;
 }
 
+// Counted under the lock, and looked at without it.
+void countParked(int32_t change) {
+    __atomic_fetch_add(&parkedCount, change, __ATOMIC_RELAXED);
+}
+
 void unpark(SharedObject *object) {
     vlliCloseFd(object->parked_fd);
     object->parked_fd = -1;
     --object->users;
-    --parkedCount;
+    countParked(-1);
 }
 
 void unmapPayload(SharedObject *object) {
@@ -175,7 +180,7 @@ bool parkOwnedMutex(SharedObject *object, int fd) {
         return false;
     }
     object->parked_fd = fd;
-    ++parkedCount;
+    countParked(1);
     return true;
 }
 
@@ -321,6 +326,14 @@ bool setForkHandlers() {
     return true;
 }
 
+int openShared(const char *name, int flags) {
+    int fd;
+    do {
+        fd = shm_open(name, flags, kMode);
+    } while (fd == -1 && errno == EINTR);
+    return fd;
+}
+
 TransitFd openInTransit(const char *name, int flags) {
     const MutexLock lock(&shmemMutex);
     int *slot = findTransit(0);
@@ -331,10 +344,12 @@ TransitFd openInTransit(const char *name, int flags) {
         errno = ENOMEM;
         return TransitFd();
     }
-    int fd;
-    do {
-        fd = shm_open(name, flags, kMode);
-    } while (fd == -1 && errno == EINTR);
+    int fd = openShared(name, flags);
+    if (fd == -1 && errno == EACCES && (flags & O_EXCL) == 0) {
+        // Where fs.protected_regular is set, O_CREAT refuses the object of another user that may well be opened.
+        fd = openShared(name, flags & ~O_CREAT);
+        errno = EACCES;
+    }
     *slot = fd + 1;
     return TransitFd(fd);
 }
@@ -351,7 +366,7 @@ void dropParked() {
             continue;
         }
         const int fd = object.parked_fd;
-        --parkedCount;
+        countParked(-1);
         object.parked_fd = -1;
         if (!parkOwnedMutex(&object, fd)) {
             unmapPayload(&object);
@@ -421,8 +436,8 @@ BOOL vlliEnterSharedFile(ObjectRecord *record, TransitFd *file, SIZE_T payload_s
     if (fstat(file->get(), &status) == -1) {
         return FALSE;
     }
-    if (payload_size != 0 && status.st_size == 0) {
-        errno = EINVAL;  // a lasting user keeps an object without room
+    if (static_cast<uint64_t>(status.st_size) < payload_size) {
+        errno = EINVAL;  // somebody else's object, which has no room for ours
         return FALSE;
     }
     SharedObject *object = findObject(status);

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "internal_blocking.h"
+#include "mutex.h"
 
 namespace {
 
@@ -103,6 +104,7 @@ void *vlliThreadWrapper(void *argument) {
 
 // The thread's own handle with its completion event and resume semaphore; 0 with errno when they cannot be made.
 HANDLE makeOwnHandle() {
+    vlliReclaimMutexes();
     NewHandle handle(vlliCreateObject(OBJ_THREAD));
     if (!handle) {
         return 0;

@@ -1,14 +1,11 @@
 #include "semaphore_object.h"
 
-#include <unistd.h>
-#include <atomic>
 #include <climits>
-#include <csignal>
-#include <thread>
 
 #include "support/faults.h"
-#include "support/fixture.h"
+#include "support/objects.h"
 #include "support/syslog_capture.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -92,75 +89,63 @@ TEST_F(SemaphoreTest, handles_that_cannot_be_waited_on) {
     vllCloseHandle(unmapped);
 }
 
-void ignoreSignal(int) {}
+// A post that has to wake somebody is a system call, which must not hold up the whole table.
+TEST_F(SemaphoreTest, a_waiter_is_woken_without_the_table_lock) {
+    static std::atomic<int> lock_error;
+    lock_error = -1;
+    const SignalHandler handler(SIGUSR1, [](int) {
+        lock_error = pthread_mutex_trylock(&objMemMutex);
+        if (lock_error == 0) {
+            pthread_mutex_unlock(&objMemMutex);
+        }
+    });
+    const Owned semaphore(vllCreateSemaphore(0, nullptr));
+    std::thread waiter =
+        StartAsleep([&] { EXPECT_EQ(vllWaitForSingleObject(semaphore, 60000), WAIT_OBJECT_0); });
+    {
+        const FailCall signal_first("sem_post", 1, -SIGUSR1);
+        EXPECT_TRUE(vllReleaseSemaphore(semaphore));
+    }
+    EXPECT_EQ(lock_error, 0);
+    waiter.join();
+}
 
 TEST_F(SemaphoreTest, signals_do_not_end_a_wait) {
-    struct sigaction action = {};
-    action.sa_handler = ignoreSignal;
-    struct sigaction former;
-    sigaction(SIGUSR1, &action, &former);
-    const HANDLE semaphore = vllCreateSemaphore(0, nullptr);
-    struct {
-        DWORD timeout_ms;
-        DWORD expected;
-    } rows[] = {{INFINITE, WAIT_OBJECT_0}, {60000, WAIT_OBJECT_0}, {120, WAIT_TIMEOUT}};
-    for (const auto &row : rows) {
-        std::atomic<pid_t> tid{0};
+    const SignalHandler handler(SIGUSR1, IgnoreSignal);
+    const Owned semaphore(vllCreateSemaphore(0, nullptr));
+    for (const DWORD timeout_ms : {INFINITE, 60000U}) {
         std::atomic<bool> done{false};
-        std::thread waiter([&] {
-            tid = gettid();
-            const int64_t start = NowMs();
-            EXPECT_EQ(vllWaitForSingleObject(semaphore, row.timeout_ms), row.expected);
-            EXPECT_GE(NowMs() - start, row.expected == WAIT_TIMEOUT ? 119 : 0);
+        std::thread waiter = StartAsleep([&] {
+            EXPECT_EQ(vllWaitForSingleObject(semaphore, timeout_ms), WAIT_OBJECT_0);
             done = true;
         });
-        WaitUntil([&] { return tid != 0; });
-        for (int i = 0; i < 40 && !done; ++i) {
+        for (int i = 0; i < 40; ++i) {
             pthread_kill(waiter.native_handle(), SIGUSR1);
             usleep(1000);
         }
-        EXPECT_TRUE(row.expected == WAIT_TIMEOUT || !done);
-        if (row.expected == WAIT_OBJECT_0) {
-            EXPECT_TRUE(vllReleaseSemaphore(semaphore));
-        }
+        EXPECT_FALSE(done);
+        EXPECT_TRUE(vllReleaseSemaphore(semaphore));
         waiter.join();
     }
-    sigaction(SIGUSR1, &former, nullptr);
-    vllCloseHandle(semaphore);
 }
 
-// A cancelled waiter takes no unit and gives its reference back.
+// A cancelled waiter takes no unit and gives its reference back, also when there is no need to wait.
 TEST_F(SemaphoreTest, cancelled_in_a_wait) {
-    static std::atomic<pid_t> tid;
     for (const bool pending : {false, true}) {
-        for (DWORD timeout_ms : {INFINITE, DWORD{60000}}) {
-            tid = 0;
-            static HANDLE semaphore;
-            static DWORD timeout;
-            static std::atomic<bool> go;
-            timeout = timeout_ms;
-            go = !pending;
-            semaphore = vllCreateSemaphore(pending ? 1 : 0, nullptr);
-            auto body = [](void *) -> void * {
-                tid = gettid();
-                while (!go) {
+        for (const DWORD timeout_ms : {INFINITE, 60000U}) {
+            const Owned semaphore(vllCreateSemaphore(pending ? 1 : 0, nullptr));
+            const Owned gate(vllCreateMutex(1, nullptr));
+            std::thread waiter = StartAsleep([&] {
+                if (pending) {
+                    vllWaitForSingleObject(gate, INFINITE);  // no cancellation point
                 }
-                vllWaitForSingleObject(semaphore, timeout);
-                return nullptr;
-            };
-            pthread_t waiter;
-            pthread_create(&waiter, nullptr, body, nullptr);
-            WaitUntil([&] { return tid != 0; });
-            if (!pending) {
-                WaitUntilAsleep(tid);
-            }
-            pthread_cancel(waiter);
-            go = true;
-            void *result = nullptr;
-            pthread_join(waiter, &result);
-            EXPECT_EQ(result, PTHREAD_CANCELED);
+                vllWaitForSingleObject(semaphore, timeout_ms);
+                ADD_FAILURE() << "not cancelled";
+            });
+            pthread_cancel(waiter.native_handle());
+            EXPECT_TRUE(vllReleaseMutex(gate));
+            waiter.join();
             EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), pending ? WAIT_OBJECT_0 : WAIT_FAILED);
-            EXPECT_TRUE(vllCloseHandle(semaphore));
         }
     }
 }

@@ -6,11 +6,14 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 
 #include "objmem.h"
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/objects.h"
+#include "support/syslog_capture.h"
 
 namespace {
 
@@ -41,7 +44,7 @@ TEST_F(ShmemMappingTest, named_memory_lives_as_long_as_its_users) {
     char *view = MapWhole(mapping, 2 * kPage);
     ASSERT_NE(view, nullptr);
     strcpy(view, "shared");
-    const ChildResult child = RunInChild([&] {
+    ExpectInChild([&] {
         const HANDLE other = CreateMemory(17, kName);
         EXPECT_EQ(errno, EEXIST);
         char *second = static_cast<char *>(vllMapViewOfFile(other, kReadWrite, 0, 2 * kPage));
@@ -51,8 +54,6 @@ TEST_F(ShmemMappingTest, named_memory_lives_as_long_as_its_users) {
         EXPECT_TRUE(vllCloseHandle(other));
         return 0;
     });
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(child.status, 0);
     EXPECT_EQ(view[kPage], 'x');
     EXPECT_TRUE(vllCloseHandle(mapping));  // the view keeps it
     mapping = CreateMemory(2 * kPage, kName);
@@ -112,12 +113,10 @@ TEST_F(ShmemMappingTest, anonymous_memory_is_private_and_nameless) {
         EXPECT_EQ(two[0], 0);
         EXPECT_EQ(names(), before);
         // A child of fork() shares it.
-        EXPECT_EQ(RunInChild([&] {
-                      char *again = MapWhole(first, kPage);
-                      strcat(again, " too");
-                      return strcmp(one, "mine too") == 0 ? 0 : 1;
-                  }).status,
-                  0);
+        ExpectInChild([&] {
+            strcat(MapWhole(first, kPage), " too");
+            return 0;
+        });
         EXPECT_STREQ(one, "mine too");
         for (char *view : {one, two}) {
             EXPECT_TRUE(vllUnmapViewOfFile(view));
@@ -130,24 +129,34 @@ TEST_F(ShmemMappingTest, anonymous_memory_is_private_and_nameless) {
     EXPECT_EQ(names(), before);
 }
 
-// The name that the next anonymous mapping would take is in use by somebody else.
+// The name that the next anonymous mapping would take is in use by somebody else, or was left behind.
 TEST_F(ShmemMappingTest, anonymous_memory_does_not_join_others) {
-    const uint32_t next = objects[firstFreeObject].next;
-    char name[32];
-    snprintf(name, sizeof name, "%08X%08X", static_cast<unsigned>(getpid()), OBJ_SHMEM | next);
-    const HANDLE foreign = CreateMemory(kPage, name);
-    const int fd = shm_open(name, O_RDWR, 0);
-    auto *used = static_cast<char *>(mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    const HANDLE anonymous = CreateMemory(kPage);
-    EXPECT_EQ(anonymous, OBJ_SHMEM | next);
-    char *own = MapWhole(anonymous, kPage);
-    strcpy(used, "foreign");
-    EXPECT_EQ(own[0], 0);
-    EXPECT_TRUE(vllUnmapViewOfFile(own));
-    EXPECT_TRUE(vllCloseHandle(anonymous));
-    EXPECT_TRUE(vllCloseHandle(foreign));
-    munmap(used, kPage);
-    close(fd);
+    for (const bool in_use : {true, false}) {
+        SCOPED_TRACE(in_use);
+        const HANDLE next = OBJ_SHMEM | (in_use ? objects[firstFreeObject].next : firstFreeObject);
+        char name[32];
+        snprintf(name, sizeof name, "%08X%08X", static_cast<unsigned>(getpid()), next);
+        const HANDLE foreign = in_use ? CreateMemory(kPage, name) : 0;
+        const int fd = shm_open(name, O_RDWR | O_CREAT, 0600);
+        ASSERT_EQ(ftruncate(fd, kPage), 0);
+        auto *used = static_cast<char *>(mmap(nullptr, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        const HANDLE anonymous = CreateMemory(kPage);
+        EXPECT_EQ(anonymous, next);
+        EXPECT_EQ(errno, 0);
+        char *own = MapWhole(anonymous, kPage);
+        strcpy(used, "foreign");
+        EXPECT_EQ(own[0], 0);
+        EXPECT_TRUE(vllUnmapViewOfFile(own));
+        EXPECT_TRUE(vllCloseHandle(anonymous));
+        EXPECT_TRUE(vllCloseHandle(foreign));
+        munmap(used, kPage);
+        close(fd);
+    }
+    // A name that cannot be removed is somebody else's for good.
+    const FailCall exists("shm_open", 1, EEXIST);
+    const FailCall kept("shm_unlink", 1, EPERM);
+    EXPECT_EQ(CreateMemory(kPage), 0U);
+    EXPECT_EQ(errno, EEXIST);
 }
 
 TEST_F(ShmemMappingTest, file_backed) {
@@ -181,11 +190,16 @@ TEST_F(ShmemMappingTest, file_backed) {
 }
 
 TEST_F(ShmemMappingTest, refused_views) {
-    const HANDLE mapping = CreateMemory(2 * kPage);
-    const HANDLE event = vllCreateEvent(1, 0, nullptr);
-    const HANDLE mutex = vllCreateMutex(0, kName);
+    const Owned mapping(CreateMemory(2 * kPage));
+    const Owned event(MakeManualEvent());
+    const Owned mutex(vllCreateMutex(0, kName));
     const HANDLE closed = CreateMemory(kPage);
     vllCloseHandle(closed);
+    // Records that lost their descriptors.
+    const Owned without(vlliCreateObject(OBJ_SHMEM));
+    const Owned without_file(vlliCreateObject(OBJ_SHMEM));
+    vlliGetObjectAddress(without)->fd = vlliGetObjectAddress(without_file)->fd = -1;
+    vlliGetObjectAddress(without_file)->flags = OBJF_FILE_BACKED;
     struct {
         HANDLE handle;
         DWORD protection;
@@ -201,6 +215,8 @@ TEST_F(ShmemMappingTest, refused_views) {
         {mutex, kReadWrite, 0, kPage, EINVAL},
         {closed, kReadWrite, 0, kPage, EINVAL},
         {OBJ_SHMEM | (event & kIndexMask), kReadWrite, 0, kPage, EINVAL},
+        {without, kReadWrite, 0, kPage, EINVAL},
+        {without_file, kReadWrite, 0, kPage, EBADF},
         {0, kReadWrite, 0, kPage, EINVAL},
     };
     const Inventory before = TakeInventory();
@@ -209,6 +225,9 @@ TEST_F(ShmemMappingTest, refused_views) {
         EXPECT_EQ(vllMapViewOfFile(row.handle, row.protection, row.offset, row.length), nullptr);
         EXPECT_EQ(errno, row.error) << std::hex << row.handle << " " << row.offset << " " << row.length;
     }
+    std::ostringstream unused;
+    unused << "VLLI: OpenObject( 0x" << std::uppercase << std::hex << closed << " ): Unused handle! \n";
+    EXPECT_EQ(TakeErrors(), (Errors{unused.str(), "VLLI: OpenObject( 0x0 ): Invalid handle value! \n"}));
     EXPECT_EQ(TakeInventory(), before);
     {
         const FailCall fail("mmap64", 1, ENOMEM);
@@ -219,15 +238,12 @@ TEST_F(ShmemMappingTest, refused_views) {
     char *view = MapWhole(mapping, kPage);
     for (uint32_t index = 0; index < kObjectCount; ++index) {
         const HANDLE guess = OBJ_SHMEM | index;
-        if (guess != mapping) {
+        if (guess != mapping && guess != without && guess != without_file) {
             EXPECT_FALSE(vllCloseHandle(guess));
         }
     }
     view[0] = 1;
     EXPECT_TRUE(vllUnmapViewOfFile(view));
-    for (const HANDLE handle : {mapping, event, mutex}) {
-        EXPECT_TRUE(vllCloseHandle(handle));
-    }
 }
 
 TEST_F(ShmemMappingTest, access_modes) {
@@ -248,13 +264,12 @@ TEST_F(ShmemMappingTest, access_modes) {
     EXPECT_TRUE(vllUnmapViewOfFile(writable));
     EXPECT_TRUE(vllCloseHandle(writer));
     EXPECT_EQ(view[9], '9');
-    EXPECT_EQ(RunInChild([] {
-                  const HANDLE other = CreateMemory(kPage, kName);
-                  const int existed = errno;
-                  vllCloseHandle(other);
-                  return existed == EEXIST ? 0 : 1;
-              }).status,
-              0);
+    ExpectInChild([] {
+        const HANDLE other = CreateMemory(kPage, kName);
+        EXPECT_EQ(errno, EEXIST);
+        vllCloseHandle(other);
+        return 0;
+    });
     EXPECT_EQ(view[9], '9');
     EXPECT_TRUE(vllUnmapViewOfFile(view));
     EXPECT_TRUE(vllCloseHandle(reader));

@@ -62,9 +62,7 @@ class ShmemStressTest : public LibraryTest {
             }));
         }
         for (const pid_t child : children) {
-            const ChildResult result = FinishChild(child, 110000);
-            EXPECT_TRUE(result.exited);
-            EXPECT_EQ(result.status, 0);
+            ExpectSuccess(child, 110000);
         }
     }
 };
@@ -164,7 +162,7 @@ TEST_F(ShmemStressTest, forks_among_openers) {
         });
     }
     for (int i = 0; i < 30; ++i) {
-        const ChildResult result = RunInChild([&] {
+        ExpectInChild([&] {
             const HANDLE again = vllCreateSemaphore(9, "vll_stress_kept");
             EXPECT_EQ(errno, EEXIST);
             EXPECT_EQ(vllWaitForSingleObject(again, 0), WAIT_OBJECT_0);
@@ -174,8 +172,6 @@ TEST_F(ShmemStressTest, forks_among_openers) {
             EXPECT_TRUE(vllCloseHandle(kept));
             return 0;
         });
-        EXPECT_TRUE(result.exited);
-        EXPECT_EQ(result.status, 0);
     }
     stop = true;
     for (std::thread &thread : threads) {

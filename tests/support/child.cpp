@@ -58,6 +58,36 @@ ChildResult RunInChild(const std::function<int()> &body, int limit_ms) {
     return FinishChild(pid, limit_ms);
 }
 
+void ExpectSuccess(pid_t pid, int limit_ms) {
+    const ChildResult result = FinishChild(pid, limit_ms);
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(result.status, 0);
+}
+
+void ExpectInChild(const std::function<int()> &body) {
+    ExpectSuccess(StartChild(body));
+}
+
+Doorbell::Doorbell() {
+    EXPECT_EQ(pipe(ends_), 0);
+}
+
+Doorbell::~Doorbell() {
+    close(ends_[0]);
+    close(ends_[1]);
+}
+
+void Doorbell::ring() const {
+    EXPECT_EQ(write(ends_[1], "x", 1), 1);
+}
+
+void Doorbell::wait() const {
+    pollfd rung = {ends_[0], POLLIN, 0};
+    char byte;
+    EXPECT_EQ(poll(&rung, 1, 60000), 1);
+    EXPECT_EQ(read(ends_[0], &byte, 1), 1);
+}
+
 bool InFreshProcess() {
     if (bInitialized == 0) {
         return true;

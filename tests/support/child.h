@@ -32,6 +32,27 @@ pid_t StartChild(const std::function<int()> &body);
 // Waits for a child of StartChild().
 ChildResult FinishChild(pid_t pid, int limit_ms = 60000);
 
+// Starts body in a child and waits for it: it must end with 0, without a failure.
+void ExpectInChild(const std::function<int()> &body);
+
+// Waits for a child of StartChild() that must end so.
+void ExpectSuccess(pid_t pid, int limit_ms = 60000);
+
+// By which one process waits for another that was forked later or earlier.
+class Doorbell {
+  public:
+    Doorbell();
+    ~Doorbell();
+    Doorbell(const Doorbell &) = delete;
+    Doorbell &operator=(const Doorbell &) = delete;
+
+    void ring() const;
+    void wait() const;  // for one ring, at most a minute
+
+  private:
+    int ends_[2];
+};
+
 // For tests of a process that has not started the library. True in such a process; otherwise the current test is
 // run alone in a new one, fails when it fails there, and has nothing more to do.
 bool InFreshProcess();

@@ -116,7 +116,7 @@ bool WaitUntil(const std::function<bool()> &condition, int limit_ms) {
 }
 
 bool WaitUntilAsleep(pid_t tid, int limit_ms) {
-    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/stat";
+    const std::string path = "/proc/" + std::to_string(tid) + "/stat";
     return WaitUntil(
         [&] {
             std::ifstream file(path);

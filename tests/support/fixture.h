@@ -35,7 +35,7 @@ class LibraryTest : public testing::Test {
 // Polls a condition every millisecond until it holds: true, or false after the limit.
 bool WaitUntil(const std::function<bool()> &condition, int limit_ms = 20000);
 
-// True once the thread (a kernel thread id, gettid()) sleeps in the kernel.
+// True once the thread (a kernel thread id, gettid(), or a child's process id) sleeps in the kernel.
 bool WaitUntilAsleep(pid_t tid, int limit_ms = 20000);
 
 // Milliseconds on the monotonic clock.
