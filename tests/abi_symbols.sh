@@ -1,6 +1,6 @@
 #!/bin/sh
 # What the shared library offers and needs: exactly the names of the version script, which are exactly those that the
-# public headers declare; nothing but the C library at run time; its soname.
+# public headers declare; nothing but the C library at run time; its soname; that it stays loaded.
 # Usage: abi_symbols.sh <library> <source directory> <soname>
 set -eu
 export LC_ALL=C
@@ -39,5 +39,6 @@ for name in $needed; do
     *) fail "needs $name" ;;
     esac
 done
+${READELF:-readelf} -d "$library" | grep -q "(FLAGS_1).* NODELETE" || fail "can be unloaded"
 ${READELF:-readelf} -d "$library" | grep -q "(SONAME).*\[$soname\]" || fail "the soname is not $soname"
 exit $status
