@@ -16,6 +16,7 @@ class Words {
   public:
     explicit Words(const char *text) {
         const NoCancel no_cancel;
+        const KeepErrno keep_errno;  // a file that is looked for in vain is no failure
         error_ = wordexp(text, &words_, 0);
     }
     ~Words() {
