@@ -10,11 +10,11 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "support/child.h"
 #include "support/faults.h"
+#include "support/files.h"
 #include "support/fixture.h"
 #include "support/shown_process.h"
 #include "vwincompat/module.h"
@@ -30,9 +30,8 @@ std::string ownPath() {
 // A copy of the tests' own shared object, in a directory of the test's own.
 std::string makeModule(const std::string &name) {
     const std::string own = ownPath();
-    std::ifstream in(own.substr(0, own.rfind('/')) + "/probe_module.so", std::ios::binary);
-    EXPECT_TRUE(in.good());
-    return MakeScript(MakeProgramDirectory(), name, std::string(std::istreambuf_iterator<char>(in), {}));
+    return MakeScript(MakeProgramDirectory(), name,
+                      ReadFile(own.substr(0, own.rfind('/')) + "/probe_module.so"));
 }
 
 size_t countOf(const std::string &text, const std::string &part) {
@@ -75,12 +74,11 @@ TEST_F(ModuleTest, loads_and_finds_symbols) {
 
 // In a child: the loader counts what is found so as used by the program, and never unloads it.
 TEST_F(ModuleTest, what_is_loaded_is_there_for_all) {
-    const ChildResult result = RunInChild([] {
+    ExpectInChild([] {
         const HMODULE module = vllLoadLibrary(makeModule("global.so").c_str());
         void *symbol = vllGetProcAddress(nullptr, "probeAnswer");
         return symbol != nullptr && symbol == vllGetProcAddress(module, "probeAnswer") ? 0 : 1;
     });
-    EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(ModuleTest, refuses_what_is_no_module) {
@@ -228,7 +226,7 @@ TEST_F(ModuleTest, a_list_never_grows_over_its_bound) {
 }
 
 TEST_F(ModuleTest, starting_address) {
-    const ChildResult result = RunInChild([] {
+    ExpectInChild([] {
         EXPECT_STREQ(vllGetModuleStartingAddress("no such module"), "");
         const std::string path = makeModule("addressed.so");
         const HMODULE module = vllLoadLibrary(path.c_str());
@@ -246,13 +244,12 @@ TEST_F(ModuleTest, starting_address) {
         EXPECT_STRNE(vllGetModuleStartingAddress("dll_test"), digits.c_str());
         return vllFreeLibrary(module) ? 0 : 1;
     });
-    EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
     // A path of 4,080 bytes makes its line longer than a line may be, whatever the width of its addresses; its tail
     // has all the looks of a line of its own.
-    const ChildResult result = RunInChild([] {
+    ExpectInChild([] {
         const std::string start = MakeProgramDirectory();
         if (chdir(start.c_str()) != 0) {
             return 1;
@@ -283,7 +280,6 @@ TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
         EXPECT_EQ(strstr(list.data(), "ffff.so"), nullptr);
         return 0;
     });
-    EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(ModuleTest, the_map_cannot_be_read) {
@@ -305,8 +301,7 @@ TEST_F(ModuleTest, the_map_cannot_be_read) {
 // ---- the command line ----
 
 TEST_F(ModuleTest, command_line) {
-    std::ifstream in("/proc/self/cmdline", std::ios::binary);
-    const std::string expected(std::istreambuf_iterator<char>(in), {});
+    const std::string expected = ReadFile("/proc/self/cmdline");
     const char *text = vllGetCommandLine();
     ASSERT_NE(text, nullptr);
     EXPECT_EQ(std::string(text, expected.size()), expected);

@@ -1,35 +1,27 @@
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <atomic>
-#include <csignal>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 
 #include "support/child.h"
 #include "support/faults.h"
+#include "support/files.h"
 #include "support/fixture.h"
-#include "support/private_machine.h"
+#include "support/objects.h"
 #include "support/shown_process.h"
+#include "support/threads.h"
 
 namespace {
-
-constexpr DWORD kLimitMs = 60000;
 
 class ScheduleTest : public LibraryTest {};
 
 // Runs body in a child, where priorities and identity may change.
 void inChild(const std::function<void()> &body) {
-    const ChildResult result = RunInChild([&] {
+    ExpectInChild([&] {
         body();
         return 0;
     });
-    EXPECT_TRUE(result.exited);
-    EXPECT_EQ(result.status, 0);
 }
 
 DWORD self() {
@@ -139,10 +131,7 @@ TEST_F(SleepTest, refuses_what_is_negative) {
 std::atomic<int> alarms;
 
 TEST_F(SleepTest, goes_on_after_signals) {
-    struct sigaction action = {};
-    action.sa_handler = [](int) { ++alarms; };
-    struct sigaction old;
-    sigaction(SIGALRM, &action, &old);
+    const SignalHandler handler(SIGALRM, [](int) { ++alarms; });
     alarms = 0;
     const itimerval every_5_ms = {{0, 5000}, {0, 5000}};
     setitimer(ITIMER_REAL, &every_5_ms, nullptr);
@@ -151,39 +140,27 @@ TEST_F(SleepTest, goes_on_after_signals) {
     EXPECT_GE(NowMs() - start + 1, 300);
     const itimerval off = {};
     setitimer(ITIMER_REAL, &off, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
     EXPECT_GE(alarms, 2);
 }
 
 // A thread that is cancelled in a blocking call unwinds: its clean-up is seen, and its handle is signalled.
-struct Victim {
+void expectCancellable(void (*block)()) {
     std::atomic<pid_t> tid{0};
     std::atomic<bool> unwound{false};
-    void (*block)() = nullptr;
-};
-
-uint32_t runVictim(LPVOID parameter) {
-    auto *victim = static_cast<Victim *>(parameter);
-    struct Guard {
-        Victim *victim;
-        ~Guard() { victim->unwound = true; }
-    } const guard = {victim};
-    victim->tid = gettid();
-    victim->block();
-    return 0;
-}
-
-void expectCancellable(void (*block)()) {
-    Victim victim;
-    victim.block = block;
-    const HANDLE thread = vllCreateThread(0, runVictim, &victim, nullptr, 0);
-    ASSERT_NE(thread, 0U);
-    ASSERT_TRUE(WaitUntil([&] { return victim.tid != 0; }));
-    ASSERT_TRUE(WaitUntilAsleep(victim.tid));
+    const auto body = [&] {
+        struct Guard {
+            std::atomic<bool> *unwound;
+            ~Guard() { *unwound = true; }
+        } const guard = {&unwound};
+        tid = gettid();
+        block();
+    };
+    const HANDLE thread = StartThread(body);
+    ASSERT_TRUE(WaitUntil([&] { return tid != 0; }));
+    ASSERT_TRUE(WaitUntilAsleep(tid));
     EXPECT_TRUE(vllTerminateThread(thread, 1));
-    EXPECT_EQ(vllWaitForSingleObject(thread, kLimitMs), WAIT_OBJECT_0);
-    EXPECT_TRUE(victim.unwound);
-    EXPECT_TRUE(vllCloseHandle(thread));
+    FinishThread(thread);
+    EXPECT_TRUE(unwound);
 }
 
 TEST_F(SleepTest, can_be_cancelled) {
@@ -192,17 +169,10 @@ TEST_F(SleepTest, can_be_cancelled) {
 
 // ---- the daemon lookup ----
 
-// Stands first on PATH for a scope: nothing but what the directory holds, and the system's directories.
+// With a directory that stands first on PATH.
 class DaemonTest : public LibraryTest {
   protected:
-    void SetUp() override {
-        path_ = getenv("PATH") != nullptr ? getenv("PATH") : "/bin:/usr/bin";
-        directory_ = MakeProgramDirectory();
-        setenv("PATH", (directory_ + ":" + path_).c_str(), 1);
-        LibraryTest::SetUp();
-    }
     void TearDown() override {
-        setenv("PATH", path_.c_str(), 1);
         LibraryTest::TearDown();
         EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     }
@@ -214,29 +184,25 @@ class DaemonTest : public LibraryTest {
     }
     std::string asked() {
         const std::string file = directory_ + "/asked";
-        std::ifstream in(file);
-        std::string text;
-        std::getline(in, text);
+        const std::string text = ReadFile(file);
         unlink(file.c_str());
         return text;
     }
 
-    std::string path_;
-    std::string directory_;
+    const std::string directory_ = MakeProgramDirectory();
+    const Variable path_{"PATH", (directory_ + ":" + getenv("PATH")).c_str()};
 };
 
 TEST_F(DaemonTest, finds_a_real_program) {
     const std::string name = "vlltestdaemon" + std::to_string(getpid());
     EXPECT_EQ(vllGetDaemonPID(name.c_str()), -1);
-    std::ifstream in("/bin/sleep", std::ios::binary);
-    MakeScript(directory_, name, std::string(std::istreambuf_iterator<char>(in), {}));
+    MakeScript(directory_, name, ReadFile("/bin/sleep"));
     PROCESS_INFORMATION process;
     ASSERT_TRUE(vllCreateProcess(nullptr, (name + " 60").c_str(), nullptr, &process));
     EXPECT_TRUE(WaitUntil([&] { return vllGetDaemonPID(name.c_str()) != -1; }));
     EXPECT_EQ(vllGetDaemonPID(name.c_str()), static_cast<int32_t>(process.dwProcessId));
     EXPECT_TRUE(vllTerminateProcess(process.dwProcessId, 0));
-    EXPECT_EQ(vllWaitForSingleObject(process.hProcess, kLimitMs), WAIT_OBJECT_0);
-    EXPECT_TRUE(vllCloseHandle(process.hProcess));
+    FinishThread(process.hProcess);
 }
 
 TEST_F(DaemonTest, reads_the_first_number_of_the_first_line) {
@@ -258,32 +224,30 @@ TEST_F(DaemonTest, hostile_names_run_nothing) {
     answer("1\\n");
     const std::string touched = directory_ + "/touched";
     ResetCallCounts();
-    const std::string names[] = {
-        "",
-        "a b",
-        "a;touch " + touched,
-        "$(touch${IFS}" + touched + ")",
-        "`id`",
-        "a|b",
-        "a&b",
-        "a>b",
-        "a<b",
-        "'a'",
-        "\"a\"",
-        "a\nb",
-        "a*",
-        "a?",
-        "[a]",
-        "~root",
-        "a\\b",
-        "#a",
-        "{a,b}",
-        "a\tb",
-        "!a",
-        "(a)",
-        "-o",
-        "caf\xE9",
-    };
+    const std::string names[] = {"",
+                                 "a b",
+                                 "a;touch " + touched,
+                                 "$(touch${IFS}" + touched + ")",
+                                 "`id`",
+                                 "a|b",
+                                 "a&b",
+                                 "a>b",
+                                 "a<b",
+                                 "'a'",
+                                 "\"a\"",
+                                 "a\nb",
+                                 "a*",
+                                 "a?",
+                                 "[a]",
+                                 "~root",
+                                 "a\\b",
+                                 "#a",
+                                 "{a,b}",
+                                 "a\tb",
+                                 "!a",
+                                 "(a)",
+                                 "-o",
+                                 "caf\xE9"};
     for (const std::string &name : names) {
         errno = 0;
         EXPECT_EQ(vllGetDaemonPID(name.c_str()), -1) << name;

@@ -1,6 +1,7 @@
 // A program that tells how it was started: the test binary itself, under another name.
 #pragma once
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,25 @@ std::string MakeShownProgram(const std::string &directory, const std::string &na
 
 // Puts a script there: its path.
 std::string MakeScript(const std::string &directory, const std::string &name, const std::string &text);
+
+// An environment variable that is set back at the end.
+class Variable {
+  public:
+    Variable(const char *name, const char *value) : name_(name) {
+        const char *old = getenv(name);
+        had_ = old != nullptr;
+        old_ = had_ ? old : "";
+        value != nullptr ? setenv(name, value, 1) : unsetenv(name);
+    }
+    ~Variable() { had_ ? setenv(name_, old_.c_str(), 1) : unsetenv(name_); }
+    Variable(const Variable &) = delete;
+    Variable &operator=(const Variable &) = delete;
+
+  private:
+    const char *name_;
+    bool had_;
+    std::string old_;
+};
 
 // While it lives, a telling program that this process starts tells, and ends with status 0.
 class ShowProcesses {
