@@ -8,6 +8,7 @@
 #include "objmem.h"
 
 #include <sys/resource.h>
+#include <ctime>
 
 #include "objmem_types.h"
 #include "util.h"
@@ -21,6 +22,7 @@ uint32_t lastFreeObject = kObjectCount - 1;
 uint32_t firstFreeObjmem = 0;
 uint32_t lastFreeObjmem = kObjmemCount - 1;
 HANDLE mmapHashTable[kMmapBuckets];
+Gate gates[kObjectCount];
 int32_t bInitialized = 0;
 
 namespace {
@@ -31,6 +33,19 @@ struct Issue {
 };
 
 Issue issues[kObjectCount];
+
+constexpr timespec kGatePause = {0, 50000};
+
+// Lets nobody in any more. Whoever is inside leaves after a few instructions, unless it has lost the processor,
+// perhaps to this thread: so this one sleeps meanwhile.
+void closeGate(Gate *gate) {
+    while (__atomic_exchange_n(&gate->busy, 1, __ATOMIC_ACQUIRE) != 0) {
+        const NoCancel no_cancel;
+        nanosleep(&kGatePause, nullptr);
+    }
+    __atomic_store_n(&gate->handle, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&gate->busy, 0, __ATOMIC_RELEASE);
+}
 
 void lockForFork() {
     vlliLockMemoryMutex();
@@ -45,6 +60,9 @@ void unlockAfterFork() {
 void resetAfterFork() {
     pthread_mutex_unlock(&objMemMutex);
     objMemMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+    for (Gate &gate : gates) {
+        gate.busy = 0;  // whoever was inside is not here
+    }
 }
 
 template <typename Record>
@@ -86,12 +104,14 @@ bool isTableHandle(HANDLE handle) {
 uint32_t issueObject(uint32_t type) {
     const uint32_t index = popFree(objects, &firstFreeObject, &lastFreeObject);
     issues[index] = {type, true};
+    __atomic_store_n(&gates[index].handle, type | index, __ATOMIC_RELEASE);
     return index;
 }
 
 // The last reference is gone: nobody but the caller can reach the record.
 void destroyObject(uint32_t index) {
     const KeepErrno keep_errno;
+    closeGate(&gates[index]);
     const ObjectType *type = vlliFindObjectType(issues[index].type);
     if (type != nullptr && type->close != nullptr) {
         type->close(&objects[index]);

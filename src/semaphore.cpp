@@ -31,10 +31,8 @@ BOOL vllReleaseSemaphore(HANDLE hSemaphore) {
     const uint32_t type = vlliGetObjectType(hSemaphore);
     const bool is_semaphore = type == OBJ_SEMAPHORE || type == OBJ_NAMED_SEMAPHORE;
     if (is_semaphore) {
-        // Without another reference nobody waits by this handle: the post is a store. One that has to wake a waiter
-        // is no business of the table's lock.
-        const LockedRecord semaphore(hSemaphore);
-        if (semaphore && semaphore->refCount == 1 && semaphore->addr != nullptr) {
+        const PinnedRecord semaphore(hSemaphore);
+        if (semaphore && semaphore->addr != nullptr) {
             return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
         }
     }

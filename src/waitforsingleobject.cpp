@@ -47,7 +47,7 @@ DWORD mutexResult(pthread_mutex_t *mutex, int error) {
 // Acquires the mutex or takes a unit if that can be done at once, as most waits can, without a reference on the
 // record. WAIT_FAILED if not, whatever the reason.
 DWORD tryAtOnce(HANDLE handle, uint32_t type) {
-    const LockedRecord record(handle);
+    const PinnedRecord record(handle);
     if (!record || record->addr == nullptr) {
         return WAIT_FAILED;
     }

@@ -2,6 +2,7 @@
 
 #include <climits>
 
+#include "support/child.h"
 #include "support/faults.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
@@ -108,6 +109,34 @@ TEST_F(SemaphoreTest, a_waiter_is_woken_without_the_table_lock) {
     }
     EXPECT_EQ(lock_error, 0);
     waiter.join();
+}
+
+// A release in the middle of its step: others get by, a close waits for it, and a child knows nothing of it.
+TEST_F(SemaphoreTest, a_release_keeps_its_semaphore_from_a_close) {
+    static std::atomic<bool> inside, may_leave;
+    inside = may_leave = false;
+    const SignalHandler handler(SIGUSR1, [](int) {
+        inside = true;
+        for (int ms = 0; !may_leave && ms < 20000; ++ms) {
+            usleep(1000);
+        }
+    });
+    const HANDLE semaphore = vllCreateSemaphore(1, nullptr);
+    std::thread poster([&] {
+        const FailCall signal_first("sem_post", 1, -SIGUSR1);
+        EXPECT_TRUE(vllReleaseSemaphore(semaphore));
+    });
+    ASSERT_TRUE(WaitUntil([] { return inside.load(); }));
+    EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(vllReleaseSemaphore(semaphore));
+    ExpectInChild([&] { return vllCloseHandle(semaphore) ? 0 : 1; });
+    std::atomic<bool> closed{false};
+    std::thread closer = StartAsleep([&] { closed = vllCloseHandle(semaphore); });
+    EXPECT_FALSE(closed);
+    may_leave = true;
+    poster.join();
+    closer.join();
+    EXPECT_TRUE(closed);
 }
 
 TEST_F(SemaphoreTest, signals_do_not_end_a_wait) {
