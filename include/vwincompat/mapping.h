@@ -35,7 +35,8 @@ extern "C" {
  *                  size 0 cannot be viewed.
  * @param lpName    as in vllCreateMutex(); ignored with a file. Null or empty: anonymous, not shared by name.
  * @return a handle, with the last error at EEXIST when the named object was in use already, else at 0. Or 0:
- *         EINVAL (other access flags), EBADF (no such file), and the errors of vllCreateMutex().
+ *         EINVAL (other access flags), EBADF (no such file), EEXIST (anonymous, and an object of another user
+ *         stands in the way), and the errors of vllCreateMutex().
  */
 VLL_API HANDLE vllCreateFileMapping(HANDLE hFile, DWORD dwAccess, DWORD dwSize, LPCSTR lpName);
 
