@@ -13,36 +13,30 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/objects.h"
 
 namespace {
 
 constexpr int kLimitMs = 30000;
 
-Fd connectRaw() {
+// A socket on the server's address: connected to it, or listening there as another server might. -1 on failure.
+Fd rawSocket(bool listening) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, "\0SHARING_FD_SERVER", 18);
+    auto *const name = reinterpret_cast<sockaddr *>(&address);
     Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (connect(fd.get(), reinterpret_cast<sockaddr *>(&address), 20) == -1) {
+    const bool made = listening ? bind(fd.get(), name, 20) == 0 && listen(fd.get(), 8) == 0
+                                : connect(fd.get(), name, 20) == 0;
+    if (!made) {
         fd.reset();
     }
     return fd;
 }
 
-Fd listenRaw() {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, "\0SHARING_FD_SERVER", 18);
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&address), 20) == -1 || listen(fd.get(), 8) == -1) {
-        fd.reset();
-    }
-    return fd;
-}
-
-bool readable(int fd, int limit_ms = kLimitMs) {
+bool readable(int fd) {
     pollfd ready = {fd, POLLIN, 0};
-    return poll(&ready, 1, limit_ms) == 1;
+    return poll(&ready, 1, kLimitMs) == 1;
 }
 
 // What the server answers: the status, the length of the data and the descriptor.
@@ -165,18 +159,14 @@ TEST_F(SharedDescriptorTest, refusals) {
     EXPECT_EQ(errno, ENAMETOOLONG);
     EXPECT_EQ(vllGetSharedFileDescriptor(nullptr), -1);
     EXPECT_EQ(errno, EINVAL);
-    struct Row {
-        const char *call;
-        int nth, error;
-    };
-    for (const Row &row : {Row{"malloc", 1, ENOMEM}, Row{"strdup", 1, ENOMEM},
-                           Row{"pthread_create", 1, EAGAIN}, Row{"eventfd", 1, EMFILE}}) {
-        const FailCall fail(row.call, row.nth, row.error);
+    for (const auto &[call, error] : {std::pair("malloc", ENOMEM), std::pair("strdup", ENOMEM),
+                                      std::pair("pthread_create", EAGAIN), std::pair("eventfd", EMFILE)}) {
+        const FailCall fail(call, 1, error);
         errno = 0;
-        EXPECT_FALSE(vllSetSharedFileDescriptor(0, "a")) << row.call;
-        EXPECT_EQ(errno, row.error) << row.call;
-        EXPECT_EQ(shared_fd_list, nullptr) << row.call;
-        EXPECT_EQ(server_thread_id, static_cast<uintptr_t>(-1)) << row.call;
+        EXPECT_FALSE(vllSetSharedFileDescriptor(0, "a")) << call;
+        EXPECT_EQ(errno, error) << call;
+        EXPECT_EQ(shared_fd_list, nullptr) << call;
+        EXPECT_EQ(server_thread_id, static_cast<uintptr_t>(-1)) << call;
     }
 }
 
@@ -202,7 +192,7 @@ TEST_F(SharedDescriptorTest, requests_byte_for_byte) {
         {__LINE__, std::string(100000, 'n') + nul, false, 1},
     };
     for (const Row &row : rows) {
-        const Fd client = connectRaw();
+        const Fd client = rawSocket(false);
         ASSERT_EQ(send(client.get(), row.request.data(), row.request.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(row.request.size()));
         if (row.end) {
@@ -217,12 +207,16 @@ TEST_F(SharedDescriptorTest, requests_byte_for_byte) {
         EXPECT_TRUE(readable(client.get()));
         EXPECT_EQ(recv(client.get(), &byte, 1, 0), 0) << "closed after the response, line " << row.line;
     }
+    for (int i = 0; i < 50; ++i) {
+        const Fd vanishes = rawSocket(false);
+        EXPECT_EQ(send(vanishes.get(), "name", 5, MSG_NOSIGNAL), 5);
+    }
     EXPECT_EQ(vllGetSharedFileDescriptor(std::string(100000, 'n').c_str()), -1);
     EXPECT_EQ(errno, EBADE);
 }
 
 TEST_F(SharedDescriptorTest, responses_byte_for_byte) {
-    const Fd listener = listenRaw();
+    const Fd listener = rawSocket(true);
     ASSERT_TRUE(listener);
     struct Row {
         int line;
@@ -277,13 +271,13 @@ TEST_F(SharedDescriptorTest, a_closed_descriptor_is_not_handed_out) {
 TEST_F(SharedDescriptorTest, a_silent_client_does_not_hold_up_the_emptying) {
     for (const char *request : {"", "half a name"}) {
         publish("a", file_.get());
-        const Fd silent = connectRaw();
+        const Fd silent = rawSocket(false);
         ASSERT_EQ(send(silent.get(), request, strlen(request), MSG_NOSIGNAL),
                   static_cast<ssize_t>(strlen(request)));
         const int64_t start = NowMs();
         EXPECT_EQ(vllDeallocateSharedFdList(), 0);
         EXPECT_LT(NowMs() - start, kLimitMs);
-        EXPECT_TRUE(listenRaw());  // the address is free
+        EXPECT_TRUE(rawSocket(true));  // the address is free
     }
 }
 
@@ -341,15 +335,13 @@ TEST_F(SharedDescriptorTest, lookups_from_many_processes) {
 }
 
 TEST_F(SharedDescriptorTest, cancelled_in_a_lookup) {
-    const Fd listener = listenRaw();  // a server that never answers
+    const Fd listener = rawSocket(true);  // a server that never answers
     ASSERT_TRUE(listener);
-    const HANDLE thread = vllCreateThread(
-        0, [](LPVOID) -> uint32_t { return static_cast<uint32_t>(vllGetSharedFileDescriptor("a")); }, nullptr,
-        nullptr, 0);
+    const auto lookup = [] { vllGetSharedFileDescriptor("a"); };
+    const HANDLE thread = StartThread(lookup);
     const Fd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     EXPECT_TRUE(vllTerminateThread(thread, 1));
-    EXPECT_EQ(vllWaitForSingleObject(thread, kLimitMs), WAIT_OBJECT_0);
-    vllCloseHandle(thread);
+    FinishThread(thread);
 }
 
 }  // namespace
