@@ -92,30 +92,21 @@ TEST_F(CommportTest, purge) {
     EXPECT_TRUE(vllPurgeComm(port_.get(), 3));
     EXPECT_EQ(pendingBytes(peer_.get()), 3);
     for (const DWORD flags : {0, 4}) {
-        errno = 0;
-        EXPECT_FALSE(vllPurgeComm(port_.get(), flags));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FAILS(EINVAL, vllPurgeComm(port_.get(), flags));
     }
     const Fd file(open("/dev/shm", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    EXPECT_FALSE(vllPurgeComm(file.get(), 1));
-    EXPECT_EQ(errno, ENOTTY);
-    EXPECT_FALSE(vllPurgeComm(-1, 1));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_FAILS(ENOTTY, vllPurgeComm(file.get(), 1));
+    EXPECT_FAILS(EBADF, vllPurgeComm(-1, 1));
 }
 
 TEST_F(CommportTest, modem_lines_are_refused_where_there_are_none) {
     DWORD status = 77;
-    EXPECT_FALSE(vllGetCommModemStatus(port_.get(), &status));
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_FAILS(ENOTTY, vllGetCommModemStatus(port_.get(), &status));
     EXPECT_EQ(status, 77U);
-    EXPECT_FALSE(vllGetCommModemStatus(port_.get(), nullptr));
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_FALSE(vllEscapeCommFunction(port_.get(), SETDTR));
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_FAILS(EINVAL, vllGetCommModemStatus(port_.get(), nullptr));
+    EXPECT_FAILS(ENOTTY, vllEscapeCommFunction(port_.get(), SETDTR));
     for (const DWORD function : {0, 3, 5, 16}) {
-        errno = 0;
-        EXPECT_FALSE(vllEscapeCommFunction(port_.get(), function));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FAILS(EINVAL, vllEscapeCommFunction(port_.get(), function));
     }
 }
 
@@ -179,9 +170,8 @@ TEST_F(CommportTest, set_up_that_fails_half_way) {
         TakeLog();
         {
             const FailCall fail(row.call, row.nth, row.error);
-            errno = 0;
-            EXPECT_FALSE(vllSetCommMask(port_.get(), EV_RXCHAR | EV_CTS, &record_)) << row.call << row.nth;
-            EXPECT_EQ(errno, row.error) << row.call << row.nth;
+            EXPECT_FAILS(row.error, vllSetCommMask(port_.get(), EV_RXCHAR | EV_CTS, &record_))
+                << row.call << row.nth;
             EXPECT_TRUE(fail.happened());
         }
         EXPECT_EQ(TakeErrors().back(), kSetUpFailed);
@@ -189,8 +179,7 @@ TEST_F(CommportTest, set_up_that_fails_half_way) {
         if (!row.idle) {
             uint32_t events;
             EXPECT_FALSE(vllSetCommMask(port_.get(), EV_RXCHAR, &record_));
-            EXPECT_FALSE(vllWaitCommEvent(port_.get(), &events, &record_));
-            EXPECT_EQ(errno, EINVAL);
+            EXPECT_FAILS(EINVAL, vllWaitCommEvent(port_.get(), &events, &record_));
             EXPECT_FALSE(stop());
             EXPECT_EQ(TakeErrors(), (Errors{kSetUpFailed, kSetUpFailed}));
         }
@@ -245,16 +234,12 @@ TEST_F(CommportTest, the_peer_hangs_up_while_watchers_block) {
 
 TEST_F(CommportTest, bad_arguments) {
     uint32_t events;
-    EXPECT_FALSE(vllSetCommMask(port_.get(), EV_RXCHAR, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FAILS(EINVAL, vllSetCommMask(port_.get(), EV_RXCHAR, nullptr));
     for (OverlappedRecord *record : {static_cast<OverlappedRecord *>(nullptr), &record_}) {
-        errno = 0;
-        EXPECT_FALSE(vllWaitCommEvent(port_.get(), &events, record));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FAILS(EINVAL, vllWaitCommEvent(port_.get(), &events, record));
     }
     ASSERT_TRUE(vllSetCommMask(port_.get(), EV_RXCHAR, &record_));
-    EXPECT_FALSE(vllWaitCommEvent(port_.get(), nullptr, &record_));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FAILS(EINVAL, vllWaitCommEvent(port_.get(), nullptr, &record_));
     EXPECT_TRUE(stop());
 }
 

@@ -385,10 +385,8 @@ TEST_F(EventLogTest, every_buffer_size) {
         }
     }
     DWORD got = 7;
-    EXPECT_FALSE(vllReadEventLog(log, kSeek, 1, nullptr, 0, nullptr, nullptr));
-    EXPECT_EQ(errno, ENOBUFS);
-    EXPECT_FALSE(vllReadEventLog(log, kSeek, 1, nullptr, 1, &got, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FAILS(ENOBUFS, vllReadEventLog(log, kSeek, 1, nullptr, 0, nullptr, nullptr));
+    EXPECT_FAILS(EINVAL, vllReadEventLog(log, kSeek, 1, nullptr, 1, &got, nullptr));
     EXPECT_EQ(got, 7U);
 }
 
@@ -482,12 +480,9 @@ TEST_F(EventLogTest, reads_from_anywhere_find_the_same_lines) {
 
 TEST_F(EventLogTest, files_that_cannot_be_read) {
     const auto expectFailure = [this](int reason, const char *what) {
-        errno = 0;
-        EXPECT_EQ(vllOpenEventLog(nullptr, nullptr), nullptr) << what;
-        EXPECT_EQ(errno, reason) << what;
+        EXPECT_FAILS(reason, vllOpenEventLog(nullptr, nullptr)) << what;
         DWORD number = 4711;
-        EXPECT_FALSE(vllGetNumberOfEventLogRecords(nullptr, &number)) << what;
-        EXPECT_EQ(errno, reason) << what;
+        EXPECT_FAILS(reason, vllGetNumberOfEventLogRecords(nullptr, &number)) << what;
         EXPECT_EQ(number, 4711U) << what;
     };
     ASSERT_EQ(mkdir(kCurrent, 0755), 0);
@@ -512,8 +507,7 @@ TEST_F(EventLogTest, files_that_cannot_be_read) {
     }
     {
         const FailCall fail("malloc", 1, ENOMEM);
-        EXPECT_EQ(vllOpenEventLog(nullptr, nullptr), nullptr);
-        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_FAILS(ENOMEM, vllOpenEventLog(nullptr, nullptr));
     }
 
     // A failure behind an open handle: what is still to be had is counted, and comes back.
@@ -528,8 +522,7 @@ TEST_F(EventLogTest, files_that_cannot_be_read) {
     EXPECT_EQ(messages(read(kSeekBack, 2)), (Texts{"b", "a"}));
     {
         const FailCall fail("munmap", 1, EINVAL);
-        EXPECT_FALSE(vllCloseEventLog(log));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FAILS(EINVAL, vllCloseEventLog(log));
     }
     log = nullptr;
 }
@@ -544,11 +537,8 @@ TEST_F(EventLogTest, handles_that_are_none) {
     DWORD got;
     for (void *none :
          {static_cast<void *>(nullptr), static_cast<void *>(&local), closed, reinterpret_cast<void *>(-1)}) {
-        errno = 0;
-        EXPECT_FALSE(vllCloseEventLog(none));
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(vllReadEventLog(none, kForwards, 0, buffer, sizeof buffer, &got, &got));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FAILS(EINVAL, vllCloseEventLog(none));
+        EXPECT_FAILS(EINVAL, vllReadEventLog(none, kForwards, 0, buffer, sizeof buffer, &got, &got));
     }
     EXPECT_EQ(messages(readAll(kForwards)), Texts{"a"});  // the mappings were not given back
 }

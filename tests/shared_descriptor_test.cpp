@@ -133,9 +133,7 @@ TEST_F(SharedDescriptorTest, another_process_gets_the_same_open_file) {
         const Fd null(vllGetSharedFileDescriptor("b"));
         EXPECT_TRUE(null);
         EXPECT_FALSE(sameOpenFile(file_.get(), null.get()));
-        errno = 0;
-        EXPECT_EQ(vllGetSharedFileDescriptor("c"), -1);
-        EXPECT_EQ(errno, ENOENT);
+        EXPECT_FAILS(ENOENT, vllGetSharedFileDescriptor("c") != -1);
         return 0;
     });
     EXPECT_EQ(child.status, 0);
@@ -143,28 +141,20 @@ TEST_F(SharedDescriptorTest, another_process_gets_the_same_open_file) {
     EXPECT_TRUE(sameOpenFile(file_.get(), own.get()));
     EXPECT_EQ(vllDeallocateSharedFdList(), 0);
     EXPECT_EQ(server_thread_id, static_cast<uintptr_t>(-1));
-    EXPECT_EQ(vllGetSharedFileDescriptor("a"), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_FAILS(ECONNREFUSED, vllGetSharedFileDescriptor("a") != -1);
     EXPECT_NE(fcntl(file_.get(), F_GETFD), -1);
     EXPECT_EQ(vllDeallocateSharedFdList(), 0);  // of an empty registry
 }
 
 TEST_F(SharedDescriptorTest, refusals) {
-    errno = 0;
-    EXPECT_FALSE(vllSetSharedFileDescriptor(250, "a"));
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_FALSE(vllSetSharedFileDescriptor(0, nullptr));
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_FALSE(vllSetSharedFileDescriptor(0, std::string(1024, 'n').c_str()));
-    EXPECT_EQ(errno, ENAMETOOLONG);
-    EXPECT_EQ(vllGetSharedFileDescriptor(nullptr), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FAILS(EBADF, vllSetSharedFileDescriptor(250, "a"));
+    EXPECT_FAILS(EINVAL, vllSetSharedFileDescriptor(0, nullptr));
+    EXPECT_FAILS(ENAMETOOLONG, vllSetSharedFileDescriptor(0, std::string(1024, 'n').c_str()));
+    EXPECT_FAILS(EINVAL, vllGetSharedFileDescriptor(nullptr) != -1);
     for (const auto &[call, error] : {std::pair("malloc", ENOMEM), std::pair("strdup", ENOMEM),
                                       std::pair("pthread_create", EAGAIN), std::pair("eventfd", EMFILE)}) {
         const FailCall fail(call, 1, error);
-        errno = 0;
-        EXPECT_FALSE(vllSetSharedFileDescriptor(0, "a")) << call;
-        EXPECT_EQ(errno, error) << call;
+        EXPECT_FAILS(error, vllSetSharedFileDescriptor(0, "a")) << call;
         EXPECT_EQ(shared_fd_list, nullptr) << call;
         EXPECT_EQ(server_thread_id, static_cast<uintptr_t>(-1)) << call;
     }
@@ -211,8 +201,7 @@ TEST_F(SharedDescriptorTest, requests_byte_for_byte) {
         const Fd vanishes = rawSocket(false);
         EXPECT_EQ(send(vanishes.get(), "name", 5, MSG_NOSIGNAL), 5);
     }
-    EXPECT_EQ(vllGetSharedFileDescriptor(std::string(100000, 'n').c_str()), -1);
-    EXPECT_EQ(errno, EBADE);
+    EXPECT_FAILS(EBADE, vllGetSharedFileDescriptor(std::string(100000, 'n').c_str()) != -1);
 }
 
 TEST_F(SharedDescriptorTest, responses_byte_for_byte) {
@@ -264,8 +253,7 @@ TEST_F(SharedDescriptorTest, a_closed_descriptor_is_not_handed_out) {
     Fd copy(fcntl(file_.get(), F_DUPFD_CLOEXEC, 200));  // a number that is not used again at once
     publish("a", copy.get());
     copy.reset();
-    EXPECT_EQ(vllGetSharedFileDescriptor("a"), -1);
-    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_FAILS(EAGAIN, vllGetSharedFileDescriptor("a") != -1);
 }
 
 TEST_F(SharedDescriptorTest, a_silent_client_does_not_hold_up_the_emptying) {
@@ -301,8 +289,7 @@ TEST_F(SharedDescriptorTest, a_second_publisher_is_not_found) {
             const MutexLock lock(&list_mutex);
             return server_thread_id == static_cast<uintptr_t>(-1);
         }));
-        EXPECT_EQ(vllGetSharedFileDescriptor("b"), -1);
-        EXPECT_EQ(errno, ENOENT);
+        EXPECT_FAILS(ENOENT, vllGetSharedFileDescriptor("b") != -1);
         EXPECT_EQ(vllDeallocateSharedFdList(), 0);
         return 0;
     });

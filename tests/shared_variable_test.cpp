@@ -83,9 +83,7 @@ TEST_F(SharedVariableTest, bad_arguments) {
         {__LINE__, kName, 8, SHVAR_OPEN, ENOENT},
     };
     for (const auto &row : rows) {
-        errno = 0;
-        EXPECT_EQ(vllSharedVarInit(row.name, row.size, row.mode), nullptr) << "line " << row.line;
-        EXPECT_EQ(errno, row.error) << "line " << row.line;
+        EXPECT_FAILS(row.error, vllSharedVarInit(row.name, row.size, row.mode)) << "line " << row.line;
     }
     EXPECT_FALSE(nameExists());
     // Too large for some machines.
@@ -132,8 +130,7 @@ TEST_F(SharedVariableTest, failing_locks_and_closes) {
     }
     {
         const FailCall fail("shm_unlink", 1, EACCES);
-        EXPECT_FALSE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
-        EXPECT_EQ(errno, EACCES);
+        EXPECT_FAILS(EACCES, vllSharedVarDeallocate(variable, SHVAR_CREATE));
     }
     // The second try finishes what the first left.
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));

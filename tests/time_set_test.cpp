@@ -56,8 +56,7 @@ TEST(TimeSetTest, setting_the_clock) {
     }
     for (const int error : {EPERM, EINVAL}) {
         const CatchClockSetting clock(error);
-        EXPECT_FALSE(vllSetSystemTime(&cases[0].time));
-        EXPECT_EQ(errno, error);
+        EXPECT_FAILS(error, vllSetSystemTime(&cases[0].time));
     }
     unsetenv("TZ");
     tzset();
@@ -108,8 +107,7 @@ TEST_F(RealClockTest, without_privileges) {
     const ChildResult child = RunInChild([] {
         EXPECT_EQ(setresuid(65534, 65534, 65534), 0);
         const SYSTEMTIME time = {2026, 11, 0, 16, 12, 0, 0, 250};
-        EXPECT_FALSE(vllSetSystemTime(&time));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_FAILS(EPERM, vllSetSystemTime(&time));
         return 0;
     });
     EXPECT_EQ(child.status, 0);
@@ -263,9 +261,7 @@ TEST_F(ZoneTest, names_that_never_reach_a_command) {
     };
     for (const auto &c : cases) {
         const TIME_ZONE_INFORMATION zone = named(c.name);
-        errno = 0;
-        EXPECT_FALSE(vllSetTimeZoneInformation(&zone)) << c.name;
-        EXPECT_EQ(errno, c.error) << c.name;
+        EXPECT_FAILS(c.error, vllSetTimeZoneInformation(&zone)) << c.name;
     }
     EXPECT_EQ(ReadFile("/dev/commands"), "");
     EXPECT_EQ(linkTarget(), "/usr/share/zoneinfo/UTC");
@@ -302,8 +298,7 @@ TEST_F(ZoneTest, a_step_that_fails_is_the_last) {
 TEST_F(ZoneTest, commands_that_cannot_run) {
     const TIME_ZONE_INFORMATION paris = named("Europe/Paris");
     ASSERT_EQ(chmod("/bin/mount", 0644), 0);
-    EXPECT_FALSE(vllSetTimeZoneInformation(&paris));
-    EXPECT_EQ(errno, EACCES);
+    EXPECT_FAILS(EACCES, vllSetTimeZoneInformation(&paris));
     ASSERT_EQ(chmod("/bin/mount", 0755), 0);
     EXPECT_EQ(linkTarget(), "/usr/share/zoneinfo/UTC");
     EXPECT_EQ(ReadFile("/dev/commands"), "");

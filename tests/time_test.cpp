@@ -202,9 +202,7 @@ TEST_F(TimeTest, clock_past_2038) {
     const FakeTime late(time_t{INT32_MAX} + 1);
     SYSTEMTIME record;
     FILETIME seconds = 5;
-    errno = 0;
-    EXPECT_FALSE(vllGetSystemTimeAsFileTime(&seconds));
-    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_FAILS(EOVERFLOW, vllGetSystemTimeAsFileTime(&seconds));
     EXPECT_EQ(seconds, -1);
     EXPECT_TRUE(vllGetSystemTime(&record));
     EXPECT_EQ(record.wYear, 2038);
@@ -249,9 +247,7 @@ TEST_F(TimeTest, file_times) {
     const timespec far[2] = {{1000, 0}, {time_t{INT32_MAX} + 1, 0}};
     ASSERT_EQ(futimens(fd, far), 0);
     access = write = 7;
-    errno = 0;
-    EXPECT_FALSE(vllGetFileTime(file, nullptr, &access, &write));
-    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_FAILS(EOVERFLOW, vllGetFileTime(file, nullptr, &access, &write));
     EXPECT_EQ(access, 7);
     EXPECT_EQ(write, 7);
     EXPECT_TRUE(vllGetFileTime(file, nullptr, &access, nullptr));  // what is not asked for does not matter
@@ -260,13 +256,9 @@ TEST_F(TimeTest, file_times) {
 
     for (const HANDLE none : {file, INVALID_HANDLE_VALUE, HANDLE{0x10000}}) {
         EXPECT_TRUE(vllSetFileTime(none, &given, nullptr, nullptr));
-        errno = 0;
-        EXPECT_FALSE(vllSetFileTime(none, nullptr, &given, nullptr));
-        EXPECT_EQ(errno, EBADF);
-        EXPECT_FALSE(vllSetFileTime(none, nullptr, &given, &given));
-        EXPECT_EQ(errno, EBADF);
-        EXPECT_FALSE(vllGetFileTime(none, &creation, &access, &write));
-        EXPECT_EQ(errno, EBADF);
+        EXPECT_FAILS(EBADF, vllSetFileTime(none, nullptr, &given, nullptr));
+        EXPECT_FAILS(EBADF, vllSetFileTime(none, nullptr, &given, &given));
+        EXPECT_FAILS(EBADF, vllGetFileTime(none, &creation, &access, &write));
     }
 }
 
