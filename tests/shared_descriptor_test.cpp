@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -20,12 +21,12 @@ namespace {
 constexpr int kLimitMs = 30000;
 
 // A socket on the server's address: connected to it, or listening there as another server might. -1 on failure.
-Fd rawSocket(bool listening) {
+Fd rawSocket(bool listening, int flags = 0) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, "\0SHARING_FD_SERVER", 18);
     auto *const name = reinterpret_cast<sockaddr *>(&address);
-    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
     const bool made = listening ? bind(fd.get(), name, 20) == 0 && listen(fd.get(), 8) == 0
                                 : connect(fd.get(), name, 20) == 0;
     if (!made) {
@@ -322,13 +323,31 @@ TEST_F(SharedDescriptorTest, lookups_from_many_processes) {
 }
 
 TEST_F(SharedDescriptorTest, cancelled_in_a_lookup) {
-    const Fd listener = rawSocket(true);  // a server that never answers
+    const Fd listener = rawSocket(true);  // a server that reads nothing and never answers
     ASSERT_TRUE(listener);
-    const auto lookup = [] { vllGetSharedFileDescriptor("a"); };
-    const HANDLE thread = StartThread(lookup);
-    const Fd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    EXPECT_TRUE(vllTerminateThread(thread, 1));
-    FinishThread(thread);
+    std::string name;
+    std::atomic<pid_t> tid{0};
+    const auto lookup = [&] {
+        tid = gettid();
+        vllGetSharedFileDescriptor(name.c_str());
+    };
+    const auto cancelLookup = [&] {
+        tid = 0;
+        const HANDLE thread = StartThread(lookup);
+        EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(WaitUntilAsleep(tid));
+        EXPECT_TRUE(vllTerminateThread(thread, 1));
+        FinishThread(thread);
+    };
+    name = "a";
+    cancelLookup();  // waits for the answer
+    name = std::string(50000, 'n');
+    cancelLookup();  // waits until its request is read
+    std::vector<Fd> queue;
+    do {
+        queue.push_back(rawSocket(false, SOCK_NONBLOCK));
+    } while (queue.back());
+    cancelLookup();  // waits until it is accepted
 }
 
 }  // namespace

@@ -4,11 +4,11 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <thread>
 
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/objects.h"
 
 namespace {
 
@@ -137,7 +137,7 @@ TEST_F(SharedVariableTest, failing_locks_and_closes) {
     EXPECT_FALSE(nameExists());
 }
 
-TEST_F(SharedVariableTest, a_killed_holder_does_not_keep_the_lock) {
+TEST_F(SharedVariableTest, waiting_for_a_lock) {
     SharedVar *variable = make(4);
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
@@ -152,21 +152,38 @@ TEST_F(SharedVariableTest, a_killed_holder_does_not_keep_the_lock) {
     });
     char byte;
     EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    std::atomic<pid_t> tid{0};
-    std::thread reader([&] {
-        char buffer[4];
-        tid = gettid();
-        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_READ), 1);
-        tid = 0;
-    });
-    EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
-    EXPECT_TRUE(WaitUntilAsleep(tid));
-    EXPECT_NE(tid, 0);
-    kill(holder, SIGKILL);
-    FinishChild(holder);
-    reader.join();
     close(ready[0]);
     close(ready[1]);
+    std::atomic<pid_t> tid{0};
+    std::atomic<int32_t> result{0};
+    char buffer[4];
+    const auto reads = [&] {
+        tid = gettid();
+        result = vllSharedVarManipulate(buffer, variable, SHVAR_READ);
+    };
+    const auto makes = [&] {
+        tid = gettid();
+        make(4);
+    };
+    const auto startWaiting = [&](auto &body) {
+        tid = 0;
+        const HANDLE thread = StartThread(body);
+        EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(WaitUntilAsleep(tid));
+        return thread;
+    };
+    // A cancelled waiter leaves nothing behind.
+    for (const HANDLE thread : {startWaiting(reads), startWaiting(makes)}) {
+        EXPECT_TRUE(vllTerminateThread(thread, 0));
+        FinishThread(thread);
+    }
+    // A killed holder does not keep the lock.
+    const HANDLE reader = startWaiting(reads);
+    EXPECT_EQ(result, 0);
+    kill(holder, SIGKILL);
+    FinishChild(holder);
+    FinishThread(reader);
+    EXPECT_EQ(result, 1);
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }
 
