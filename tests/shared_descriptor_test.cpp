@@ -280,6 +280,20 @@ TEST_F(SharedDescriptorTest, publish_empty_publish_again) {
     }
 }
 
+#if !defined(__SANITIZE_THREAD__)  // forks beside a busy thread
+TEST_F(SharedDescriptorTest, a_child_forked_while_the_server_starts_does_not_keep_the_address) {
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_TRUE(vllSetSharedFileDescriptor(file_.get(), "a"));
+        const pid_t child = StartChild([] { return pause(); });
+        EXPECT_EQ(vllDeallocateSharedFdList(), 0);
+        publish("a", file_.get());
+        kill(child, SIGKILL);
+        EXPECT_EQ(FinishChild(child).status, SIGKILL);
+        EXPECT_EQ(vllDeallocateSharedFdList(), 0);
+    }
+}
+#endif
+
 TEST_F(SharedDescriptorTest, a_second_publisher_is_not_found) {
     publish("a", file_.get());
     const ChildResult child = RunInChild([&] {
