@@ -16,39 +16,47 @@ static int fail(const char *what) {
     return 1;
 }
 
-static void printLines(int port) {
+/* Prints the lines that are active, after a change: one that was reported, or one that shows. */
+static void printLines(int port, int reported, DWORD *printed) {
     DWORD lines;
-    if (vllGetCommModemStatus(port, &lines)) {
+    if (vllGetCommModemStatus(port, &lines) && (reported || lines != *printed)) {
         printf("lines:%s%s%s%s\n", lines & MS_CTS_ON ? " CTS" : "", lines & MS_DSR_ON ? " DSR" : "",
                lines & MS_RING_ON ? " RING" : "", lines & MS_RLSD_ON ? " RLSD" : "");
+        *printed = lines;
     }
 }
 
-/* Copies what has arrived: 1, or 0 when the port is gone. */
+/*
+ * Copies what has arrived: 1, or 0 when the port is gone. There may be nothing: data that was read while the watcher
+ * looked at the port is reported once more.
+ */
 static int printData(int port) {
     char buffer[256];
     const ssize_t length = read(port, buffer, sizeof buffer);
     if (length > 0) {
         printf("data: %.*s\n", (int)length, buffer);
     }
-    return length > 0;
+    return length > 0 || (length == -1 && (errno == EAGAIN || errno == EINTR));
 }
 
 /* A pass for each event; the port is read without blocking. */
 static int monitor(int port, OverlappedRecord *record) {
     uint32_t events = 0;
-    printLines(port);
+    DWORD lines = ~(DWORD)0;
     for (;;) {
-        fflush(stdout);
-        if (!vllWaitCommEvent(port, &events, record)) {
-            if (vllGetLastError() != EINPROGRESS ||
-                vllWaitForSingleObject(record->event, INFINITE) != WAIT_OBJECT_0) {
+        while (!vllWaitCommEvent(port, &events, record)) {
+            if (vllGetLastError() != EINPROGRESS) {
                 return fail("wait");
             }
-            vllResetEvent(record->event);
+            /* From here on changes are reported. What changed since the last look is not: look again. */
+            printLines(port, 0, &lines);
+            fflush(stdout);
+            if (vllWaitForSingleObject(record->event, INFINITE) != WAIT_OBJECT_0) {
+                return fail("wait");
+            }
         }
         if ((events & (EV_CTS | EV_DSR | EV_RLSD | EV_RING)) != 0) {
-            printLines(port);
+            printLines(port, 1, &lines);
         }
         if ((events & EV_RXCHAR) != 0 && !printData(port)) {
             return 0;

@@ -29,6 +29,8 @@ namespace {
 constexpr DWORD kWatcherStack = 24576;
 constexpr DWORD kStopGraceMs = 100;
 constexpr DWORD kStopExitCode = 0xFFFFFFFF;
+constexpr int kLooks = 50;
+constexpr int kLookMs = 10;
 
 struct ModemEvent {
     uint32_t event;
@@ -43,6 +45,59 @@ constexpr ModemEvent kModemEvents[] = {
     {EV_RLSD, TIOCM_CAR, &serial_icounter_struct::dcd},
 };
 constexpr uint32_t kModemMask = EV_CTS | EV_DSR | EV_RING | EV_RLSD;
+
+// Counters that cannot be read count as unchanged.
+using Counters = std::optional<serial_icounter_struct>;
+
+Counters readCounters(int port) {
+    serial_icounter_struct counters = {};
+    if (ioctl(port, TIOCGICOUNT, &counters) == -1) {
+        return std::nullopt;
+    }
+    return counters;
+}
+
+// The counters of a record's port as they were when it was armed, or when a change was last reported. A record with a
+// modem watcher has one; it stands here, as the record itself has no room. Guarded by the record's mutex.
+struct KnownCounters {
+    std::atomic<const OverlappedRecord *> record;
+    Counters counters;
+};
+
+// Such a record takes three objects.
+KnownCounters known_counters[kObjectCount / 3];
+
+// Null for a record without a modem watcher.
+KnownCounters *findKnown(const OverlappedRecord *record) {
+    for (KnownCounters &known : known_counters) {
+        if (known.record.load(std::memory_order_acquire) == record) {
+            return &known;
+        }
+    }
+    return nullptr;
+}
+
+void claimKnown(const OverlappedRecord *record) {
+    for (KnownCounters &known : known_counters) {
+        const OverlappedRecord *nobody = nullptr;
+        if (known.record.compare_exchange_strong(nobody, record)) {
+            return;
+        }
+    }
+}
+
+void releaseKnown(const OverlappedRecord *record) {
+    if (KnownCounters *known = findKnown(record)) {
+        known->counters.reset();
+        known->record.store(nullptr, std::memory_order_release);
+    }
+}
+
+void noteCounters(const OverlappedRecord *record, const Counters &counters) {
+    if (KnownCounters *known = findKnown(record)) {
+        known->counters = counters;
+    }
+}
 
 bool isIdle(const OverlappedRecord *record) {
     return record->dataThread == 0 && record->modemThread == 0 && record->dataTrigger == 0 &&
@@ -77,6 +132,7 @@ bool setUp(int32_t port, DWORD mask, OverlappedRecord *record) {
         }
     }
     if ((mask & kModemMask) != 0) {
+        claimKnown(record);
         record->modemThread = startWatcher(vlliWaitForModem, record);
         if (record->modemThread == 0) {
             return false;
@@ -97,6 +153,7 @@ void tearDown(OverlappedRecord *record) {
             vllWaitForSingleObject(*thread, INFINITE);
         }
     }
+    releaseKnown(record);
     pthread_mutex_destroy(&record->mutex);
     for (HANDLE *handle :
          {&record->dataThread, &record->modemThread, &record->dataTrigger, &record->modemTrigger}) {
@@ -144,44 +201,8 @@ void endFailedSetUp(OverlappedRecord *record, DWORD mask, MutexLock *lock) {
     }
 }
 
-// Sets events in the caller's variable and signals the caller's event, under the record's mutex.
-void reportEvents(OverlappedRecord *record, uint32_t events) {
-    const MutexLock lock(&record->mutex);
-    if (record->eventMask == nullptr) {
-        return;
-    }
-    *record->eventMask |= events;
-    if (events == EV_RXCHAR || (*record->eventMask & kModemMask) != 0) {
-        vllSetEvent(record->event);
-    }
-}
-
-// The mask in force, read as the application thread may change it meanwhile.
-uint32_t maskInForce(OverlappedRecord *record) {
-    const MutexLock lock(&record->mutex);
-    return record->mask;
-}
-
-int watchedLines(uint32_t mask) {
-    int lines = 0;
-    for (const ModemEvent &modem : kModemEvents) {
-        lines |= (mask & modem.event) != 0 ? modem.line : 0;
-    }
-    return lines;
-}
-
-// Counters that cannot be read count as unchanged.
-std::optional<serial_icounter_struct> readCounters(int port) {
-    serial_icounter_struct counters = {};
-    if (ioctl(port, TIOCGICOUNT, &counters) == -1) {
-        return std::nullopt;
-    }
-    return counters;
-}
-
 // The events of the mask whose counters changed.
-uint32_t changedEvents(uint32_t mask, const std::optional<serial_icounter_struct> &before,
-                       const std::optional<serial_icounter_struct> &after) {
+uint32_t changedEvents(uint32_t mask, const Counters &before, const Counters &after) {
     uint32_t events = 0;
     for (const ModemEvent &modem : kModemEvents) {
         if (before && after && (mask & modem.event) != 0 &&
@@ -192,19 +213,78 @@ uint32_t changedEvents(uint32_t mask, const std::optional<serial_icounter_struct
     return events;
 }
 
-// One armed cycle of the modem watcher: until a watched counter has changed or the port fails. TIOCMIWAIT may
-// return for a transition from before, which is used up here.
-uint32_t waitForModemEvents(OverlappedRecord *record) {
-    const std::optional<serial_icounter_struct> before = readCounters(record->fd);
-    for (;;) {
-        const uint32_t mask = maskInForce(record);
-        const int result = vlliBlockInModemWait(record->fd, watchedLines(mask));
-        if (result == -1 && errno == EINTR) {
-            continue;
+int watchedLines(uint32_t mask) {
+    int lines = 0;
+    for (const ModemEvent &modem : kModemEvents) {
+        lines |= (mask & modem.event) != 0 ? modem.line : 0;
+    }
+    return lines;
+}
+
+// Sets events in the caller's variable and signals the caller's event. Under the record's mutex.
+void report(OverlappedRecord *record, uint32_t events) {
+    if (record->eventMask != nullptr) {
+        *record->eventMask |= events;
+        vllSetEvent(record->event);
+    }
+}
+
+// Reports the modem events since then: false when there is none. They are old news to the next cycle.
+bool reportChangesSince(const Counters &before, OverlappedRecord *record) {
+    const MutexLock lock(&record->mutex);
+    const Counters now = readCounters(record->fd);
+    const uint32_t events = changedEvents(record->mask, before, now);
+    if (events == 0) {
+        return false;
+    }
+    noteCounters(record, now);
+    report(record, events);
+    return true;
+}
+
+// The mask in force, read as the application thread may change it meanwhile.
+uint32_t maskInForce(OverlappedRecord *record) {
+    const MutexLock lock(&record->mutex);
+    return record->mask;
+}
+
+// Under the record's mutex.
+void arm(OverlappedRecord *record, uint32_t *event_mask) {
+    *event_mask = 0;
+    record->eventMask = event_mask;
+    if (record->modemThread != 0) {
+        noteCounters(record, readCounters(record->fd));
+    }
+    vllSetEvent(record->dataTrigger);
+    vllSetEvent(record->modemTrigger);
+    vllResetEvent(record->event);
+    errno = EINPROGRESS;
+}
+
+// One armed cycle of the modem watcher: until a watched counter has changed since then, or the port fails.
+//
+// TIOCMIWAIT tells of what happens while it blocks, with some drivers also of a transition from before arming, which
+// is used up here. What happens between arming and blocking shows in the counters alone, and what happens while a
+// driver puts the thread to sleep wakes nobody. As lines mostly change in answer to what the armed application does
+// next, the watcher looks at the counters itself for half a second before it blocks.
+void watchModem(OverlappedRecord *record) {
+    Counters before;
+    {
+        const MutexLock lock(&record->mutex);
+        const KnownCounters *known = findKnown(record);
+        before = known != nullptr ? known->counters : readCounters(record->fd);
+    }
+    for (int look = 0; before && look < kLooks; ++look) {
+        if (reportChangesSince(before, record)) {
+            return;
         }
-        const uint32_t events = changedEvents(mask, before, readCounters(record->fd));
-        if (events != 0 || result == -1 || !before) {
-            return events;
+        vlliBlockInPoll(nullptr, 0, kLookMs);
+    }
+    while (!reportChangesSince(before, record)) {
+        const int result = vlliBlockInModemWait(record->fd, watchedLines(maskInForce(record)));
+        if ((result == -1 && errno != EINTR) || (result != -1 && !before)) {
+            reportChangesSince(before, record);
+            return;
         }
     }
 }
@@ -220,7 +300,8 @@ uint32_t vlliWaitForData(LPVOID overlapped) {
             ready = vlliBlockInPoll(&port, 1, -1);
         } while (ready == -1 && errno == EINTR);
         if (ready == 1) {
-            reportEvents(record, EV_RXCHAR);
+            const MutexLock lock(&record->mutex);
+            report(record, EV_RXCHAR);
         }
     }
     return 0;
@@ -229,10 +310,7 @@ uint32_t vlliWaitForData(LPVOID overlapped) {
 uint32_t vlliWaitForModem(LPVOID overlapped) {
     auto *record = static_cast<OverlappedRecord *>(overlapped);
     while (vllWaitForSingleObject(record->modemTrigger, INFINITE) == WAIT_OBJECT_0) {
-        const uint32_t events = waitForModemEvents(record);
-        if (events != 0) {
-            reportEvents(record, events);
-        }
+        watchModem(record);
     }
     return 0;
 }
@@ -262,19 +340,15 @@ BOOL vllWaitCommEvent(int32_t, uint32_t *lpEvtMask, OverlappedRecord *overlapped
         return FALSE;
     }
     const NoCancel no_cancel;
-    const DWORD signalled = vllWaitForSingleObject(overlapped->event, 0);
-    if (signalled == WAIT_OBJECT_0) {
-        return vllResetEvent(overlapped->event);
+    DWORD signalled = vllWaitForSingleObject(overlapped->event, 0);
+    if (signalled == WAIT_TIMEOUT) {
+        const MutexLock lock(&overlapped->mutex);
+        // What a watcher has reported meanwhile must not be forgotten with the last cycle's events.
+        signalled = vllWaitForSingleObject(overlapped->event, 0);
+        if (signalled == WAIT_TIMEOUT) {
+            arm(overlapped, lpEvtMask);
+            return FALSE;
+        }
     }
-    if (signalled == WAIT_FAILED) {
-        return FALSE;
-    }
-    const MutexLock lock(&overlapped->mutex);
-    *lpEvtMask = 0;
-    overlapped->eventMask = lpEvtMask;
-    vllSetEvent(overlapped->dataTrigger);
-    vllSetEvent(overlapped->modemTrigger);
-    vllResetEvent(overlapped->event);
-    errno = EINPROGRESS;
-    return FALSE;
+    return signalled == WAIT_OBJECT_0 && vllResetEvent(overlapped->event);
 }

@@ -32,12 +32,15 @@ namespace {
 constexpr uintptr_t kNoServer = static_cast<uintptr_t>(-1);
 constexpr size_t kRequestSize = 1024;  // the name and its terminator
 constexpr int kBacklog = 5;
+constexpr int kBindTries = 100;
+constexpr int kBindPauseMs = 10;
 
 enum Status : int32_t { kFound = 0, kIncomplete = 1, kUnknown = 2 };
 
 pthread_mutex_t lifecycleMutex = PTHREAD_MUTEX_INITIALIZER;
 HANDLE server_handle = 0;   // guarded by list_mutex
 int listening_socket = -1;  // the server's, for forked children to close
+bool had_address = false;   // a server of this process; guarded by list_mutex
 pthread_once_t fork_once = PTHREAD_ONCE_INIT;
 
 // The name on the wire is what follows the first byte, which marks the abstract name space.
@@ -80,6 +83,7 @@ void forgetServerInChild() {
         vlliCloseFd(listening_socket);
         listening_socket = -1;
     }
+    had_address = false;
     freeList();
     server_thread_id = kNoServer;
     if (server_handle != 0) {
@@ -95,15 +99,17 @@ void registerForkHandlers() {
 // The server's listening socket. Its end frees the address; a server that ends by itself leaves no identity.
 class ListeningSocket {
   public:
+    // A child that this process is just starting holds a copy of an earlier socket, and with it the address, until its
+    // handlers or its exec have closed it.
     ListeningSocket() {
-        Fd fd = makeSocket(SOCK_NONBLOCK);
-        sockaddr_un address;
-        const socklen_t length = makeAddress(&address);
-        if (fd && bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) == 0 &&
-            listen(fd.get(), kBacklog) == 0) {
-            const MutexLock lock(&list_mutex);
-            listening_socket = fd.release();
-            fd_ = listening_socket;
+        for (int tries = kBindTries; !take() && errno == EADDRINUSE && tries > 1; --tries) {
+            {
+                const MutexLock lock(&list_mutex);
+                if (!had_address) {
+                    return;
+                }
+            }
+            vlliBlockInPoll(nullptr, 0, kBindPauseMs);
         }
     }
     ~ListeningSocket() {
@@ -123,6 +129,22 @@ class ListeningSocket {
     int get() const { return fd_; }
 
   private:
+    // False with errno. Locked, so that no child is forked that does not know of the socket and keeps it.
+    bool take() {
+        const MutexLock lock(&list_mutex);
+        Fd fd = makeSocket(SOCK_NONBLOCK);
+        sockaddr_un address;
+        const socklen_t length = makeAddress(&address);
+        if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+            listen(fd.get(), kBacklog) != 0) {
+            return false;
+        }
+        fd_ = fd.release();
+        listening_socket = fd_;
+        had_address = true;
+        return true;
+    }
+
     int fd_ = -1;
 };
 

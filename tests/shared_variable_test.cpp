@@ -4,34 +4,28 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <thread>
 
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/objects.h"
 
 namespace {
 
-// A name that no other test, run at the same time, uses.
-std::string uniqueName(const char *stem) {
-    return "/vlltest-" + std::to_string(getpid()) + "-" + stem;
-}
+constexpr char kName[] = "/variable";  // /dev/shm is the test's own
 
 class SharedVariableTest : public LibraryTest {
   protected:
     void TearDown() override {
-        shm_unlink(name_.c_str());
+        shm_unlink(kName);
         LibraryTest::TearDown();
     }
-    SharedVar *make(DWORD size, int32_t mode = SHVAR_CREATE) {
-        return vllSharedVarInit(name_.c_str(), size, mode);
-    }
+    SharedVar *make(DWORD size, int32_t mode = SHVAR_CREATE) { return vllSharedVarInit(kName, size, mode); }
     bool nameExists() const {
-        const int fd = shm_open(name_.c_str(), O_RDONLY, 0);
+        const int fd = shm_open(kName, O_RDONLY, 0);
         close(fd);
         return fd != -1;
     }
-    std::string name_ = uniqueName("variable");
 };
 
 TEST_F(SharedVariableTest, another_process_reads_what_one_wrote) {
@@ -71,29 +65,30 @@ TEST_F(SharedVariableTest, creating_anew_empties_it_for_everyone) {
 }
 
 TEST_F(SharedVariableTest, bad_arguments) {
-    struct Row {
+    const std::string long_name = "/" + std::string(300, 'n');
+    const struct {
         int line;
         const char *name;
         DWORD size;
         int32_t mode;
         int error;
-    };
-    const std::string long_name = "/" + std::string(300, 'n');
-    const Row rows[] = {
+    } rows[] = {
         {__LINE__, nullptr, 8, SHVAR_CREATE, EINVAL},
-        {__LINE__, name_.c_str(), 8, 0, EINVAL},
-        {__LINE__, name_.c_str(), 8, SHVAR_READ, EINVAL},
-        {__LINE__, name_.c_str(), 0, SHVAR_CREATE, EINVAL},
+        {__LINE__, kName, 8, 0, EINVAL},
+        {__LINE__, kName, 8, SHVAR_READ, EINVAL},
+        {__LINE__, kName, 0, SHVAR_CREATE, EINVAL},
         {__LINE__, "", 8, SHVAR_CREATE, EINVAL},
         {__LINE__, "/a/b", 8, SHVAR_CREATE, EINVAL},
         {__LINE__, long_name.c_str(), 8, SHVAR_CREATE, EINVAL},
-        {__LINE__, "/vlltest-that-nobody-made", 8, SHVAR_OPEN, ENOENT},
+        {__LINE__, kName, 8, SHVAR_OPEN, ENOENT},
     };
-    for (const Row &row : rows) {
-        errno = 0;
-        EXPECT_EQ(vllSharedVarInit(row.name, row.size, row.mode), nullptr) << "line " << row.line;
-        EXPECT_EQ(errno, row.error) << "line " << row.line;
+    for (const auto &row : rows) {
+        EXPECT_FAILS(row.error, vllSharedVarInit(row.name, row.size, row.mode)) << "line " << row.line;
     }
+    EXPECT_FALSE(nameExists());
+    // Too large for some machines.
+    SharedVar *const huge = make(UINT32_MAX);
+    EXPECT_TRUE(huge != nullptr ? vllSharedVarDeallocate(huge, SHVAR_CREATE) : errno == ENOMEM);
     EXPECT_FALSE(nameExists());
     SharedVar *variable = make(4);
     char buffer[4] = {'k', 'e', 'e', 'p'};
@@ -127,36 +122,27 @@ TEST_F(SharedVariableTest, failing_calls_leave_nothing_behind) {
 TEST_F(SharedVariableTest, failing_locks_and_closes) {
     SharedVar *variable = make(4);
     char buffer[4] = {};
-    {
-        const FailCall fail("fcntl64", 1, ENOLCK);
-        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE), 0);
-        EXPECT_EQ(errno, ENOLCK);
-    }
-    {
-        const FailCall fail("fcntl64", 2, ENOLCK);
-        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE), -1);
-        EXPECT_EQ(errno, ENOLCK);
-    }
-    {
-        const FailCall fail("fcntl64", 1, EINTR);
-        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE), 1);
+    for (const auto &[nth, error, result] :
+         {std::tuple(1, ENOLCK, 0), std::tuple(2, ENOLCK, -1), std::tuple(1, EINTR, 1)}) {
+        const FailCall fail("fcntl64", nth, error);
+        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE), result);
+        EXPECT_TRUE(result == 1 || errno == error);
     }
     {
         const FailCall fail("shm_unlink", 1, EACCES);
-        EXPECT_FALSE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
-        EXPECT_EQ(errno, EACCES);
+        EXPECT_FAILS(EACCES, vllSharedVarDeallocate(variable, SHVAR_CREATE));
     }
     // The second try finishes what the first left.
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
     EXPECT_FALSE(nameExists());
 }
 
-TEST_F(SharedVariableTest, a_killed_holder_does_not_keep_the_lock) {
+TEST_F(SharedVariableTest, waiting_for_a_lock) {
     SharedVar *variable = make(4);
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t holder = StartChild([&] {
-        const int fd = shm_open(name_.c_str(), O_RDWR, 0);
+        const int fd = shm_open(kName, O_RDWR, 0);
         struct flock lock = {};
         lock.l_type = F_WRLCK;
         EXPECT_EQ(fcntl(fd, F_SETLKW, &lock), 0);
@@ -166,34 +152,57 @@ TEST_F(SharedVariableTest, a_killed_holder_does_not_keep_the_lock) {
     });
     char byte;
     EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        char buffer[4];
-        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_READ), 1);
-        done = true;
-    });
-    EXPECT_FALSE(done);
-    kill(holder, SIGKILL);
-    FinishChild(holder);
-    reader.join();
     close(ready[0]);
     close(ready[1]);
+    std::atomic<pid_t> tid{0};
+    std::atomic<int32_t> result{0};
+    char buffer[4];
+    const auto reads = [&] {
+        tid = gettid();
+        result = vllSharedVarManipulate(buffer, variable, SHVAR_READ);
+    };
+    const auto makes = [&] {
+        tid = gettid();
+        make(4);
+    };
+    const auto startWaiting = [&](auto &body) {
+        tid = 0;
+        const HANDLE thread = StartThread(body);
+        EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(WaitUntilAsleep(tid));
+        return thread;
+    };
+    // A cancelled waiter leaves nothing behind.
+    for (const HANDLE thread : {startWaiting(reads), startWaiting(makes)}) {
+        EXPECT_TRUE(vllTerminateThread(thread, 0));
+        FinishThread(thread);
+    }
+    // A killed holder does not keep the lock.
+    const HANDLE reader = startWaiting(reads);
+    EXPECT_EQ(result, 0);
+    kill(holder, SIGKILL);
+    FinishChild(holder);
+    FinishThread(reader);
+    EXPECT_EQ(result, 1);
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }
 
-// Writers fill the block with one byte value each; a reader that sees two values saw a mixed block.
+// Writers fill the block with one byte value each, and one process makes it anew; a reader that sees two values saw a
+// mixed block.
 TEST_F(SharedVariableTest, readers_never_see_a_mixed_block) {
     constexpr DWORD kSize = 64 * 1024;
     SharedVar *variable = make(kSize);
     std::vector<pid_t> children;
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < 9; ++i) {
         children.push_back(StartChild([&, i] {
             SharedVar *mine = make(kSize, SHVAR_OPEN);
             const std::unique_ptr<char[]> block(new char[kSize]);
             const int64_t end = NowMs() + 2000;
             bool mixed = false;
             for (int round = 0; round < 400 && NowMs() < end; ++round) {
-                if (i % 2 == 0) {
+                if (i == 8) {
+                    EXPECT_TRUE(vllSharedVarDeallocate(make(kSize), SHVAR_OPEN));
+                } else if (i % 2 == 0) {
                     memset(block.get(), i * 50 + round % 50, kSize);
                     EXPECT_EQ(vllSharedVarManipulate(block.get(), mine, SHVAR_WRITE), 1);
                 } else {

@@ -75,6 +75,11 @@ VLL_API BOOL vllSetCommMask(int32_t hFile, DWORD dwEvtMask, OverlappedRecord *ov
  * succeeds; the variable of the earlier call holds them. Otherwise it arms the watchers and the caller waits
  * on the record's event.
  *
+ * Data that are there, and changes of the modem lines from this moment on, are events; earlier changes are not: read
+ * the lines after arming. A watcher that was armed stays so until its event has come, also when the other one has ended
+ * the wait before. So EV_RXCHAR may be reported once more for data that were read meanwhile: read without blocking.
+ * Modem events need a driver that counts (TIOCGICOUNT) and waits (TIOCMIWAIT).
+ *
  * @param hFile      not used.
  * @param lpEvtMask  set to 0, then receives EV_... values when they occur.
  * @return TRUE, or FALSE: EINPROGRESS while none has occurred; EINVAL for a null argument or a record without

@@ -98,7 +98,8 @@ VLL_API int32_t vllGetSharedFileDescriptor(const char *name);
 
 /**
  * Empties the registry and ends the server. The published descriptors stay open. On return the socket's
- * address is free, also when the server was busy with a client.
+ * address is free, also when the server was busy with a client. Only a child that is being started meanwhile
+ * may hold it a moment longer; the next server of this process waits up to a second for that.
  *
  * @return 0, or an error number.
  */

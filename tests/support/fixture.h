@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <cerrno>
 #include <functional>
 #include <string>
 #include <vector>
@@ -31,6 +32,12 @@ class LibraryTest : public testing::Test {
   private:
     Inventory before_;
 };
+
+// Expects that a call fails: its result is false or null, and errno tells why.
+#define EXPECT_FAILS(error, call) \
+    errno = 0;                    \
+    EXPECT_FALSE(call);           \
+    EXPECT_EQ(errno, error) << #call << " "
 
 // Polls a condition every millisecond until it holds: true, or false after the limit.
 bool WaitUntil(const std::function<bool()> &condition, int limit_ms = 20000);

@@ -119,6 +119,7 @@ void CoverDirectory(const std::string &path, const char *size) {
 void CoverFile(const std::string &path, const std::string &content) {
     const std::string copy = "/dev/cover" + std::to_string(getpid());
     writeFile(copy, content);
+    umount2(path.c_str(), MNT_DETACH);  // the last one's, which is unlinked and cannot be covered
     check(mount(copy.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0, "cover " + path);
     unlink(copy.c_str());
 }
