@@ -70,14 +70,19 @@ BOOL startTransfer(HANDLE file, void *buffer, DWORD size, OverlappedRecord *reco
     return vlliRegisterTransfer(record, write);
 }
 
-// Sleeps until the event is likely to be signalled. The wait that follows then finds it so at once, and need
-// not build a set to wait on.
-void sleepUntilSignalled(HANDLE handle) {
-    const ObjectRef event(handle, OBJ_EVENT);
-    if (event) {
-        std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
-        vlliBlockInPoll(fds.data(), fds.size(), -1);
+// Sleeps until the event is likely to be signalled: false when it is not open. The wait that follows then finds it
+// so at once, and need not build a set to wait on.
+bool sleepUntilSignalled(HANDLE handle) {
+    if (vlliGetObjectType(handle) != OBJ_EVENT) {
+        return true;
     }
+    const ObjectRef event(handle);
+    if (!event) {
+        return false;
+    }
+    std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
+    vlliBlockInPoll(fds.data(), fds.size(), -1);
+    return true;
 }
 
 }  // namespace
@@ -129,8 +134,8 @@ BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTr
         errno = EINVAL;
         return FALSE;
     }
-    if (bWait != 0) {
-        sleepUntilSignalled(lpOverlapped->event);
+    if (bWait != 0 && !sleepUntilSignalled(lpOverlapped->event)) {
+        return FALSE;
     }
     const DWORD waited = vllWaitForSingleObject(lpOverlapped->event, bWait != 0 ? INFINITE : 0);
     if (waited == WAIT_TIMEOUT) {

@@ -196,10 +196,11 @@ TEST_F(FileTest, failures_leave_no_target) {
         EXPECT_EQ(errno, row.error) << row.call;
         EXPECT_FALSE(Exists(kTarget)) << row.call;
     }
-    {
-        const FailCall interrupted("read", 2, EINTR);
-        EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
-        EXPECT_TRUE(ReadFile(kTarget) == content(2000000));
+    for (const char *call : {"open64", "read", "write", "fsync"}) {
+        const FailCall interrupted(call, 1, EINTR);
+        EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE)) << call;
+        EXPECT_TRUE(interrupted.happened());
+        EXPECT_TRUE(ReadFile(kTarget) == content(2000000)) << call;
     }
     const FailCall unsupported("fsync", 1, EINVAL);
     EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
@@ -380,21 +381,67 @@ TEST_F(FileTest, moves_that_go_wrong) {
         EXPECT_EQ(errno, EPERM);
     }
     EXPECT_FALSE(Exists(kTarget));
-    EXPECT_TRUE(vllMoveFileEx(kSource, kSource, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
-    EXPECT_EQ(ReadFile(kSource), "content");
     // A directory moves only by rename; a copy of it costs nothing that exists.
     WriteFile(kTarget, "target");
     EXPECT_FALSE(vllMoveFileEx("/var/tmp/upload", kTarget, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
     EXPECT_EQ(ReadFile(kTarget), "target");
     EXPECT_TRUE(vllMoveFileEx("/var/tmp/upload", "/var/tmp/moved", MOVE_REPLACE_EXISTING));
-    // A file that is reached through two mounts of its directory.
-    ASSERT_EQ(mkdir("/var/tmp/mounted", 0755), 0);
-    ASSERT_EQ(mount("/var/ulmex", "/var/tmp/mounted", nullptr, MS_BIND, nullptr), 0);
-    WriteFile("/var/ulmex/file", "content");
-    EXPECT_TRUE(
-        vllMoveFileEx("/var/ulmex/file", "/var/tmp/mounted/file", MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
-    EXPECT_EQ(ReadFile("/var/ulmex/file"), "content");
-    ASSERT_EQ(umount("/var/tmp/mounted"), 0);
+}
+
+// The names of a move may be one file already. Whatever they are, its content is under the new one afterwards, and the
+// old one is gone unless it is the same.
+TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
+    const char *const other_link = "/other/link";
+    struct Row {
+        const char *from, *to;
+        bool gone;
+    };
+    const Row rows[] = {
+        {kSource, kSource, false},
+        {kSource, "/var/tmp/../tmp/source", false},
+        {kSource, "/var/tmp/hard_link", true},
+        {"/var/tmp/symlink", kSource, true},
+        {"/var/tmp/symlink", "/var/tmp/hard_link", true},
+        {other_link, kSource, true},
+        {kSource, "/var/tmp/symlink", true},
+        {kSource, other_link, true},
+        {kSource, "/var/ulmex/mounted/source", false},
+        {kSource, "/var/ulmex/mounted/hard_link", true},
+        {"/var/tmp/symlink", "/var/ulmex/mounted/source", true},
+    };
+    ASSERT_EQ(mkdir("/var/ulmex/mounted", 0755), 0);
+    ASSERT_EQ(mount("/var/tmp", "/var/ulmex/mounted", nullptr, MS_BIND, nullptr), 0);
+    for (const Row &row : rows) {
+        SCOPED_TRACE(std::string(row.from) + " to " + row.to);
+        for (const char *name : {kSource, "/var/tmp/symlink", "/var/tmp/hard_link", other_link}) {
+            unlink(name);
+        }
+        WriteFile(kSource, "content");
+        ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
+        ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
+        ASSERT_EQ(symlink(kSource, other_link), 0);
+        EXPECT_FALSE(vllMoveFile(row.from, row.to));
+        EXPECT_FALSE(vllMoveFileEx(row.from, row.to, 0));
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_FALSE(vllMoveFileEx(row.from, row.to, MOVE_COPY_ALLOWED));
+        EXPECT_EQ(errno, EEXIST);
+        EXPECT_EQ(ReadFile(row.from) + ReadFile(row.to), "contentcontent");
+        EXPECT_TRUE(vllMoveFileEx(row.from, row.to, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
+        struct stat status;
+        EXPECT_EQ(lstat(row.from, &status) == -1, row.gone);
+        EXPECT_EQ(ReadFile(row.to), "content");
+    }
+    // A name that cannot be removed stays, and costs neither link nor content.
+    WriteFile(kSource, "content");
+    unlink("/var/tmp/hard_link");
+    ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
+    {
+        const FailCall fail("unlink", 1, EPERM);
+        EXPECT_FALSE(vllMoveFileEx(kSource, "/var/tmp/hard_link", MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
+        EXPECT_EQ(errno, EPERM);
+    }
+    EXPECT_EQ(ReadFile(kSource) + ReadFile("/var/tmp/hard_link"), "contentcontent");
+    ASSERT_EQ(umount("/var/ulmex/mounted"), 0);
 }
 
 TEST_F(FileTest, deleted) {
