@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cstdio>
 #include <cstring>
@@ -61,10 +62,16 @@ class ConfigCopy final {
         return exists_;
     }
 
-    // Takes over what was copied there. A copy that cannot be opened stays.
+    // Takes over what was copied there, with the file's permissions: the copy was made under the process's umask.
+    // A copy that cannot be opened stays.
     bool adopt() {
+        struct stat status;
         fd_.reset(open(name_, O_RDWR | O_CLOEXEC));
         exists_ = static_cast<bool>(fd_);
+        // A file system without permissions, or a file without a name by now, has none to keep.
+        if (exists_ && stat(file_, &status) == 0) {
+            (void)fchmod(fd_.get(), status.st_mode & 0777);
+        }
         return exists_;
     }
 

@@ -18,14 +18,6 @@ bool isSameInode(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// True when both are links to one object; symbolic links are objects themselves.
-bool areLinked(const char *one, const char *other) {
-    const KeepErrno keep_errno;
-    struct stat first;
-    struct stat second;
-    return lstat(one, &first) == 0 && lstat(other, &second) == 0 && isSameInode(first, second);
-}
-
 const char *nameIn(const char *path) {
     const char *slash = strrchr(path, '/');
     return slash != nullptr ? slash + 1 : path;
@@ -52,7 +44,8 @@ bool isAlreadyThere(const char *from, const char *to) {
     if (lstat(to, &target) == -1 || S_ISDIR(target.st_mode)) {
         return false;
     }
-    return areLinked(from, to) || (stat(from, &source) == 0 && isSameInode(source, target));
+    return (lstat(from, &source) == 0 && isSameInode(source, target)) ||
+           (stat(from, &source) == 0 && isSameInode(source, target));
 }
 
 BOOL moveByRename(const char *from, const char *to) {
@@ -154,7 +147,7 @@ BOOL vllLinkOrCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL bFa
     }
     int result = link(lpExistingFileName, lpNewFileName);
     if (result == -1 && errno == EEXIST && bFailIfExists == 0) {
-        if (areLinked(lpExistingFileName, lpNewFileName)) {
+        if (isAlreadyThere(lpExistingFileName, lpNewFileName)) {
             return TRUE;
         }
         if (unlink(lpNewFileName) == -1) {

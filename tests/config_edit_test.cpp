@@ -159,8 +159,11 @@ TEST_F(ConfigEditTest, permissions_of_the_new_file) {
     chmod(file_.c_str(), 0600);
     EXPECT_FALSE(vllDeleteConfigValue(file_.c_str(), "S", "k"));
     EXPECT_EQ(ModeOf(file_), 0600U);
-    EXPECT_TRUE(vllAddConfigSection(file_.c_str(), "T"));
-    EXPECT_EQ(ModeOf(file_), 0600U);
+    for (const mode_t mode : {0600U, 0666U}) {  // beyond the umask, too
+        chmod(file_.c_str(), mode);
+        EXPECT_TRUE(vllAddConfigSection(file_.c_str(), mode == 0600 ? "T" : "U"));
+        EXPECT_EQ(ModeOf(file_), mode);
+    }
     EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
     EXPECT_EQ(ModeOf(file_), 0644U);
 }

@@ -286,7 +286,11 @@ TEST_F(FileTest, linked_or_copied) {
     EXPECT_EQ(errno, EEXIST);
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, FALSE));
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, kSource, FALSE));
-    EXPECT_EQ(ReadFile(kSource), "content");
+    for (const char *symbolic_link : {"/var/tmp/link", "/other/link"}) {
+        ASSERT_EQ(symlink(kSource, symbolic_link), 0);
+        EXPECT_TRUE(vllLinkOrCopyFile(symbolic_link, kSource, FALSE));
+        EXPECT_EQ(ReadFile(kSource), "content");
+    }
 
     ASSERT_EQ(unlink(kTarget), 0);
     WriteFile(kTarget, "old");

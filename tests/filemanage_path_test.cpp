@@ -240,6 +240,13 @@ TEST_F(FileTest, strings) {
         EXPECT_EQ(vllPathRemoveFileSpec(buffer.data()), row.without_name != nullptr) << row.path;
         EXPECT_STREQ(buffer.c_str(), row.without_name != nullptr ? row.without_name : row.path);
     }
+    EXPECT_EQ(vllPathFindFileName(nullptr), nullptr);
+    EXPECT_EQ(vllPathFindExtension(nullptr), nullptr);
+    EXPECT_EQ(vllPathAppend(nullptr, "x"), nullptr);
+    EXPECT_FALSE(vllPathRemoveFileSpec(nullptr));
+    std::array<char, 8> nothing = {"#"};
+    vll_splitpath(nullptr, nullptr, nothing.data(), nullptr, nullptr);
+    EXPECT_STREQ(nothing.data(), "");
     const char *const appends[][3] = {
         {"/tmp", "./x", "/tmp/x"},
         {"/tmp/", "/x", "/tmp/x"},

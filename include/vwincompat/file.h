@@ -112,7 +112,7 @@ VLL_API BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberO
  * this returns the record and the buffer are the caller's again; what was transferred stays in the record.
  *
  * @return TRUE, or FALSE: ENOENT (nothing registered, or just completed), EBADF (bad descriptor, or no
- *         service).
+ *         service), EPERM (a regular file).
  */
 VLL_API BOOL vllCancelIo(HANDLE hFile);
 

@@ -81,8 +81,8 @@ VLL_API BOOL vllCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL b
 /**
  * Makes the target a hard link to the source; across file systems, a copy (vllCopyFile()).
  *
- * An existing target is unlinked first when @p bFailIfExists is 0; one that is the source's own link already
- * is left as it is.
+ * An existing target is unlinked first when @p bFailIfExists is 0; one that is the source's own link already, or what
+ * the source leads to as a symbolic link, is left as it is.
  *
  * @return TRUE, or FALSE: EEXIST, EPERM (a directory), or another error of link(2), unlink(2) or the copy.
  */
