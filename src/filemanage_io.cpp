@@ -70,19 +70,39 @@ BOOL startTransfer(HANDLE file, void *buffer, DWORD size, OverlappedRecord *reco
     return vlliRegisterTransfer(record, write);
 }
 
-// Sleeps until the event is likely to be signalled: false when it is not open. The wait that follows then finds it
-// so at once, and need not build a set to wait on.
-bool sleepUntilSignalled(HANDLE handle) {
-    if (vlliGetObjectType(handle) != OBJ_EVENT) {
-        return true;
+// A reference on an event's record. What is wrong with a handle is left to others to tell.
+class EventRef {
+  public:
+    explicit EventRef(HANDLE handle) : handle_(handle) {
+        if (vlliGetObjectType(handle) == OBJ_EVENT) {
+            vlliOpenObjects(1, &handle_, &record_);
+        }
     }
-    const ObjectRef event(handle);
-    if (!event) {
-        return false;
+    ~EventRef() {
+        if (record_ != nullptr) {
+            const KeepErrno keep_errno;
+            vlliCloseObject(handle_);
+        }
     }
-    std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
-    vlliBlockInPoll(fds.data(), fds.size(), -1);
-    return true;
+    EventRef(const EventRef &) = delete;
+    EventRef &operator=(const EventRef &) = delete;
+
+    explicit operator bool() const { return record_ != nullptr; }
+    const ObjectRecord *operator->() const { return record_; }
+
+  private:
+    HANDLE handle_;
+    ObjectRecord *record_ = nullptr;
+};
+
+// Sleeps until the event is likely to be signalled. The wait that follows then finds it so at once, and need
+// not build a set to wait on.
+void sleepUntilSignalled(HANDLE handle) {
+    const EventRef event(handle);
+    if (event) {
+        std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
+        vlliBlockInPoll(fds.data(), fds.size(), -1);
+    }
 }
 
 }  // namespace
@@ -134,8 +154,8 @@ BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTr
         errno = EINVAL;
         return FALSE;
     }
-    if (bWait != 0 && !sleepUntilSignalled(lpOverlapped->event)) {
-        return FALSE;
+    if (bWait != 0) {
+        sleepUntilSignalled(lpOverlapped->event);
     }
     const DWORD waited = vllWaitForSingleObject(lpOverlapped->event, bWait != 0 ? INFINITE : 0);
     if (waited == WAIT_TIMEOUT) {

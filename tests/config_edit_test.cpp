@@ -170,8 +170,7 @@ TEST_F(ConfigEditTest, permissions_of_the_new_file) {
 
 TEST_F(ConfigEditTest, a_section_that_exists_leaves_the_copy) {
     WriteFile(file_, "[S]\n");
-    EXPECT_FALSE(vllAddConfigSection(file_.c_str(), "s"));
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(Fails(vllAddConfigSection(file_.c_str(), "s"), EEXIST));
     EXPECT_EQ(ReadFile(copy_), "[S]\n");
     EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
     EXPECT_FALSE(Exists(copy_));
@@ -184,11 +183,9 @@ TEST_F(ConfigEditTest, profile_operation_creates_the_file) {
     EXPECT_TRUE(vllWritePrivateProfileString(nullptr, "k", "v", file_.c_str()));
     EXPECT_EQ(ReadFile(file_), "k=v\n");
     unlink(file_.c_str());
-    EXPECT_FALSE(vllWritePrivateProfileString("S", "k", nullptr, file_.c_str()));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(Fails(vllWritePrivateProfileString("S", "k", nullptr, file_.c_str()), ENOENT));
     EXPECT_EQ(ReadFile(file_), "\n[S]\n");
-    EXPECT_FALSE(vllWritePrivateProfileString("S", "k", "v", "/mnt/lost/app.ini"));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(Fails(vllWritePrivateProfileString("S", "k", "v", "/mnt/lost/app.ini"), ENOENT));
 }
 
 // At the first sync the copy is whole and the file is the old one, at the second it is the new one.
@@ -270,8 +267,7 @@ void expectAllFail(const string &file, int error) {
     for (const Operation &edit : edits) {
         SCOPED_TRACE(&edit - edits);
         errno = 0;
-        EXPECT_FALSE(edit(file.c_str()));
-        EXPECT_EQ(errno, error);
+        EXPECT_TRUE(Fails(edit(file.c_str()), error));
         EXPECT_TRUE(ReadFile(file) == before);
         EXPECT_EQ(Exists(file + "copy"), had_copy);
     }
@@ -290,8 +286,7 @@ TEST_F(ConfigEditTest, directory_in_the_place_of_the_file) {
     mkdir(file_.c_str(), 0755);
     for (const Operation &edit :
          {Add("S", "k", "v"), Delete("S", "k"), AddSection("S"), DeleteSection("S"), Write("S", "k", "v")}) {
-        EXPECT_FALSE(edit(file_.c_str()));
-        EXPECT_EQ(errno, EISDIR);
+        EXPECT_TRUE(Fails(edit(file_.c_str()), EISDIR));
     }
     EXPECT_TRUE(Exists(file_));
     EXPECT_FALSE(Exists(copy_));

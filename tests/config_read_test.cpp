@@ -358,8 +358,7 @@ TEST_F(ConfigReadTest, read_error_in_the_middle) {
     char buffer[64];
     DWORD size = sizeof buffer;
     const FailCall fail("read", 2, EIO, 100);
-    EXPECT_FALSE(vllReadConfigValue(file, "S", "k", buffer, &size));
-    EXPECT_EQ(errno, EIO);
+    EXPECT_TRUE(Fails(vllReadConfigValue(file, "S", "k", buffer, &size), EIO));
     EXPECT_EQ(size, sizeof buffer);
     EXPECT_TRUE(fail.happened());
     const FailCall again("read", 2, EIO, 100);

@@ -58,8 +58,7 @@ TEST_F(FileTest, an_existing_target) {
     WriteFile(kTarget, "old");
     ASSERT_EQ(link(kTarget, "/var/tmp/other_link"), 0);
     ASSERT_EQ(chmod(kSource, 0600), 0);
-    EXPECT_FALSE(vllCopyFile(kSource, kTarget, TRUE));
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(Fails(vllCopyFile(kSource, kTarget, TRUE), EEXIST));
     EXPECT_EQ(ReadFile(kTarget), "old");
     EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
     EXPECT_EQ(ReadFile(kTarget), "new");
@@ -67,21 +66,15 @@ TEST_F(FileTest, an_existing_target) {
     EXPECT_EQ(ReadFile("/var/tmp/other_link"), "old");
 
     // A directory cannot be unlinked.
-    EXPECT_FALSE(vllCopyFile(kSource, "/var/tmp/upload", FALSE));
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(Fails(vllCopyFile(kSource, "/var/tmp/upload", FALSE), EEXIST));
     // A directory as source costs no target.
-    EXPECT_FALSE(vllCopyFile("/var/tmp/upload", kTarget, FALSE));
-    EXPECT_EQ(errno, EISDIR);
+    EXPECT_TRUE(Fails(vllCopyFile("/var/tmp/upload", kTarget, FALSE), EISDIR));
     EXPECT_EQ(ReadFile(kTarget), "new");
-    EXPECT_FALSE(vllCopyFile("/var/tmp/none", kTarget, FALSE));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(Fails(vllCopyFile("/var/tmp/none", kTarget, FALSE), ENOENT));
     EXPECT_EQ(ReadFile(kTarget), "new");
-    EXPECT_FALSE(vllCopyFile(kSource, "/none/target", FALSE));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(vllCopyFile(nullptr, kTarget, FALSE));
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_FALSE(vllCopyFile(kSource, nullptr, FALSE));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(Fails(vllCopyFile(kSource, "/none/target", FALSE), ENOENT));
+    EXPECT_TRUE(Fails(vllCopyFile(nullptr, kTarget, FALSE), EINVAL));
+    EXPECT_TRUE(Fails(vllCopyFile(kSource, nullptr, FALSE), EINVAL));
 }
 
 TEST_F(FileTest, a_file_copied_to_itself_is_not_lost) {
@@ -89,8 +82,7 @@ TEST_F(FileTest, a_file_copied_to_itself_is_not_lost) {
     ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
     ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
     for (const char *name : {kSource, "/var/tmp/../tmp/source", "/var/tmp/hard_link", "/var/tmp/symlink"}) {
-        EXPECT_FALSE(vllCopyFile(kSource, name, TRUE)) << name;
-        EXPECT_EQ(errno, EEXIST);
+        EXPECT_TRUE(Fails(vllCopyFile(kSource, name, TRUE), EEXIST)) << name;
         EXPECT_TRUE(vllCopyFile(kSource, name, FALSE)) << name;
         EXPECT_EQ(ReadFile(kSource), "content") << name;
         EXPECT_EQ(ReadFile(name), "content") << name;
@@ -173,8 +165,7 @@ TEST_F(FileTest, sources_that_are_no_regular_files) {
     EXPECT_EQ(ReadFile(kTarget), "");
     // Without end, until the target is full.
     routine = {};
-    EXPECT_FALSE(vllCopyFileEx("/dev/zero", "/other/zeros", progress, &routine, nullptr, 0));
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_TRUE(Fails(vllCopyFileEx("/dev/zero", "/other/zeros", progress, &routine, nullptr, 0), ENOSPC));
     EXPECT_FALSE(Exists("/other/zeros"));
     ASSERT_FALSE(routine.calls.empty());
     EXPECT_EQ(routine.calls[0].total, -1);
@@ -182,8 +173,7 @@ TEST_F(FileTest, sources_that_are_no_regular_files) {
 
 TEST_F(FileTest, failures_leave_no_target) {
     WriteFile(kSource, content(2000000));
-    EXPECT_FALSE(vllCopyFile(kSource, "/other/target", FALSE));  // a file system of 1 MiB
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_TRUE(Fails(vllCopyFile(kSource, "/other/target", FALSE), ENOSPC));
     EXPECT_FALSE(Exists("/other/target"));
     struct Row {
         const char *call;
@@ -192,8 +182,7 @@ TEST_F(FileTest, failures_leave_no_target) {
     for (const Row &row : {Row{"read", 3, EIO}, Row{"write", 3, EDQUOT}, Row{"fsync", 1, EIO},
                            Row{"open64", 1, EMFILE}, Row{"open64", 2, EROFS}}) {
         const FailCall fail(row.call, row.nth, row.error);
-        EXPECT_FALSE(vllCopyFile(kSource, kTarget, FALSE)) << row.call;
-        EXPECT_EQ(errno, row.error) << row.call;
+        EXPECT_TRUE(Fails(vllCopyFile(kSource, kTarget, FALSE), row.error)) << row.call;
         EXPECT_FALSE(Exists(kTarget)) << row.call;
     }
     for (const char *call : {"open64", "read", "write", "fsync"}) {
@@ -212,8 +201,7 @@ TEST_F(FileTest, a_write_that_is_cut_short_fails_the_copy) {
         const rlimit limit = {6000, 6000};
         signal(SIGXFSZ, SIG_IGN);
         EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-        EXPECT_FALSE(vllCopyFile(kSource, kTarget, FALSE));
-        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_TRUE(Fails(vllCopyFile(kSource, kTarget, FALSE), ENOSPC));
         EXPECT_FALSE(Exists(kTarget));
         return 0;
     });
@@ -282,8 +270,7 @@ TEST_F(FileTest, linked_or_copied) {
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, TRUE));
     ASSERT_EQ(stat(kSource, &source), 0);
     EXPECT_EQ(source.st_nlink, 2U);
-    EXPECT_FALSE(vllLinkOrCopyFile(kSource, kTarget, TRUE));
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, kTarget, TRUE), EEXIST));
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, FALSE));
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, kSource, FALSE));
     for (const char *symbolic_link : {"/var/tmp/link", "/other/link"}) {
@@ -298,25 +285,20 @@ TEST_F(FileTest, linked_or_copied) {
     ASSERT_EQ(stat(kSource, &source), 0);
     ASSERT_EQ(stat(kTarget, &target), 0);
     EXPECT_EQ(source.st_ino, target.st_ino);
-    EXPECT_FALSE(vllLinkOrCopyFile(kSource, "/var/tmp/upload", FALSE));
-    EXPECT_EQ(errno, EISDIR);
-    EXPECT_FALSE(vllLinkOrCopyFile("/var/tmp/none", kTarget, FALSE));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, "/var/tmp/upload", FALSE), EISDIR));
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile("/var/tmp/none", kTarget, FALSE), ENOENT));
     EXPECT_EQ(ReadFile(kTarget), "content");
-    EXPECT_FALSE(vllLinkOrCopyFile(nullptr, kTarget, FALSE));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile(nullptr, kTarget, FALSE), EINVAL));
 
     // Across file systems.
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, "/other/target", TRUE));
     EXPECT_EQ(ReadFile("/other/target"), "content");
-    EXPECT_FALSE(vllLinkOrCopyFile(kSource, "/other/target", TRUE));
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, "/other/target", TRUE), EEXIST));
     WriteFile("/other/target", "old");
     EXPECT_TRUE(vllLinkOrCopyFile(kSource, "/other/target", FALSE));
     EXPECT_EQ(ReadFile("/other/target"), "content");
     WriteFile(kSource, content(2000000));
-    EXPECT_FALSE(vllLinkOrCopyFile(kSource, "/other/full", FALSE));
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, "/other/full", FALSE), ENOSPC));
     EXPECT_FALSE(Exists("/other/full"));
     const FailCall fail("link", 2, EMLINK);
     EXPECT_FALSE(vllLinkOrCopyFile(kSource, kTarget, FALSE) && vllLinkOrCopyFile(kSource, kTarget, FALSE));
@@ -376,13 +358,11 @@ TEST_F(FileTest, moved) {
 TEST_F(FileTest, moves_that_go_wrong) {
     EXPECT_FALSE(vllMoveFile(nullptr, kTarget));
     EXPECT_FALSE(vllMoveFileEx(nullptr, kTarget, MOVE_DELAY_UNTIL_REBOOT));
-    EXPECT_FALSE(vllMoveFileEx("/var/tmp/none", kTarget, MOVE_COPY_ALLOWED));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(Fails(vllMoveFileEx("/var/tmp/none", kTarget, MOVE_COPY_ALLOWED), ENOENT));
     WriteFile(kSource, "content");
     {
         const FailCall fail("unlink", 1, EPERM);  // then the new link goes again
-        EXPECT_FALSE(vllMoveFile(kSource, kTarget));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_TRUE(Fails(vllMoveFile(kSource, kTarget), EPERM));
     }
     EXPECT_FALSE(Exists(kTarget));
     // A directory moves only by rename; a copy of it costs nothing that exists.
@@ -425,10 +405,8 @@ TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
         ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
         ASSERT_EQ(symlink(kSource, other_link), 0);
         EXPECT_FALSE(vllMoveFile(row.from, row.to));
-        EXPECT_FALSE(vllMoveFileEx(row.from, row.to, 0));
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(vllMoveFileEx(row.from, row.to, MOVE_COPY_ALLOWED));
-        EXPECT_EQ(errno, EEXIST);
+        EXPECT_TRUE(Fails(vllMoveFileEx(row.from, row.to, 0), EINVAL));
+        EXPECT_TRUE(Fails(vllMoveFileEx(row.from, row.to, MOVE_COPY_ALLOWED), EEXIST));
         EXPECT_EQ(ReadFile(row.from) + ReadFile(row.to), "contentcontent");
         EXPECT_TRUE(vllMoveFileEx(row.from, row.to, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
         struct stat status;
@@ -441,8 +419,8 @@ TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
     ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
     {
         const FailCall fail("unlink", 1, EPERM);
-        EXPECT_FALSE(vllMoveFileEx(kSource, "/var/tmp/hard_link", MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_TRUE(Fails(
+            vllMoveFileEx(kSource, "/var/tmp/hard_link", MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED), EPERM));
     }
     EXPECT_EQ(ReadFile(kSource) + ReadFile("/var/tmp/hard_link"), "contentcontent");
     ASSERT_EQ(umount("/var/ulmex/mounted"), 0);
@@ -451,21 +429,17 @@ TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
 TEST_F(FileTest, deleted) {
     WriteFile(kTarget, "");
     EXPECT_TRUE(vllDeleteFile(kTarget));
-    EXPECT_FALSE(vllDeleteFile(kTarget));
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_TRUE(Fails(vllDeleteFile(kTarget), ENOENT));
     EXPECT_TRUE(vllDeleteFile("/var/tmp/upload"));
-    EXPECT_FALSE(vllDeleteFile("/var/ulmex"));
-    EXPECT_EQ(errno, ENOTEMPTY);
-    EXPECT_FALSE(vllDeleteFile(nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(Fails(vllDeleteFile("/var/ulmex"), ENOTEMPTY));
+    EXPECT_TRUE(Fails(vllDeleteFile(nullptr), EINVAL));
 }
 
 TEST_F(FileTest, deferred_moves) {
     EXPECT_TRUE(vllMoveFileEx("/a/old", "/a/new", MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING));
     EXPECT_TRUE(vllMoveFileEx("/b/old", "/b/new", MOVE_DELAY_UNTIL_REBOOT));
     EXPECT_TRUE(vllMoveFileEx("/c/old", nullptr, MOVE_DELAY_UNTIL_REBOOT));
-    EXPECT_FALSE(vllMoveFileEx("/d\n/old", "/d/new", MOVE_DELAY_UNTIL_REBOOT));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(Fails(vllMoveFileEx("/d\n/old", "/d/new", MOVE_DELAY_UNTIL_REBOOT), EINVAL));
     EXPECT_EQ(ReadFile("/etc/moved.conf"), "/a/old /a/new replace_existing\n/b/old  NULL\n/c/old  NULL\n");
 
     // A full file system takes no half line.
@@ -475,13 +449,11 @@ TEST_F(FileTest, deferred_moves) {
     EXPECT_FALSE(vllCopyFile("/dev/zero", "/other/filler", FALSE));
     WriteFile("/other/filler", std::string(2 << 20, 'f'));
     const std::string long_name = "/" + std::string(8000, 'l');
-    EXPECT_FALSE(vllMoveFileEx(long_name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT));
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_TRUE(Fails(vllMoveFileEx(long_name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT), ENOSPC));
     EXPECT_EQ(ReadFile("/other/moved.conf"), "/first  NULL\n");
     ASSERT_EQ(unlink("/etc/moved.conf"), 0);
     ASSERT_EQ(mkdir("/etc/moved.conf", 0755), 0);
-    EXPECT_FALSE(vllMoveFileEx("/b/old", nullptr, MOVE_DELAY_UNTIL_REBOOT));
-    EXPECT_EQ(errno, EISDIR);
+    EXPECT_TRUE(Fails(vllMoveFileEx("/b/old", nullptr, MOVE_DELAY_UNTIL_REBOOT), EISDIR));
 }
 
 TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {

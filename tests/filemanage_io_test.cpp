@@ -95,11 +95,9 @@ TEST_F(FileTest, read_write_position_size) {
     EXPECT_TRUE(vllCloseHandle(file));
 
     count = 5;
-    EXPECT_FALSE(vllReadFile(9999, buffer.data(), 16, &count, nullptr));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(Fails(vllReadFile(9999, buffer.data(), 16, &count, nullptr), EBADF));
     EXPECT_EQ(count, 0xFFFFFFFFU);
-    EXPECT_FALSE(vllWriteFile(9999, buffer.data(), 16, &count, nullptr));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(Fails(vllWriteFile(9999, buffer.data(), 16, &count, nullptr), EBADF));
     EXPECT_FALSE(vllFlushFileBuffers(9999));
     EXPECT_EQ(vllGetFileSize(9999), 0xFFFFFFFFU);
     EXPECT_EQ(errno, EBADF);

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -25,4 +27,11 @@ inline bool Exists(const std::string &path) {
 inline mode_t ModeOf(const std::string &path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+// Whether an operation was refused, with 0 and this last error.
+inline testing::AssertionResult Fails(int64_t result, int error) {
+    const int last_error = errno;
+    return (result == 0 && last_error == error ? testing::AssertionSuccess() : testing::AssertionFailure())
+           << "result " << result << ", errno " << last_error << " for " << error;
 }
