@@ -2,22 +2,19 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <csignal>
-#include <cstring>
+#include <tuple>
 
 #include "filemanage_test.h"
 #include "support/child.h"
-#include "support/private_machine.h"
+#include "support/objects.h"
 
 namespace {
 
 const char *const kSource = "/var/tmp/source";
 const char *const kTarget = "/var/tmp/target";
 
-struct Call {
-    LARGE_INTEGER total, copied, chunk_size, chunk_bytes;
-    DWORD chunk, reason;
-    bool descriptors_open;
-};
+// Total, copied, chunk size, bytes of the chunk; its number, reason; whether the descriptors are open.
+using Call = std::tuple<LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD, DWORD, bool>;
 
 struct Routine {
     std::vector<DWORD> answers;  // the last one for all further calls
@@ -64,17 +61,17 @@ TEST_F(FileTest, an_existing_target) {
     EXPECT_EQ(ReadFile(kTarget), "new");
     EXPECT_EQ(ModeOf(kTarget), 0600U);
     EXPECT_EQ(ReadFile("/var/tmp/other_link"), "old");
-
-    // A directory cannot be unlinked.
-    EXPECT_TRUE(Fails(vllCopyFile(kSource, "/var/tmp/upload", FALSE), EEXIST));
-    // A directory as source costs no target.
-    EXPECT_TRUE(Fails(vllCopyFile("/var/tmp/upload", kTarget, FALSE), EISDIR));
-    EXPECT_EQ(ReadFile(kTarget), "new");
-    EXPECT_TRUE(Fails(vllCopyFile("/var/tmp/none", kTarget, FALSE), ENOENT));
-    EXPECT_EQ(ReadFile(kTarget), "new");
-    EXPECT_TRUE(Fails(vllCopyFile(kSource, "/none/target", FALSE), ENOENT));
-    EXPECT_TRUE(Fails(vllCopyFile(nullptr, kTarget, FALSE), EINVAL));
-    EXPECT_TRUE(Fails(vllCopyFile(kSource, nullptr, FALSE), EINVAL));
+    const struct {
+        const char *source, *target;
+        int error;
+    } refused[] = {{kSource, "/var/tmp/upload", EEXIST},  // a directory cannot be unlinked
+                   {"/var/tmp/upload", kTarget, EISDIR},  // and costs no target as source
+                   {"/var/tmp/none", kTarget, ENOENT},   {kSource, "/none/target", ENOENT},
+                   {nullptr, kTarget, EINVAL},           {kSource, nullptr, EINVAL}};
+    for (const auto &row : refused) {
+        EXPECT_TRUE(Fails(vllCopyFile(row.source, row.target, FALSE), row.error));
+        EXPECT_EQ(ReadFile(kTarget), "new");
+    }
 }
 
 TEST_F(FileTest, a_file_copied_to_itself_is_not_lost) {
@@ -97,15 +94,7 @@ TEST_F(FileTest, progress_is_told_after_every_16th_chunk) {
     WriteFile(kSource, content(70000));
     Routine routine;
     EXPECT_TRUE(vllCopyFileEx(kSource, kTarget, progress, &routine, nullptr, 0));
-    ASSERT_EQ(routine.calls.size(), 1U);
-    const Call &call = routine.calls[0];
-    EXPECT_EQ(call.total, 70000);
-    EXPECT_EQ(call.copied, 65536);
-    EXPECT_EQ(call.chunk_size, 4096);
-    EXPECT_EQ(call.chunk_bytes, 4096);
-    EXPECT_EQ(call.chunk, 16U);
-    EXPECT_EQ(call.reason, 0U);
-    EXPECT_TRUE(call.descriptors_open);
+    EXPECT_EQ(routine.calls, (std::vector<Call>{{70000, 65536, 4096, 4096, 16, 0, true}}));
 }
 
 TEST_F(FileTest, what_the_routine_answers) {
@@ -168,7 +157,7 @@ TEST_F(FileTest, sources_that_are_no_regular_files) {
     EXPECT_TRUE(Fails(vllCopyFileEx("/dev/zero", "/other/zeros", progress, &routine, nullptr, 0), ENOSPC));
     EXPECT_FALSE(Exists("/other/zeros"));
     ASSERT_FALSE(routine.calls.empty());
-    EXPECT_EQ(routine.calls[0].total, -1);
+    EXPECT_EQ(std::get<0>(routine.calls[0]), -1);
 }
 
 TEST_F(FileTest, failures_leave_no_target) {
@@ -205,8 +194,7 @@ TEST_F(FileTest, a_write_that_is_cut_short_fails_the_copy) {
         EXPECT_FALSE(Exists(kTarget));
         return 0;
     });
-    EXPECT_TRUE(result.exited);
-    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(result.exited && result.status == 0) << result.status;
 }
 
 TEST_F(FileTest, files_over_2_gib_are_copied_whole) {
@@ -218,7 +206,7 @@ TEST_F(FileTest, files_over_2_gib_are_copied_whole) {
     routine.answers = {PROGRESS_CANCEL};
     EXPECT_FALSE(vllCopyFileEx(kSource, kTarget, progress, &routine, nullptr, 0));
     ASSERT_EQ(routine.calls.size(), 1U);
-    EXPECT_EQ(routine.calls[0].total, size);
+    EXPECT_EQ(std::get<0>(routine.calls[0]), size);
     // And whole, between descriptors that are read from beyond 2 GiB.
     EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 0x7FFFFFFF, FILE_BEGIN), 0x7FFFFFFFU);
     EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 1, FILE_CURRENT), 0x80000000U);
@@ -236,128 +224,131 @@ TEST_F(FileTest, a_copy_is_cancelled) {
     WriteFile(kSource, content(70000));
     ASSERT_EQ(mkfifo("/var/tmp/fifo", 0666), 0);
     const Fd fifo(open("/var/tmp/fifo", O_RDWR | O_CLOEXEC));
-    using Body = uint32_t (*)(LPVOID);
-    const Body in_read = [](LPVOID) -> uint32_t {
-        return vllCopyFile("/var/tmp/fifo", kTarget, FALSE) == FALSE;
+    const LPPROGRESS_ROUTINE sleep = [](LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD,
+                                        DWORD, HANDLE, HANDLE, LPVOID never) -> DWORD {
+        return vllWaitForSingleObject(*static_cast<const HANDLE *>(never), INFINITE);
     };
-    const Body in_routine = [](LPVOID) -> uint32_t {
-        const auto sleep = [](LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD, DWORD,
-                              HANDLE, HANDLE, LPVOID) -> DWORD {
-            const HANDLE never = vllCreateEvent(TRUE, FALSE, nullptr);
-            pthread_cleanup_push([](void *event) { vllCloseHandle(*static_cast<const HANDLE *>(event)); },
-                                 const_cast<HANDLE *>(&never));
-            vllWaitForSingleObject(never, INFINITE);
-            pthread_cleanup_pop(1);
-            return PROGRESS_CONTINUE;
-        };
-        return vllCopyFileEx(kSource, kTarget, sleep, nullptr, nullptr, 0) == FALSE;
-    };
-    for (const Body body : {in_read, in_routine}) {
-        const HANDLE thread = vllCreateThread(0, body, nullptr, nullptr, 0);
-        ASSERT_NE(thread, 0U);
+    const Owned event(MakeManualEvent());
+    HANDLE never = event;
+    for (const char *source : {"/var/tmp/fifo", kSource}) {
+        const auto copy = [&] { vllCopyFileEx(source, kTarget, sleep, &never, nullptr, 0); };
+        const HANDLE thread = StartThread(copy);
         EXPECT_TRUE(WaitUntil([] { return Exists(kTarget); }));
         EXPECT_TRUE(vllTerminateThread(thread, 0));
-        EXPECT_EQ(vllWaitForSingleObject(thread, 20000), WAIT_OBJECT_0);
-        vllCloseHandle(thread);
+        FinishThread(thread);
         EXPECT_FALSE(Exists(kTarget));
     }
 }
 
 TEST_F(FileTest, linked_or_copied) {
-    WriteFile(kSource, "content");
-    struct stat source;
-    struct stat target;
-    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, TRUE));
-    ASSERT_EQ(stat(kSource, &source), 0);
-    EXPECT_EQ(source.st_nlink, 2U);
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, kTarget, TRUE), EEXIST));
-    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, FALSE));
-    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kSource, FALSE));
-    for (const char *symbolic_link : {"/var/tmp/link", "/other/link"}) {
-        ASSERT_EQ(symlink(kSource, symbolic_link), 0);
-        EXPECT_TRUE(vllLinkOrCopyFile(symbolic_link, kSource, FALSE));
-        EXPECT_EQ(ReadFile(kSource), "content");
-    }
-
-    ASSERT_EQ(unlink(kTarget), 0);
-    WriteFile(kTarget, "old");
-    EXPECT_TRUE(vllLinkOrCopyFile(kSource, kTarget, FALSE));
-    ASSERT_EQ(stat(kSource, &source), 0);
-    ASSERT_EQ(stat(kTarget, &target), 0);
-    EXPECT_EQ(source.st_ino, target.st_ino);
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, "/var/tmp/upload", FALSE), EISDIR));
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile("/var/tmp/none", kTarget, FALSE), ENOENT));
-    EXPECT_EQ(ReadFile(kTarget), "content");
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile(nullptr, kTarget, FALSE), EINVAL));
-
-    // Across file systems.
-    EXPECT_TRUE(vllLinkOrCopyFile(kSource, "/other/target", TRUE));
-    EXPECT_EQ(ReadFile("/other/target"), "content");
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, "/other/target", TRUE), EEXIST));
-    WriteFile("/other/target", "old");
-    EXPECT_TRUE(vllLinkOrCopyFile(kSource, "/other/target", FALSE));
-    EXPECT_EQ(ReadFile("/other/target"), "content");
-    WriteFile(kSource, content(2000000));
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, "/other/full", FALSE), ENOSPC));
-    EXPECT_FALSE(Exists("/other/full"));
-    const FailCall fail("link", 2, EMLINK);
-    EXPECT_FALSE(vllLinkOrCopyFile(kSource, kTarget, FALSE) && vllLinkOrCopyFile(kSource, kTarget, FALSE));
-}
-
-TEST_F(FileTest, moved) {
+    const char *const other = "/other/target";
+    const std::string much = content(2000000);  // more than /other holds
     struct Row {
-        const char *target;
+        const char *source, *target;
+        BOOL fail_if_exists;
         bool exists;
-        int64_t flags;  // -1: vllMoveFile()
-        BOOL result;
-        int error;
+        int error;  // 0: the target has the source's content
     };
     const Row rows[] = {
-        {kTarget, false, -1, TRUE, 0},
-        {kTarget, true, -1, FALSE, EEXIST},
-        {"/other/target", false, -1, FALSE, EXDEV},
-        {kTarget, false, 0, TRUE, 0},
-        {kTarget, true, 0, FALSE, EINVAL},
-        {kTarget, false, MOVE_REPLACE_EXISTING, TRUE, 0},
-        {kTarget, true, MOVE_REPLACE_EXISTING, TRUE, 0},
-        {kTarget, true, MOVE_COPY_ALLOWED, FALSE, EEXIST},
-        {kTarget, true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, TRUE, 0},
-        {"/other/target", false, 0, FALSE, EINVAL},
-        {"/other/target", false, MOVE_REPLACE_EXISTING, FALSE, EINVAL},
-        {"/other/target", false, MOVE_COPY_ALLOWED, TRUE, 0},
-        {"/other/target", true, MOVE_COPY_ALLOWED, FALSE, EEXIST},
-        {"/other/target", true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, TRUE, 0},
-        {nullptr, false, 0, FALSE, EINVAL},
-        {nullptr, false, MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING, FALSE, EINVAL},
-        {kTarget, false, MOVE_COPY_ALLOWED | MOVE_DELAY_UNTIL_REBOOT, FALSE, EINVAL},
+        {kSource, kTarget, TRUE, false, 0},
+        {kSource, kTarget, TRUE, true, EEXIST},
+        {kSource, kTarget, FALSE, true, 0},
+        {kSource, kSource, FALSE, false, 0},
+        {"/var/tmp/hard_link", kSource, FALSE, false, 0},
+        {"/var/tmp/symlink", kSource, FALSE, false, 0},
+        {"/other/symlink", kSource, FALSE, false, 0},
+        {kSource, "/var/tmp/upload", FALSE, false, EISDIR},
+        {"/var/tmp/none", kTarget, FALSE, true, ENOENT},
+        {nullptr, kTarget, FALSE, true, EINVAL},
+        {kSource, nullptr, FALSE, false, EINVAL},
+        {kSource, other, TRUE, false, 0},
+        {kSource, other, TRUE, true, EEXIST},
+        {kSource, other, FALSE, true, 0},
+        {"/var/tmp/much", other, TRUE, false, ENOSPC},
     };
+    WriteFile("/var/tmp/much", much);
+    WriteFile(kSource, "content");
+    ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
+    ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
+    ASSERT_EQ(symlink(kSource, "/other/symlink"), 0);
     for (const Row &row : rows) {
-        SCOPED_TRACE(std::string(row.target != nullptr ? row.target : "null") + ", flags " +
-                     std::to_string(row.flags) + (row.exists ? ", exists" : ""));
+        SCOPED_TRACE(&row - rows);
         unlink(kTarget);
-        unlink("/other/target");
-        WriteFile(kSource, "moved");
+        unlink(other);
         if (row.exists) {
             WriteFile(row.target, "old");
         }
         errno = 0;
-        const BOOL result = row.flags == -1
-                                ? vllMoveFile(kSource, row.target)
-                                : vllMoveFileEx(kSource, row.target, static_cast<DWORD>(row.flags));
-        EXPECT_EQ(result, row.result);
-        if (!row.result) {
-            EXPECT_EQ(errno, row.error);
+        EXPECT_EQ(vllLinkOrCopyFile(row.source, row.target, row.fail_if_exists), row.error == 0);
+        EXPECT_EQ(row.error == 0 ? 0 : errno, row.error);
+        EXPECT_EQ(ReadFile(kSource), "content");
+        if (row.error == 0 || row.exists) {
+            EXPECT_EQ(ReadFile(row.target), row.error == 0 ? "content" : "old");
         }
-        EXPECT_EQ(Exists(kSource), row.result == FALSE);
+        struct stat status;
+        ASSERT_EQ(stat(kSource, &status), 0);
+        EXPECT_EQ(status.st_nlink, row.error == 0 && row.target == kTarget ? 3U : 2U);
+    }
+    EXPECT_FALSE(Exists(other));
+    // The second link fails as the first one did not.
+    WriteFile(kTarget, "old");
+    const FailCall fail("link", 2, EMLINK);
+    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, kTarget, FALSE), EMLINK));
+}
+
+TEST_F(FileTest, moved) {
+    const char *const other = "/other/target";
+    constexpr int64_t kPlain = -1;  // vllMoveFile()
+    struct Row {
+        const char *target;
+        bool exists;
+        int64_t flags;
+        int error;  // 0: moved
+    };
+    const Row rows[] = {
+        {kTarget, false, kPlain, 0},
+        {kTarget, true, kPlain, EEXIST},
+        {other, false, kPlain, EXDEV},
+        {kTarget, false, 0, 0},
+        {kTarget, true, 0, EINVAL},
+        {kTarget, false, MOVE_REPLACE_EXISTING, 0},
+        {kTarget, true, MOVE_REPLACE_EXISTING, 0},
+        {kTarget, true, MOVE_COPY_ALLOWED, EEXIST},
+        {kTarget, true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, 0},
+        {other, false, 0, EINVAL},
+        {other, false, MOVE_REPLACE_EXISTING, EINVAL},
+        {other, false, MOVE_COPY_ALLOWED, 0},
+        {other, true, MOVE_COPY_ALLOWED, EEXIST},
+        {other, true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, 0},
+        {nullptr, false, kPlain, EINVAL},
+        {nullptr, false, 0, EINVAL},
+        {nullptr, false, MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING, EINVAL},
+        {kTarget, false, MOVE_COPY_ALLOWED | MOVE_DELAY_UNTIL_REBOOT, EINVAL},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(&row - rows);
+        unlink(kTarget);
+        unlink(other);
+        WriteFile(kSource, "moved");
+        if (row.exists) {
+            WriteFile(row.target, "old");
+        }
+        const auto flags = static_cast<DWORD>(row.flags);
+        errno = 0;
+        const BOOL moved = row.flags == kPlain ? vllMoveFile(kSource, row.target)
+                                               : vllMoveFileEx(kSource, row.target, flags);
+        EXPECT_EQ(moved, row.error == 0);
+        EXPECT_EQ(moved ? 0 : errno, row.error);
+        EXPECT_EQ(Exists(kSource), !moved);
         if (row.target != nullptr) {
-            EXPECT_EQ(ReadFile(row.target), row.result ? "moved" : row.exists ? "old" : "");
+            EXPECT_EQ(ReadFile(row.target), moved ? "moved" : row.exists ? "old" : "");
         }
     }
 }
 
 TEST_F(FileTest, moves_that_go_wrong) {
-    EXPECT_FALSE(vllMoveFile(nullptr, kTarget));
-    EXPECT_FALSE(vllMoveFileEx(nullptr, kTarget, MOVE_DELAY_UNTIL_REBOOT));
+    EXPECT_TRUE(Fails(vllMoveFile(nullptr, kTarget), EINVAL));
+    EXPECT_TRUE(Fails(vllMoveFileEx(nullptr, kTarget, MOVE_DELAY_UNTIL_REBOOT), EINVAL));
     EXPECT_TRUE(Fails(vllMoveFileEx("/var/tmp/none", kTarget, MOVE_COPY_ALLOWED), ENOENT));
     WriteFile(kSource, "content");
     {
@@ -375,7 +366,19 @@ TEST_F(FileTest, moves_that_go_wrong) {
 // The names of a move may be one file already. Whatever they are, its content is under the new one afterwards, and the
 // old one is gone unless it is the same.
 TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
+    const char *const hard_link = "/var/tmp/hard_link";
+    const char *const symbolic_link = "/var/tmp/symlink";
     const char *const other_link = "/other/link";
+    constexpr DWORD kReplaceOrCopy = MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED;
+    const auto make_links = [&] {
+        for (const char *name : {kSource, symbolic_link, hard_link, other_link}) {
+            unlink(name);
+        }
+        WriteFile(kSource, "content");
+        EXPECT_EQ(link(kSource, hard_link), 0);
+        EXPECT_EQ(symlink(kSource, symbolic_link), 0);
+        EXPECT_EQ(symlink(kSource, other_link), 0);
+    };
     struct Row {
         const char *from, *to;
         bool gone;
@@ -383,47 +386,36 @@ TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
     const Row rows[] = {
         {kSource, kSource, false},
         {kSource, "/var/tmp/../tmp/source", false},
-        {kSource, "/var/tmp/hard_link", true},
-        {"/var/tmp/symlink", kSource, true},
-        {"/var/tmp/symlink", "/var/tmp/hard_link", true},
+        {kSource, hard_link, true},
+        {symbolic_link, kSource, true},
+        {symbolic_link, hard_link, true},
         {other_link, kSource, true},
-        {kSource, "/var/tmp/symlink", true},
+        {kSource, symbolic_link, true},
         {kSource, other_link, true},
         {kSource, "/var/ulmex/mounted/source", false},
         {kSource, "/var/ulmex/mounted/hard_link", true},
-        {"/var/tmp/symlink", "/var/ulmex/mounted/source", true},
+        {symbolic_link, "/var/ulmex/mounted/source", true},
     };
     ASSERT_EQ(mkdir("/var/ulmex/mounted", 0755), 0);
     ASSERT_EQ(mount("/var/tmp", "/var/ulmex/mounted", nullptr, MS_BIND, nullptr), 0);
     for (const Row &row : rows) {
         SCOPED_TRACE(std::string(row.from) + " to " + row.to);
-        for (const char *name : {kSource, "/var/tmp/symlink", "/var/tmp/hard_link", other_link}) {
-            unlink(name);
-        }
-        WriteFile(kSource, "content");
-        ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
-        ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
-        ASSERT_EQ(symlink(kSource, other_link), 0);
+        make_links();
         EXPECT_FALSE(vllMoveFile(row.from, row.to));
         EXPECT_TRUE(Fails(vllMoveFileEx(row.from, row.to, 0), EINVAL));
         EXPECT_TRUE(Fails(vllMoveFileEx(row.from, row.to, MOVE_COPY_ALLOWED), EEXIST));
         EXPECT_EQ(ReadFile(row.from) + ReadFile(row.to), "contentcontent");
-        EXPECT_TRUE(vllMoveFileEx(row.from, row.to, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
+        EXPECT_TRUE(vllMoveFileEx(row.from, row.to, kReplaceOrCopy));
         struct stat status;
         EXPECT_EQ(lstat(row.from, &status) == -1, row.gone);
         EXPECT_EQ(ReadFile(row.to), "content");
     }
-    // A name that cannot be removed stays, and costs neither link nor content.
-    WriteFile(kSource, "content");
-    unlink("/var/tmp/hard_link");
-    ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
-    {
-        const FailCall fail("unlink", 1, EPERM);
-        EXPECT_TRUE(Fails(
-            vllMoveFileEx(kSource, "/var/tmp/hard_link", MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED), EPERM));
-    }
-    EXPECT_EQ(ReadFile(kSource) + ReadFile("/var/tmp/hard_link"), "contentcontent");
     ASSERT_EQ(umount("/var/ulmex/mounted"), 0);
+    // A name that cannot be removed stays, and costs neither link nor content.
+    make_links();
+    const FailCall fail("unlink", 1, EPERM);
+    EXPECT_TRUE(Fails(vllMoveFileEx(kSource, hard_link, kReplaceOrCopy), EPERM));
+    EXPECT_EQ(ReadFile(kSource) + ReadFile(hard_link), "contentcontent");
 }
 
 TEST_F(FileTest, deleted) {
