@@ -7,16 +7,19 @@
 #include <unistd.h>
 #include <cerrno>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 inline void WriteFile(const std::string &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
+// Empty when it cannot be read.
 inline std::string ReadFile(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }
 
 inline bool Exists(const std::string &path) {
