@@ -106,8 +106,12 @@ class ConfigCopy final {
             errno = error_;
             return false;
         }
+        int flushed;
+        do {
+            flushed = fsync(fd_.get());
+        } while (flushed == -1 && errno == EINTR);
         // A file system that cannot flush has nothing to lose by it.
-        return (fsync(fd_.get()) == 0 || errno == EINVAL) && vlliCloseFd(fd_.release()) == 0;
+        return (flushed == 0 || errno == EINVAL) && vlliCloseFd(fd_.release()) == 0;
     }
 
     // Renaming replaces the old file in one step: no reader finds it missing. A failure is not told.

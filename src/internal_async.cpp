@@ -123,15 +123,12 @@ ssize_t readNow(int fd, void *buffer, size_t size) {
     if (received != -1 || errno != ENOTSOCK) {
         return received;
     }
-    // A terminal that is ready with one byte may wait for more, unless no more are asked for.
+    // A terminal that is ready with one byte may wait for more, unless no more are asked for. Where nothing is counted
+    // the end has come, or somebody has taken what was there.
     int there = 0;
-    if (ioctl(fd, FIONREAD, &there) == -1) {
-        return read(fd, buffer, size);
-    }
-    if (there > 0) {
+    if (ioctl(fd, FIONREAD, &there) == 0 && there > 0) {
         return read(fd, buffer, std::min(size, static_cast<size_t>(there)));
     }
-    // The end, or somebody has taken what was there.
     return callNonBlocking(fd, [=] { return read(fd, buffer, size); });
 }
 

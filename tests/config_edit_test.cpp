@@ -313,9 +313,11 @@ TEST_F(ConfigEditTest, failing_calls) {
             WriteFile(file_, before);
         }
     }
-    const FailCall interrupted("write", 1, EINTR);
-    EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
-    EXPECT_TRUE(interrupted.happened());
+    for (const char *call : {"read", "write", "fsync"}) {
+        const FailCall interrupted(call, 1, EINTR);
+        EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v")) << call;
+        EXPECT_TRUE(interrupted.happened()) << call;
+    }
     // A rename that fails is not told; the new content is in the copy.
     WriteFile(file_, before);
     const FailCall fail("rename", 1, EACCES);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -87,6 +88,7 @@ struct Transfer {
     BOOL read(const Fd &fd, DWORD size) {
         return vllReadFile(asHandle(fd), buffer.data(), size, nullptr, &record);
     }
+    BOOL write(const Fd &fd, std::vector<char> &&bytes) = delete;  // the bytes must stay
     BOOL write(const Fd &fd, const std::vector<char> &bytes) {
         return vllWriteFile(asHandle(fd), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &record);
     }
@@ -187,6 +189,7 @@ TEST_F(AsyncTest, a_write_of_more_than_fits_goes_on_as_the_reader_takes_it) {
     for (const Kind kind : kAllKinds) {
         const Pair pair = makePair(kind);
         const std::vector<char> sent = pattern(1000000);
+        const std::vector<char> few = pattern(5000);
         Transfer write;
         ASSERT_TRUE(write.write(pair.writer, sent));
         EXPECT_TRUE(
@@ -196,7 +199,7 @@ TEST_F(AsyncTest, a_write_of_more_than_fits_goes_on_as_the_reader_takes_it) {
         // The service has not blocked: another transfer goes through.
         const Pair other = makePair(Kind::pipe);
         Transfer second;
-        ASSERT_TRUE(second.write(other.writer, std::vector<char>(5000)));
+        ASSERT_TRUE(second.write(other.writer, few));
         EXPECT_EQ(second.finish(), 5000);
 
         std::vector<char> received(sent.size());
@@ -238,8 +241,9 @@ TEST_F(AsyncTest, what_ends_a_transfer_early) {
         // Nobody reads: the write fails, and no signal kills the process.
         Pair pair = makePair(kind);
         pair.reader.reset();
+        const std::vector<char> sent = pattern(3);
         Transfer write;
-        ASSERT_TRUE(write.write(pair.writer, pattern(3)));
+        ASSERT_TRUE(write.write(pair.writer, sent));
         EXPECT_EQ(write.finish(), -1);
         EXPECT_EQ(write.record.transferred, 0U);
     }
@@ -277,6 +281,13 @@ TEST_F(AsyncTest, a_wake_up_for_nothing_does_not_block) {
         writeText(pair.writer, "a");
         EXPECT_EQ(read.finish(), 1);
     }
+    const Fd counter(eventfd(0, EFD_CLOEXEC));
+    Transfer take;
+    ASSERT_TRUE(take.read(counter, sizeof(uint64_t)));
+    EXPECT_EQ(wakeUp(&take, EPOLLIN), -1);
+    EXPECT_TRUE(vlliRaiseCounter(counter.get()));
+    EXPECT_EQ(take.finish(), 8);
+
     const Pair pair = makePair(Kind::pipe);
     const std::vector<char> full(static_cast<size_t>(fcntl(pair.writer.get(), F_GETPIPE_SZ)));
     writeAll(pair.writer, full.data(), full.size());

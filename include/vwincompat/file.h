@@ -86,9 +86,9 @@ VLL_API BOOL vllReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRe
  * A write to a pipe or socket that nobody reads fails with EPIPE; at once it also raises SIGPIPE, as write(2)
  * does, in the background it does not.
  *
- * A background write never blocks the service. To that end it goes through an open file of its own on a pipe or
- * terminal that is open for blocking; any other such device (no socket) is made non-blocking for the moment of the
- * write, for all who share the open file.
+ * A transfer never blocks the service. To that end a background write goes through an open file of its own on a pipe
+ * or terminal that is open for blocking. Any other such device (no socket) is made non-blocking for the moment of a
+ * read or write, for all who share the open file.
  */
 VLL_API BOOL vllWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
                           LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped);
