@@ -117,6 +117,7 @@ int32_t wakeUp(Transfer *transfer, uint32_t events) {
     epoll_event event = {};
     event.events = events;
     event.data.ptr = &transfer->record;
+    const MutexLock lock(&async_mutex);  // the service does not end meanwhile
     return vlliProcessFd(&event);
 }
 
