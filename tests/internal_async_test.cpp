@@ -251,7 +251,7 @@ TEST_F(AsyncTest, what_ends_a_transfer_early) {
     // The reader goes while the pipe is full.
     Pair pair = makePair(Kind::pipe);
     const auto room = static_cast<uint32_t>(fcntl(pair.writer.get(), F_GETPIPE_SZ));
-    const std::vector<char> sent = pattern(2 * room);
+    const std::vector<char> sent = pattern(size_t{2} * room);
     Transfer write;
     ASSERT_TRUE(write.write(pair.writer, sent));
     EXPECT_TRUE(write.reaches(room));
