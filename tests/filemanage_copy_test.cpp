@@ -1,6 +1,7 @@
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <array>
 #include <csignal>
 #include <tuple>
 
@@ -98,19 +99,21 @@ TEST_F(FileTest, progress_is_told_after_every_16th_chunk) {
 }
 
 TEST_F(FileTest, what_the_routine_answers) {
-    const std::string bytes = content(4 * 65536 + 1);
+    constexpr size_t kStep = 65536;  // from one call to the next
+    constexpr size_t kAll = 4 * kStep + 1;
     struct Row {
         std::vector<DWORD> answers;
         size_t calls;
         BOOL result;
-        int64_t target_size;  // -1: deleted
+        size_t target_size;  // 0: deleted
     };
     const Row rows[] = {
-        {{0}, 4, TRUE, 4 * 65536 + 1}, {{4, 99, 0xFFFFFFFF}, 4, TRUE, 4 * 65536 + 1},
-        {{1}, 1, FALSE, 65536},        {{0, 1}, 2, FALSE, 2 * 65536},
-        {{2}, 1, FALSE, -1},           {{0, 0, 2}, 3, FALSE, -1},
-        {{3}, 1, TRUE, 4 * 65536 + 1}, {{0, 3}, 2, TRUE, 4 * 65536 + 1},
+        {{0}, 4, TRUE, kAll},          {{4, 99, 0xFFFFFFFF}, 4, TRUE, kAll},
+        {{1}, 1, FALSE, kStep},        {{2}, 1, FALSE, 0},
+        {{0, 1}, 2, FALSE, 2 * kStep}, {{0, 0, 2}, 3, FALSE, 0},
+        {{3}, 1, TRUE, kAll},          {{0, 3}, 2, TRUE, kAll},
     };
+    const std::string bytes = content(kAll);
     WriteFile(kSource, bytes);
     for (const Row &row : rows) {
         Routine routine;
@@ -120,10 +123,8 @@ TEST_F(FileTest, what_the_routine_answers) {
         EXPECT_EQ(vllCopyFileEx(kSource, kTarget, progress, &routine, &cancel, 0), row.result);
         EXPECT_EQ(routine.calls.size(), row.calls);
         EXPECT_EQ(errno == EINTR, row.result == FALSE);
-        EXPECT_EQ(Exists(kTarget), row.target_size >= 0);
-        if (row.target_size >= 0) {
-            EXPECT_TRUE(ReadFile(kTarget) == bytes.substr(0, static_cast<size_t>(row.target_size)));
-        }
+        EXPECT_EQ(Exists(kTarget), row.target_size != 0);
+        EXPECT_TRUE(ReadFile(kTarget) == bytes.substr(0, row.target_size));
     }
 }
 
@@ -301,29 +302,29 @@ TEST_F(FileTest, moved) {
     constexpr int64_t kPlain = -1;  // vllMoveFile()
     struct Row {
         const char *target;
-        bool exists;
         int64_t flags;
+        bool exists;
         int error;  // 0: moved
     };
     const Row rows[] = {
-        {kTarget, false, kPlain, 0},
-        {kTarget, true, kPlain, EEXIST},
-        {other, false, kPlain, EXDEV},
-        {kTarget, false, 0, 0},
-        {kTarget, true, 0, EINVAL},
-        {kTarget, false, MOVE_REPLACE_EXISTING, 0},
-        {kTarget, true, MOVE_REPLACE_EXISTING, 0},
-        {kTarget, true, MOVE_COPY_ALLOWED, EEXIST},
-        {kTarget, true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, 0},
-        {other, false, 0, EINVAL},
-        {other, false, MOVE_REPLACE_EXISTING, EINVAL},
-        {other, false, MOVE_COPY_ALLOWED, 0},
-        {other, true, MOVE_COPY_ALLOWED, EEXIST},
-        {other, true, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, 0},
-        {nullptr, false, kPlain, EINVAL},
-        {nullptr, false, 0, EINVAL},
-        {nullptr, false, MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING, EINVAL},
-        {kTarget, false, MOVE_COPY_ALLOWED | MOVE_DELAY_UNTIL_REBOOT, EINVAL},
+        {kTarget, kPlain, false, 0},
+        {kTarget, kPlain, true, EEXIST},
+        {other, kPlain, false, EXDEV},
+        {kTarget, 0, false, 0},
+        {kTarget, 0, true, EINVAL},
+        {kTarget, MOVE_REPLACE_EXISTING, false, 0},
+        {kTarget, MOVE_REPLACE_EXISTING, true, 0},
+        {kTarget, MOVE_COPY_ALLOWED, true, EEXIST},
+        {kTarget, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, true, 0},
+        {other, 0, false, EINVAL},
+        {other, MOVE_REPLACE_EXISTING, false, EINVAL},
+        {other, MOVE_COPY_ALLOWED, false, 0},
+        {other, MOVE_COPY_ALLOWED, true, EEXIST},
+        {other, MOVE_COPY_ALLOWED | MOVE_REPLACE_EXISTING, true, 0},
+        {nullptr, kPlain, false, EINVAL},
+        {nullptr, 0, false, EINVAL},
+        {nullptr, MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING, false, EINVAL},
+        {kTarget, MOVE_COPY_ALLOWED | MOVE_DELAY_UNTIL_REBOOT, false, EINVAL},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(&row - rows);
@@ -451,9 +452,9 @@ TEST_F(FileTest, deferred_moves) {
 TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {
     constexpr int kProcesses = 4;
     constexpr int kLines = 200;
-    std::vector<pid_t> children;
+    std::array<pid_t, kProcesses> children;
     for (int i = 0; i < kProcesses; ++i) {
-        children.push_back(StartChild([i] {
+        children[static_cast<size_t>(i)] = StartChild([i] {
             const std::string name(static_cast<size_t>(1000 + i), static_cast<char>('a' + i));
             for (int line = 0; line < kLines; ++line) {
                 if (!vllMoveFileEx(name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT)) {
@@ -461,7 +462,7 @@ TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {
                 }
             }
             return 0;
-        }));
+        });
     }
     for (const pid_t child : children) {
         EXPECT_EQ(FinishChild(child).status, 0);

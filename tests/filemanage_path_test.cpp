@@ -177,7 +177,7 @@ TEST_F(FileTest, a_path_is_not_read_beyond_its_end) {
     ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
     for (const char *text : {"", "D", "D:", "D:\\Tolvane", "E:", "X:\\", "X:\\upload", "a\\"}) {
         char *at_end = pages + page - strlen(text) - 1;
-        strcpy(at_end, text);
+        stpcpy(at_end, text);
         convert(at_end);
         const HANDLE file = vllCreateFile(at_end, O_RDONLY | O_DIRECTORY, 0, OPEN_EXISTING);
         if (file != INVALID_HANDLE_VALUE) {
@@ -243,7 +243,7 @@ TEST_F(FileTest, strings) {
     };
     for (const auto &row : appends) {
         std::array<char, 64> buffer = {};
-        strcpy(buffer.data(), row[0]);
+        stpcpy(buffer.data(), row[0]);
         EXPECT_EQ(vllPathAppend(buffer.data(), row[1]), buffer.data());
         EXPECT_STREQ(buffer.data(), row[2]);
     }
