@@ -246,10 +246,10 @@ TEST_F(ConfigEditTest, killed_at_every_system_call) {
         for (bool done = false; !done && !HasFailure(); ++stops) {
             WriteFile(file_, before);
             done = KillAtStop(stops, [&] { row.edit(file_.c_str()); });
-            ASSERT_TRUE(Exists(file_));
+            EXPECT_TRUE(Exists(file_));
             const string content = ReadFile(file_);
             step = std::find(step, row.steps.end(), content);
-            ASSERT_NE(step, row.steps.end()) << "at stop " << stops;
+            EXPECT_NE(step, row.steps.end()) << "at stop " << stops;
             // Whatever is left there does not disturb the next edit.
             EXPECT_TRUE(vllAddConfigValue(file_.c_str(), nullptr, "next", "edit"));
             EXPECT_EQ(ReadFile(file_), "next=edit\n" + content);
