@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cstdio>
 #include <cstring>
@@ -61,10 +62,16 @@ class ConfigCopy final {
         return exists_;
     }
 
-    // Takes over what was copied there. A copy that cannot be opened stays.
+    // Takes over what was copied there, with the file's permissions: the copy was made under the process's umask.
+    // A copy that cannot be opened stays.
     bool adopt() {
+        struct stat status;
         fd_.reset(open(name_, O_RDWR | O_CLOEXEC));
         exists_ = static_cast<bool>(fd_);
+        // A file system without permissions, or a file without a name by now, has none to keep.
+        if (exists_ && stat(file_, &status) == 0) {
+            (void)fchmod(fd_.get(), status.st_mode & 0777);
+        }
         return exists_;
     }
 
@@ -99,8 +106,12 @@ class ConfigCopy final {
             errno = error_;
             return false;
         }
+        int flushed;
+        do {
+            flushed = fsync(fd_.get());
+        } while (flushed == -1 && errno == EINTR);
         // A file system that cannot flush has nothing to lose by it.
-        return (fsync(fd_.get()) == 0 || errno == EINVAL) && vlliCloseFd(fd_.release()) == 0;
+        return (flushed == 0 || errno == EINVAL) && vlliCloseFd(fd_.release()) == 0;
     }
 
     // Renaming replaces the old file in one step: no reader finds it missing. A failure is not told.

@@ -16,7 +16,8 @@ int vlliConvertToLinuxPath(char *out, const char *in);
 // nothing matches and the component is not the last of the input, or when its directory cannot be read.
 int vlliFixPathCase(char *path, char *component, int isLast);
 
-// True when both names are one entry of one directory: what is done to the one is done to the other.
+// True when both names are one entry of one directory, however spelled: what is done to the one is done to the other.
+// Symbolic links are entries themselves. errno is kept.
 bool vlliIsSameEntry(const char *one, const char *other);
 
 // A time that does not fit is -1.

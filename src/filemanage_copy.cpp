@@ -43,7 +43,9 @@ mode_t openSource(Copy *copy) {
         errno = EISDIR;
         return 0;
     }
-    copy->from.reset(vlliBlockInOpen(copy->source, O_RDONLY | O_CLOEXEC, 0));
+    do {
+        copy->from.reset(vlliBlockInOpen(copy->source, O_RDONLY | O_CLOEXEC, 0));
+    } while (!copy->from && errno == EINTR);
     if (!copy->from || fstat(copy->from.get(), &status) == -1) {
         return 0;
     }
@@ -56,10 +58,18 @@ int createNew(const char *path, mode_t mode) {
     return open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode & (S_IRWXU | S_IRWXG | S_IRWXO));
 }
 
+// True when the target is the source itself, behind all symbolic links: unlinking the one would lose the other.
+bool isSourceItself(const char *source, const char *target) {
+    const NoCancel no_cancel;
+    const KeepErrno keep_errno;
+    const std::unique_ptr<char, FreeDeleter> resolved(realpath(source, nullptr));
+    return resolved != nullptr && vlliIsSameEntry(resolved.get(), target);
+}
+
 bool createTarget(Copy *copy, mode_t mode) {
     copy->to.reset(createNew(copy->target, mode));
     if (!copy->to && errno == EEXIST && (copy->flags & COPY_FILE_FAIL_IF_EXISTS) == 0) {
-        copy->nothing_to_do = vlliIsSameEntry(copy->source, copy->target);
+        copy->nothing_to_do = isSourceItself(copy->source, copy->target);
         if (copy->nothing_to_do) {
             return true;
         }
@@ -90,7 +100,10 @@ ssize_t readChunk(int fd, void *buffer) {
 }
 
 bool writeChunk(int fd, const void *buffer, size_t size) {
-    const ssize_t written = vlliBlockInWrite(fd, buffer, size);
+    ssize_t written;
+    do {
+        written = vlliBlockInWrite(fd, buffer, size);
+    } while (written == -1 && errno == EINTR);
     if (written >= 0 && static_cast<size_t>(written) < size) {
         errno = ENOSPC;  // a write that is cut says no reason
         return false;
@@ -100,7 +113,11 @@ bool writeChunk(int fd, const void *buffer, size_t size) {
 
 // A file system that cannot flush has nothing to lose by it.
 bool flush(int fd) {
-    return vlliBlockInFsync(fd) == 0 || errno == EINVAL;
+    int result;
+    do {
+        result = vlliBlockInFsync(fd);
+    } while (result == -1 && errno == EINTR);
+    return result == 0 || errno == EINVAL;
 }
 
 bool copyContent(Copy *copy) {
@@ -157,27 +174,7 @@ void endCopy(void *argument) {
     }
 }
 
-using Path = std::unique_ptr<char, FreeDeleter>;
-
 }  // namespace
-
-bool vlliIsSameEntry(const char *one, const char *other) {
-    const NoCancel no_cancel;
-    const KeepErrno keep_errno;
-    struct stat first;
-    struct stat second;
-    if (stat(one, &first) == -1 || lstat(other, &second) == -1 || first.st_dev != second.st_dev ||
-        first.st_ino != second.st_ino) {
-        return false;
-    }
-    if (second.st_nlink == 1) {
-        return true;
-    }
-    const Path first_path(realpath(one, nullptr));
-    const Path second_path(realpath(other, nullptr));
-    return first_path != nullptr && second_path != nullptr &&
-           strcmp(first_path.get(), second_path.get()) == 0;
-}
 
 BOOL vllCopyFileEx(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, LPPROGRESS_ROUTINE lpProgressRoutine,
                    LPVOID lpData, BOOL *, DWORD dwCopyFlags) {

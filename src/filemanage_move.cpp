@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -13,13 +14,50 @@ namespace {
 constexpr const char *kDeferredMoves = "/etc/moved.conf";
 constexpr mode_t kDeferredMovesMode = 0644;
 
-// True when both are links to one object; symbolic links are objects themselves.
-bool areLinked(const char *one, const char *other) {
+bool isSameInode(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+const char *nameIn(const char *path) {
+    const char *slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+bool statDirectoryOf(const char *path, struct stat *status) {
+    char directory[PATH_MAX] = ".";
+    const auto length = static_cast<size_t>(nameIn(path) - path);
+    if (length >= sizeof directory) {
+        return false;
+    }
+    if (length != 0) {
+        memcpy(directory, path, length);
+        directory[length] = '\0';
+    }
+    return stat(directory, status) == 0;
+}
+
+// True when the new name already is the old one's file: another link to it, what it leads to, or itself.
+bool isAlreadyThere(const char *from, const char *to) {
     const KeepErrno keep_errno;
-    struct stat first;
-    struct stat second;
-    return lstat(one, &first) == 0 && lstat(other, &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
+    struct stat source;
+    struct stat target;
+    if (lstat(to, &target) == -1 || S_ISDIR(target.st_mode)) {
+        return false;
+    }
+    return (lstat(from, &source) == 0 && isSameInode(source, target)) ||
+           (stat(from, &source) == 0 && isSameInode(source, target));
+}
+
+BOOL moveByRename(const char *from, const char *to) {
+    if (!isAlreadyThere(from, to)) {
+        return rename(from, to) == 0;
+    }
+    if (vlliIsSameEntry(from, to)) {
+        // At most another case of its letters; nothing to do on a directory that is mounted twice.
+        return rename(from, to) == 0 || errno == EXDEV;
+    }
+    // rename(2) would leave both names of one file, and replace what a symbolic link leads to by the link.
+    return unlink(from) == 0;
 }
 
 BOOL moveByLink(const char *from, const char *to) {
@@ -42,7 +80,10 @@ BOOL appendLine(const char *line, size_t length) {
     if (!file) {
         return FALSE;
     }
-    const ssize_t written = write(file.get(), line, length);
+    ssize_t written;
+    do {
+        written = write(file.get(), line, length);
+    } while (written == -1 && errno == EINTR);
     if (written == static_cast<ssize_t>(length)) {
         return TRUE;
     }
@@ -77,14 +118,28 @@ BOOL deferMove(const char *from, const char *to, bool replace) {
 }
 
 BOOL moveByCopy(const char *from, const char *to, bool replace) {
-    if (vlliIsSameEntry(from, to)) {
-        // One entry under two names, on a directory mounted twice: it must not be deleted.
-        return replace || vlliFailInvalid();
+    if (replace && isAlreadyThere(from, to)) {
+        return FALSE;  // there was only the old name to be removed
     }
     return vllCopyFile(from, to, replace ? FALSE : TRUE) && vllDeleteFile(from);
 }
 
 }  // namespace
+
+bool vlliIsSameEntry(const char *one, const char *other) {
+    const KeepErrno keep_errno;
+    struct stat first;
+    struct stat second;
+    if (lstat(one, &first) == -1 || lstat(other, &second) == -1 || !isSameInode(first, second)) {
+        return false;
+    }
+    if (first.st_nlink == 1) {
+        return true;
+    }
+    // Of several links, those of one name in one directory; in some directories case does not count.
+    return strcasecmp(nameIn(one), nameIn(other)) == 0 && statDirectoryOf(one, &first) &&
+           statDirectoryOf(other, &second) && isSameInode(first, second);
+}
 
 BOOL vllLinkOrCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL bFailIfExists) {
     if (lpExistingFileName == nullptr || lpNewFileName == nullptr) {
@@ -92,7 +147,7 @@ BOOL vllLinkOrCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL bFa
     }
     int result = link(lpExistingFileName, lpNewFileName);
     if (result == -1 && errno == EEXIST && bFailIfExists == 0) {
-        if (areLinked(lpExistingFileName, lpNewFileName)) {
+        if (isAlreadyThere(lpExistingFileName, lpNewFileName)) {
             return TRUE;
         }
         if (unlink(lpNewFileName) == -1) {
@@ -126,7 +181,7 @@ BOOL vllMoveFileEx(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlag
     if (lpNewFileName == nullptr) {
         return vlliFailInvalid();
     }
-    const BOOL moved = replace ? rename(lpExistingFileName, lpNewFileName) == 0
+    const BOOL moved = replace ? moveByRename(lpExistingFileName, lpNewFileName)
                                : moveByLink(lpExistingFileName, lpNewFileName);
     if (moved) {
         return TRUE;

@@ -37,6 +37,9 @@ void copyRange(char *out, const char *begin, const char *end) {
 }  // namespace
 
 LPSTR vllPathFindFileName(LPCSTR pszPath) {
+    if (pszPath == nullptr) {
+        return nullptr;
+    }
     const bool has_directory = *pszPath == '/' || beginsWith(pszPath, "./") || beginsWith(pszPath, "../");
     const char *name = pszPath;
     if (has_directory && !endsWithSlash(pszPath)) {
@@ -46,6 +49,9 @@ LPSTR vllPathFindFileName(LPCSTR pszPath) {
 }
 
 LPSTR vllPathFindExtension(LPCSTR pszPath) {
+    if (pszPath == nullptr) {
+        return nullptr;
+    }
     const char *end = pszPath + strlen(pszPath);
     const char *name = findComponent(pszPath, end);
     const char *dot = strrchr(name, '.');
@@ -53,6 +59,9 @@ LPSTR vllPathFindExtension(LPCSTR pszPath) {
 }
 
 LPSTR vllPathAppend(LPSTR pszPath, LPCSTR pszMore) {
+    if (pszPath == nullptr || pszMore == nullptr) {
+        return pszPath;
+    }
     if (beginsWith(pszMore, "./")) {
         pszMore += 2;
     }
@@ -74,7 +83,7 @@ BOOL vllPathRemoveFileSpec(LPSTR pszPath) {
         *name = '\0';
         return TRUE;
     }
-    if (endsWithSlash(pszPath)) {
+    if (pszPath != nullptr && endsWithSlash(pszPath)) {
         pszPath[strlen(pszPath) - 1] = '\0';
         return TRUE;
     }
@@ -82,6 +91,7 @@ BOOL vllPathRemoveFileSpec(LPSTR pszPath) {
 }
 
 void vll_splitpath(LPCSTR path, LPSTR drive, LPSTR dir, LPSTR fname, LPSTR ext) {
+    path = path != nullptr ? path : "";
     const char *end = path + strlen(path);
     const char *extension = vllPathFindExtension(path);
     const char *name = findComponent(path, extension);

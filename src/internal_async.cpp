@@ -8,11 +8,12 @@
 #include "internal_async.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-#include <climits>
+#include <algorithm>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
@@ -70,36 +71,38 @@ int control(int operation, int fd, bool write, OverlappedRecord *record) {
 }
 
 // The flags of the open file are shared with whoever else has it: non-blocking only for the one call.
-ssize_t writeNonBlocking(int fd, int flags, const void *bytes, size_t size) {
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    const ssize_t written = write(fd, bytes, size);
-    const KeepErrno keep_errno;
-    fcntl(fd, F_SETFL, flags);
-    return written;
+template <typename Call>
+ssize_t callNonBlocking(int fd, Call call) {
+    const int flags = fcntl(fd, F_GETFL);
+    const bool blocks = flags != -1 && (flags & O_NONBLOCK) == 0;
+    if (blocks) {
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+    const ssize_t result = call();
+    if (blocks) {
+        const KeepErrno keep_errno;
+        fcntl(fd, F_SETFL, flags);
+    }
+    return result;
 }
 
-// A non-blocking open file of our own on the same pipe or terminal. Opening the master of a pseudo-terminal
-// would make another terminal.
-Fd openOwn(int fd, const struct stat &status) {
-    const bool is_master = S_ISCHR(status.st_mode) && status.st_rdev == makedev(5, 2);
-    if (is_master || !(S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
+// Pipes and terminals can be opened once more. With other devices that may do something, and what /dev/tty,
+// /dev/console and the masters of pseudo-terminals stand for is another terminal for another opener.
+bool canBeReopened(int fd, const struct stat &status) {
+    constexpr unsigned kRenamedTerminals = 5;
+    return S_ISFIFO(status.st_mode) ||
+           (S_ISCHR(status.st_mode) && major(status.st_rdev) != kRenamedTerminals && isatty(fd) == 1);
+}
+
+// A non-blocking open file of our own on the same pipe or terminal, or none.
+Fd openOwn(int fd) {
+    struct stat status;
+    if (fstat(fd, &status) == -1 || !canBeReopened(fd, status)) {
         return Fd();
     }
     char path[32];
     snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
     return Fd(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-}
-
-ssize_t writeToBlocking(int fd, int flags, const void *bytes, size_t size) {
-    struct stat status;
-    if (fstat(fd, &status) == -1) {
-        return -1;
-    }
-    if (S_ISFIFO(status.st_mode) && size <= PIPE_BUF) {
-        return write(fd, bytes, size);  // a pipe that is ready has room for that
-    }
-    const Fd own = openOwn(fd, status);
-    return own ? write(own.get(), bytes, size) : writeNonBlocking(fd, flags, bytes, size);
 }
 
 ssize_t writeNow(int fd, const void *bytes, size_t size) {
@@ -108,10 +111,11 @@ ssize_t writeNow(int fd, const void *bytes, size_t size) {
         return sent;
     }
     const int flags = fcntl(fd, F_GETFL);
-    if (flags != -1 && (flags & O_NONBLOCK) == 0) {
-        return writeToBlocking(fd, flags, bytes, size);
+    if (flags == -1 || (flags & O_NONBLOCK) != 0) {
+        return write(fd, bytes, size);
     }
-    return write(fd, bytes, size);
+    const Fd own = openOwn(fd);
+    return own ? write(own.get(), bytes, size) : callNonBlocking(fd, [=] { return write(fd, bytes, size); });
 }
 
 ssize_t readNow(int fd, void *buffer, size_t size) {
@@ -119,7 +123,13 @@ ssize_t readNow(int fd, void *buffer, size_t size) {
     if (received != -1 || errno != ENOTSOCK) {
         return received;
     }
-    return read(fd, buffer, size);
+    // A terminal that is ready with one byte may wait for more, unless no more are asked for. Where nothing is counted
+    // the end has come, or somebody has taken what was there.
+    int there = 0;
+    if (ioctl(fd, FIONREAD, &there) == 0 && there > 0) {
+        return read(fd, buffer, std::min(size, static_cast<size_t>(there)));
+    }
+    return callNonBlocking(fd, [=] { return read(fd, buffer, size); });
 }
 
 // The descriptor leaves the set first, so that the waiter can register it again at once. The record is the

@@ -1,6 +1,5 @@
 // The grammar of a line.
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
 
 #include "config.h"
@@ -155,22 +154,6 @@ TEST(ConfigParse, section_headers) {
             EXPECT_EQ(vlliGetValue(row.line.c_str(), nullptr, nullptr), 0);
         } else {
             EXPECT_EQ(name, untouched);
-        }
-    }
-}
-
-// Every cut of every line, in a block of its own so that AddressSanitizer sees a byte read too much.
-TEST(ConfigParse, nothing_is_read_behind_the_line) {
-    for (const EntryCase &row : kEntries) {
-        for (size_t length = 0; length <= row.line.size(); length += row.line.size() > 100 ? 97 : 1) {
-            const std::unique_ptr<char[]> exact(new char[length + (length == 0)]);
-            row.line.copy(exact.get(), length);
-            const std::string_view line(exact.get(), length);
-            ConfigEntry entry = {"untouched", ""};
-            std::string_view name;
-            const bool is_entry = vlliParseEntry(line, &entry);
-            EXPECT_EQ(entry.key == "untouched", !is_entry);
-            EXPECT_FALSE(is_entry && vlliParseSection(line, &name));
         }
     }
 }

@@ -1,6 +1,7 @@
 // Reading profile files: values, lists and the Win32 operations on them.
 #include <climits>
 #include <cstring>
+#include <tuple>
 
 #include "config.h"
 #include "support/faults.h"
@@ -82,158 +83,114 @@ TEST_F(ConfigReadTest, values) {
     }
 }
 
-struct Got {
-    uint32_t result;
-    int error;
-    string buffer;
-    DWORD size;
+// Result, errno, buffer and size.
+using Got = std::tuple<uint32_t, int, string, DWORD>;
 
-    bool operator==(const Got &other) const {
-        return result == other.result && error == other.error && buffer == other.buffer && size == other.size;
-    }
-};
+// The operations, with a buffer and its size left open.
+using Read = std::function<uint32_t(char *buffer, DWORD *size)>;
 
-std::ostream &operator<<(std::ostream &out, const Got &got) {
-    return out << got.result << ", errno " << got.error << ", size " << got.size << ", "
-               << testing::PrintToString(got.buffer);
+Read Value(const char *file, const char *section, const char *key) {
+    return [=](char *b, DWORD *size) { return vllReadConfigValue(file, section, key, b, size); };
+}
+Read ProfileString(const char *file, const char *section, const char *key, const char *fallback) {
+    return [=](char *b, DWORD *size) {
+        return vllGetPrivateProfileString(section, key, fallback, b, *size, file);
+    };
+}
+Read Sections(const char *file, const char *fallback) {
+    return [=](char *b, DWORD *size) { return vllReadAllSections(fallback, b, *size, file); };
+}
+Read Keys(const char *file, const char *section, const char *fallback) {
+    return [=](char *b, DWORD *size) { return vllReadAllValues(section, fallback, b, *size, file); };
+}
+Read Entries(const char *file, const char *section) {
+    return [=](char *b, DWORD *size) { return vllGetPrivateProfileSection(section, b, *size, file); };
 }
 
-// Calls with a buffer of this size, filled with '~', and sees to what is behind it.
-template <typename Call>
-Got withBuffer(DWORD size, Call call) {
+// Reads into a buffer of this size, filled with '~', and sees to what is behind it.
+Got withBuffer(DWORD size, const Read &read) {
     string room(size + 64, '~');
-    Got got = {};
-    got.size = size;
+    DWORD size_after = size;
     errno = 7777;
-    got.result = static_cast<uint32_t>(call(room.data(), &got.size));
-    got.error = errno;
+    const uint32_t result = read(room.data(), &size_after);
+    const int error = errno;
     EXPECT_EQ(room.substr(size), string(64, '~')) << "size " << size;
-    got.buffer = room.substr(0, size);
-    return got;
+    return {result, error, room.substr(0, size), size_after};
 }
 
-// What a list must be, from the words of its description.
-Got expectedList(const std::vector<string> &names, const string &fallback, DWORD size,
-                 int error_of_fallback) {
+// What a list of strings must be, from the words of its description. The string that does not fit is cut to the room
+// that is left, less a number of bytes.
+Got expectedList(const std::vector<string> &strings, DWORD size, DWORD less = 0) {
     if (size < 2) {
         return {0, EINVAL, string(size, '~'), size};
     }
-    Got got = {0, 7777, string(size, '\0'), size};
-    for (const string &name : names) {
-        const size_t room = size - 2 > got.result ? size - 2 - got.result : 0;
-        if (name.size() > room) {
-            got.buffer.replace(got.result, room, name, 0, room);
-            return {size - 2, ENOBUFS, got.buffer, size};
+    string buffer(size, '\0');
+    uint32_t count = 0;
+    for (const string &text : strings) {
+        const DWORD room = size - 2 > count ? size - 2 - count : 0;
+        if (text.size() > room) {
+            const DWORD kept = room > less ? room - less : 0;
+            return {size - 2, ENOBUFS, buffer.replace(count, kept, text, 0, kept), size};
         }
-        got.buffer.replace(got.result, name.size(), name);
-        got.result += static_cast<uint32_t>(name.size()) + 1;
+        buffer.replace(count, text.size(), text);
+        count += static_cast<uint32_t>(text.size()) + 1;
     }
-    if (names.empty()) {
-        const string stored = fallback.substr(0, size - 1);
-        got.buffer.replace(0, stored.size(), stored);
-        got.result = static_cast<uint32_t>(stored.size());
-        got.error = error_of_fallback != 0 ? error_of_fallback : got.error;
-    }
-    return got;
+    return {count, 7777, buffer, size};
 }
 
-// The list of "key=value": other room, the same result.
-Got expectedEntries(const std::vector<string> &entries, DWORD size) {
-    if (size < 2) {
-        return {0, EINVAL, string(size, '~'), size};
-    }
-    Got got = {0, 7777, string(size, '\0'), size};
-    for (const string &entry : entries) {
-        const size_t room = size - got.result;
-        if (entry.size() + 2 > room) {
-            const string stored = room > 3 ? entry.substr(0, room - 3) : "";
-            got.buffer.replace(got.result, stored.size(), stored);
-            return {size - 2, ENOBUFS, got.buffer, size};
-        }
-        got.buffer.replace(got.result, entry.size(), entry);
-        got.result += static_cast<uint32_t>(entry.size()) + 1;
-    }
-    return got;
+// What is stored instead, in a cleared buffer.
+Got expectedDefault(const string &fallback, DWORD size, int error) {
+    const DWORD stored = size == 0 ? 0 : std::min(size - 1, static_cast<DWORD>(fallback.size()));
+    return {stored, error, fallback.substr(0, stored) + string(size - stored, '\0'), size};
 }
 
 TEST_F(ConfigReadTest, lists_in_buffers_of_every_size) {
     const char *const with = put(
         "[Net]\na=1\nflag\n'quoted key' = 'x ' ;\n[Audio]\n[net]\nz=1\n[E]\n; none\n[A long section name]\n");
-    const std::vector<string> sections = {"Net", "Audio", "net", "E", "A long section name"};
-    const std::vector<string> keys = {"a", "flag", "quoted key"};
-    const std::vector<string> entries = {"a=1", "flag=", "quoted key=x "};
     const string without = file_ + "2";
     WriteFile(without, "");
     for (DWORD size = 0; size <= 48; ++size) {
         SCOPED_TRACE(size);
-        EXPECT_EQ(
-            withBuffer(size, [&](char *b, DWORD *s) { return vllReadAllSections("dflt", b, *s, with); }),
-            expectedList(sections, "dflt", size, 0));
-        EXPECT_EQ(withBuffer(size,
-                             [&](char *b, DWORD *s) {
-                                 return vllReadAllSections("a default", b, *s, without.c_str());
-                             }),
-                  expectedList({}, "a default", size, 0));
-        EXPECT_EQ(
-            withBuffer(size, [&](char *b, DWORD *s) { return vllReadAllValues("NET", "dflt", b, *s, with); }),
-            expectedList(keys, "dflt", size, 0));
-        for (const char *section : {"E", "Lost"}) {
-            EXPECT_EQ(
-                withBuffer(size,
-                           [&](char *b, DWORD *s) { return vllReadAllValues(section, "none", b, *s, with); }),
-                expectedList({}, "none", size, ENOENT));
+        EXPECT_EQ(withBuffer(size, Sections(with, "dflt")),
+                  expectedList({"Net", "Audio", "net", "E", "A long section name"}, size));
+        EXPECT_EQ(withBuffer(size, Keys(with, "NET", "dflt")),
+                  expectedList({"a", "flag", "quoted key"}, size));
+        EXPECT_EQ(withBuffer(size, Entries(with, "net")),
+                  expectedList({"a=1", "flag=", "quoted key=x "}, size, 1));
+        if (size >= 2) {
+            EXPECT_EQ(withBuffer(size, Sections(without.c_str(), "a default")),
+                      expectedDefault("a default", size, 7777));
+            EXPECT_EQ(withBuffer(size, Keys(with, "E", "none")), expectedDefault("none", size, ENOENT));
+            EXPECT_EQ(withBuffer(size, Keys(with, "Lost", "none")), expectedDefault("none", size, ENOENT));
+            EXPECT_EQ(withBuffer(size, Entries(with, "E")), expectedDefault("", size, 7777));
+            EXPECT_EQ(withBuffer(size, Entries(with, "Lost")), expectedDefault("", size, ENOENT));
         }
-        EXPECT_EQ(withBuffer(size, [&](char *b,
-                                       DWORD *s) { return vllGetPrivateProfileSection("net", b, *s, with); }),
-                  expectedEntries(entries, size));
     }
 }
 
 TEST_F(ConfigReadTest, values_in_buffers_of_every_size) {
     const string value = "hello, world";
     const char *const file = put("[S]\nk=" + value + "\n");
-    const DWORD length = static_cast<DWORD>(value.size());
-    const string fallback = "a default";
+    const auto length = static_cast<DWORD>(value.size());
     for (DWORD size = 0; size <= 40; ++size) {
         SCOPED_TRACE(size);
         const DWORD kept = size == 0 ? 0 : std::min(size - 1, length);
         const bool whole = length < size;
         string buffer(size, '~');
-        if (size != 0) {
-            buffer.replace(0, kept + 1, value.substr(0, kept) + '\0');
-        }
-        const int error = whole ? 0 : ENOBUFS;
-        EXPECT_EQ(
-            withBuffer(size, [&](char *b, DWORD *s) { return vllReadConfigValue(file, "S", "k", b, s); }),
-            (Got{whole, error, buffer, whole ? length : length + 1}));
-        EXPECT_EQ(withBuffer(size,
-                             [&](char *b, DWORD *s) {
-                                 return vllGetPrivateProfileString("S", "k", "dflt", b, *s, file);
-                             }),
-                  (Got{kept, error, buffer, size}));
-
         string emptied(size, '~');
         if (size != 0) {
+            buffer.replace(0, kept + 1, value.substr(0, kept) + '\0');
             emptied[0] = '\0';
         }
-        EXPECT_EQ(
-            withBuffer(size, [&](char *b, DWORD *s) { return vllReadConfigValue(file, "S", "x", b, s); }),
-            (Got{0, ENOENT, emptied, 0}));
-        EXPECT_EQ(
-            withBuffer(size, [&](char *b, DWORD *s) { return vllReadConfigValue(file, "X", "k", b, s); }),
-            (Got{0, ENOENT, string(size, '~'), size}));
-
-        string filled(size, '\0');
-        const DWORD stored = size == 0 ? 0 : std::min<DWORD>(size - 1, 9);
-        filled.replace(0, stored, fallback, 0, stored);
-        for (const char *key : {"k", "x"}) {
-            const char *const section = key[0] == 'k' ? "X" : "S";
-            EXPECT_EQ(withBuffer(size,
-                                 [&](char *b, DWORD *s) {
-                                     return vllGetPrivateProfileString(section, key, fallback.c_str(), b, *s,
-                                                                       file);
-                                 }),
-                      (Got{stored, ENOENT, filled, size}));
+        const int error = whole ? 0 : ENOBUFS;
+        EXPECT_EQ(withBuffer(size, Value(file, "S", "k")),
+                  (Got{whole, error, buffer, whole ? length : length + 1}));
+        EXPECT_EQ(withBuffer(size, Value(file, "S", "x")), (Got{0, ENOENT, emptied, 0}));
+        EXPECT_EQ(withBuffer(size, Value(file, "X", "k")), (Got{0, ENOENT, string(size, '~'), size}));
+        EXPECT_EQ(withBuffer(size, ProfileString(file, "S", "k", "dflt")), (Got{kept, error, buffer, size}));
+        for (const char *section : {"X", "S"}) {
+            EXPECT_EQ(withBuffer(size, ProfileString(file, section, "x", "a default")),
+                      expectedDefault("a default", size, ENOENT));
         }
     }
 }
@@ -333,43 +290,29 @@ TEST_F(ConfigReadTest, unreadable_files) {
         SCOPED_TRACE(row.file != nullptr ? row.file : "(null)");
         const Got untouched = {0, row.error, string(9, '~'), 9};
         const Got failed = {kFailed, row.error, string(9, '~'), 9};
-        EXPECT_EQ(
-            withBuffer(9, [&](char *b, DWORD *s) { return vllReadConfigValue(row.file, "S", "k", b, s); }),
-            untouched);
-        EXPECT_EQ(withBuffer(9, [&](char *b, DWORD *s) { return vllReadAllSections("d", b, *s, row.file); }),
-                  failed);
-        EXPECT_EQ(
-            withBuffer(9, [&](char *b, DWORD *s) { return vllReadAllValues("S", "d", b, *s, row.file); }),
-            failed);
-        EXPECT_EQ(withBuffer(9, [&](char *b,
-                                    DWORD *s) { return vllGetPrivateProfileSection("S", b, *s, row.file); }),
-                  untouched);
-        EXPECT_EQ(withBuffer(9,
-                             [&](char *b, DWORD *s) {
-                                 return vllGetPrivateProfileString("S", "k", "dflt", b, *s, row.file);
-                             }),
-                  (Got{4, row.error, string("dflt") + string(5, '\0'), 9}));
+        EXPECT_EQ(withBuffer(9, Value(row.file, "S", "k")), untouched);
+        EXPECT_EQ(withBuffer(9, Entries(row.file, "S")), untouched);
+        EXPECT_EQ(withBuffer(9, Sections(row.file, "d")), failed);
+        EXPECT_EQ(withBuffer(9, Keys(row.file, "S", "d")), failed);
+        EXPECT_EQ(withBuffer(9, ProfileString(row.file, "S", "k", "dflt")),
+                  expectedDefault("dflt", 9, row.error));
     }
 }
 
 // A file that breaks off is not taken for one that ends there.
 TEST_F(ConfigReadTest, read_error_in_the_middle) {
     const char *const file = put("[S]\na=1\n" + string(10000, ';') + "\nk=v\n");
-    char buffer[64];
-    DWORD size = sizeof buffer;
-    const FailCall fail("read", 2, EIO, 100);
-    EXPECT_FALSE(vllReadConfigValue(file, "S", "k", buffer, &size));
-    EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(size, sizeof buffer);
-    EXPECT_TRUE(fail.happened());
-    const FailCall again("read", 2, EIO, 100);
-    EXPECT_EQ(vllReadAllValues("S", "d", buffer, sizeof buffer, file), kFailed);
-    EXPECT_EQ(errno, EIO);
-    const FailCall third("read", 2, EIO, 100);
-    EXPECT_EQ(vllGetPrivateProfileSection("S", buffer, sizeof buffer, file), 0U);
-    EXPECT_EQ(errno, EIO);
+    const Read reads[] = {Value(file, "S", "k"), Entries(file, "S"), Keys(file, "S", "d"),
+                          Sections(file, "d")};
+    for (const Read &read : reads) {
+        const FailCall fail("read", 2, EIO, 100);
+        const auto [result, error, buffer, size] = withBuffer(64, read);
+        EXPECT_EQ(result, &read < reads + 2 ? 0 : kFailed);
+        EXPECT_EQ(error, EIO);
+        EXPECT_EQ(size, 64U);
+    }
     const FailCall interrupted("read", 2, EINTR);
-    EXPECT_TRUE(vllReadConfigValue(file, "S", "k", buffer, &size));
+    EXPECT_EQ(value("S", "k"), "v");
     EXPECT_TRUE(interrupted.happened());
 }
 
@@ -377,18 +320,13 @@ TEST_F(ConfigReadTest, null_arguments) {
     const char *const file = put("[S]\nk=v\n");
     char buffer[8];
     DWORD size = sizeof buffer;
-    const auto refused = [](uint32_t result, uint32_t expected) {
-        const int error = errno;
+    EXPECT_TRUE(Fails(vllReadConfigValue(file, "S", nullptr, buffer, &size), EINVAL));
+    EXPECT_TRUE(Fails(vllReadConfigValue(file, "S", "k", buffer, nullptr), EINVAL));
+    for (const Read &read : {Value(file, "S", "k"), Sections(file, nullptr), Keys(file, "S", nullptr),
+                             Entries(file, "S"), ProfileString(file, "S", "k", nullptr)}) {
         errno = 0;
-        return result == expected && error == EINVAL;
-    };
-    EXPECT_TRUE(refused(static_cast<uint32_t>(vllReadConfigValue(file, "S", nullptr, buffer, &size)), 0));
-    EXPECT_TRUE(refused(static_cast<uint32_t>(vllReadConfigValue(file, "S", "k", nullptr, &size)), 0));
-    EXPECT_TRUE(refused(static_cast<uint32_t>(vllReadConfigValue(file, "S", "k", buffer, nullptr)), 0));
-    EXPECT_TRUE(refused(vllReadAllSections(nullptr, nullptr, 8, file), 0));
-    EXPECT_TRUE(refused(vllReadAllValues("S", nullptr, nullptr, 8, file), 0));
-    EXPECT_TRUE(refused(vllGetPrivateProfileSection("S", nullptr, 8, file), 0));
-    EXPECT_TRUE(refused(vllGetPrivateProfileString("S", "k", nullptr, nullptr, 8, file), 0));
+        EXPECT_TRUE(Fails(read(nullptr, &size), EINVAL));
+    }
 }
 
 }  // namespace

@@ -3,9 +3,11 @@
 #include <sys/wait.h>
 #include <syslog.h>
 #include <array>
+#include <atomic>
 #include <cstring>
 
 #include "filemanage_test.h"
+#include "support/objects.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -95,11 +97,9 @@ TEST_F(FileTest, read_write_position_size) {
     EXPECT_TRUE(vllCloseHandle(file));
 
     count = 5;
-    EXPECT_FALSE(vllReadFile(9999, buffer.data(), 16, &count, nullptr));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(Fails(vllReadFile(9999, buffer.data(), 16, &count, nullptr), EBADF));
     EXPECT_EQ(count, 0xFFFFFFFFU);
-    EXPECT_FALSE(vllWriteFile(9999, buffer.data(), 16, &count, nullptr));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(Fails(vllWriteFile(9999, buffer.data(), 16, &count, nullptr), EBADF));
     EXPECT_FALSE(vllFlushFileBuffers(9999));
     EXPECT_EQ(vllGetFileSize(9999), 0xFFFFFFFFU);
     EXPECT_EQ(errno, EBADF);
@@ -152,44 +152,26 @@ TEST_F(FileTest, blocked_operations_are_cancelled) {
     ASSERT_EQ(pipe(fds.data()), 0);
     const Fd reader(fds[0]);
     const Fd writer(fds[1]);
-    const std::vector<char> much(100000);
-    static std::array<HANDLE, 2> handles;
-    static const std::vector<char> *bytes;
-    handles = {static_cast<HANDLE>(fds[0]), static_cast<HANDLE>(fds[1])};
-    bytes = &much;
-    using Body = uint32_t (*)(LPVOID);
-    const Body bodies[] = {
-        [](LPVOID) -> uint32_t { return vllCreateFile("/var/tmp/fifo", O_RDONLY, 0, OPEN_EXISTING); },
-        [](LPVOID) -> uint32_t { return vllCreateFile("X:\\FIFO", O_RDONLY, 0, OPEN_EXISTING); },
-        [](LPVOID) -> uint32_t {
-            char byte;
-            return static_cast<uint32_t>(vllReadFile(handles[0], &byte, 1, nullptr, nullptr));
-        },
-        [](LPVOID) -> uint32_t {
-            const auto size = static_cast<DWORD>(bytes->size());
-            return static_cast<uint32_t>(vllWriteFile(handles[1], bytes->data(), size, nullptr, nullptr));
-        },
+    const auto from = static_cast<HANDLE>(fds[0]);
+    const auto to = static_cast<HANDLE>(fds[1]);
+    std::vector<char> much(100000);
+    const std::function<void()> bodies[] = {
+        [] { vllCreateFile("/var/tmp/fifo", O_RDONLY, 0, OPEN_EXISTING); },
+        [] { vllCreateFile("X:\\FIFO", O_RDONLY, 0, OPEN_EXISTING); },
+        [&] { vllReadFile(from, much.data(), 1, nullptr, nullptr); },
+        [&] { vllWriteFile(to, much.data(), static_cast<DWORD>(much.size()), nullptr, nullptr); },
     };
-    struct Started {
-        Body body;
-        pid_t tid;
-    };
-    for (const Body body : bodies) {
-        Started started = {body, 0};
-        const HANDLE thread = vllCreateThread(
-            0,
-            [](LPVOID argument) -> uint32_t {
-                auto *start = static_cast<Started *>(argument);
-                __atomic_store_n(&start->tid, gettid(), __ATOMIC_RELEASE);
-                return start->body(nullptr);
-            },
-            &started, nullptr, 0);
-        ASSERT_NE(thread, 0U);
-        ASSERT_TRUE(WaitUntil([&] { return __atomic_load_n(&started.tid, __ATOMIC_ACQUIRE) != 0; }));
-        EXPECT_TRUE(WaitUntilAsleep(started.tid));
+    for (const auto &body : bodies) {
+        std::atomic<pid_t> tid{0};
+        const auto run = [&] {
+            tid = gettid();
+            body();
+        };
+        const HANDLE thread = StartThread(run);
+        ASSERT_TRUE(WaitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(WaitUntilAsleep(tid));
         EXPECT_TRUE(vllTerminateThread(thread, 0));
-        EXPECT_EQ(vllWaitForSingleObject(thread, 20000), WAIT_OBJECT_0);
-        vllCloseHandle(thread);
+        FinishThread(thread);
     }
     TakeLog();
 }

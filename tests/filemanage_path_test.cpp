@@ -1,6 +1,5 @@
 #include "filemanage_test.h"
 
-#include <dirent.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/statfs.h>
@@ -45,6 +44,18 @@ void FileTest::SetUp() {
         ASSERT_EQ(mkdir(path, 0755), 0) << path;
     }
     errno = 0;
+}
+
+void FileTest::AsUser(const std::function<void()> &body) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const ChildResult result = RunInChild([&] {
+        EXPECT_TRUE(setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0);
+        body();
+        return 0;
+    });
+    EXPECT_TRUE(result.exited && result.status == 0) << result.status;
 }
 
 namespace {
@@ -105,16 +116,8 @@ TEST_F(FileTest, an_exact_name_wins_and_then_the_first_that_the_directory_lists)
     WriteFile("/var/tmp/case/Name", "");
     WriteFile("/var/tmp/case/name", "");
     EXPECT_EQ(convert("X:\\case\\Name"), "/var/tmp/case/Name");
-    std::string first;
-    DIR *directory = opendir("/var/tmp/case");
-    while (const dirent *entry = readdir(directory)) {
-        if (entry->d_name[0] != '.') {
-            first = entry->d_name;
-            break;
-        }
-    }
-    closedir(directory);
-    EXPECT_EQ(convert("X:\\case\\nAmE"), "/var/tmp/case/" + first);
+    const auto first = std::filesystem::directory_iterator("/var/tmp/case")->path();
+    EXPECT_EQ(convert("X:\\case\\nAmE"), first);
 }
 
 TEST_F(FileTest, a_right_path_costs_one_stat_per_component_and_no_scan) {
@@ -157,29 +160,13 @@ TEST_F(FileTest, a_directory_of_50000_entries) {
     EXPECT_EQ(convert("X:\\many\\ENTRY50000"), "/var/tmp/many/ENTRY50000");
 }
 
-// Runs body as an ordinary user.
-ChildResult asUser(const std::function<int()> &body) {
-    return RunInChild([&] {
-        if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
-            return 97;
-        }
-        return body();
-    });
-}
-
 TEST_F(FileTest, an_unreadable_directory_has_no_other_spelling) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root";
-    }
     ASSERT_EQ(mkdir("/var/tmp/closed", 0711), 0);
     WriteFile("/var/tmp/closed/File", "");
-    const ChildResult result = asUser([] {
+    AsUser([] {
         EXPECT_EQ(convert("X:\\closed\\File"), "/var/tmp/closed/File");
         EXPECT_EQ(convert("X:\\closed\\file"), "");
-        return 0;
     });
-    EXPECT_TRUE(result.exited);
-    EXPECT_EQ(result.status, 0);
 }
 
 TEST_F(FileTest, a_path_is_not_read_beyond_its_end) {
@@ -190,7 +177,7 @@ TEST_F(FileTest, a_path_is_not_read_beyond_its_end) {
     ASSERT_EQ(mprotect(pages + page, page, PROT_NONE), 0);
     for (const char *text : {"", "D", "D:", "D:\\Tolvane", "E:", "X:\\", "X:\\upload", "a\\"}) {
         char *at_end = pages + page - strlen(text) - 1;
-        strcpy(at_end, text);
+        stpcpy(at_end, text);
         convert(at_end);
         const HANDLE file = vllCreateFile(at_end, O_RDONLY | O_DIRECTORY, 0, OPEN_EXISTING);
         if (file != INVALID_HANDLE_VALUE) {
@@ -226,20 +213,24 @@ TEST_F(FileTest, strings) {
     for (const Row &row : rows) {
         EXPECT_STREQ(vllPathFindFileName(row.path), row.name) << row.path;
         EXPECT_STREQ(vllPathFindExtension(row.path), row.extension) << row.path;
-        std::array<char, 64> drive = {'#'};
-        std::array<char, 64> dir = {'#'};
-        std::array<char, 64> fname = {'#'};
-        std::array<char, 64> ext = {'#'};
-        vll_splitpath(row.path, drive.data(), dir.data(), fname.data(), ext.data());
-        EXPECT_STREQ(drive.data(), "");
-        EXPECT_STREQ(dir.data(), row.dir) << row.path;
-        EXPECT_STREQ(fname.data(), row.fname) << row.path;
-        EXPECT_STREQ(ext.data(), row.extension) << row.path;
+        std::array<char[64], 4> parts = {"#", "#", "#", "#"};
+        vll_splitpath(row.path, parts[0], parts[1], parts[2], parts[3]);
+        EXPECT_STREQ(parts[0], "");
+        EXPECT_STREQ(parts[1], row.dir) << row.path;
+        EXPECT_STREQ(parts[2], row.fname) << row.path;
+        EXPECT_STREQ(parts[3], row.extension) << row.path;
         vll_splitpath(row.path, nullptr, nullptr, nullptr, nullptr);
         std::string buffer = row.path;
         EXPECT_EQ(vllPathRemoveFileSpec(buffer.data()), row.without_name != nullptr) << row.path;
         EXPECT_STREQ(buffer.c_str(), row.without_name != nullptr ? row.without_name : row.path);
     }
+    EXPECT_EQ(vllPathFindFileName(nullptr), nullptr);
+    EXPECT_EQ(vllPathFindExtension(nullptr), nullptr);
+    EXPECT_EQ(vllPathAppend(nullptr, "x"), nullptr);
+    EXPECT_FALSE(vllPathRemoveFileSpec(nullptr));
+    std::array<char, 8> nothing = {"#"};
+    vll_splitpath(nullptr, nullptr, nothing.data(), nullptr, nullptr);
+    EXPECT_STREQ(nothing.data(), "");
     const char *const appends[][3] = {
         {"/tmp", "./x", "/tmp/x"},
         {"/tmp/", "/x", "/tmp/x"},
@@ -252,7 +243,7 @@ TEST_F(FileTest, strings) {
     };
     for (const auto &row : appends) {
         std::array<char, 64> buffer = {};
-        strcpy(buffer.data(), row[0]);
+        stpcpy(buffer.data(), row[0]);
         EXPECT_EQ(vllPathAppend(buffer.data(), row[1]), buffer.data());
         EXPECT_STREQ(buffer.data(), row[2]);
     }
@@ -276,10 +267,8 @@ TEST_F(FileTest, free_space) {
     EXPECT_TRUE(vllGetDiskFreeSpaceEx("/var/tmp/big", &all_free, &total, nullptr));
     EXPECT_EQ(total, uint64_t{5} << 30);
     ASSERT_EQ(umount("/var/tmp/big"), 0);
-    EXPECT_FALSE(vllGetDiskFreeSpaceEx("/none", &all_free, &total, nullptr));
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_FALSE(vllGetDiskFreeSpaceEx(nullptr, &all_free, &total, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(Fails(vllGetDiskFreeSpaceEx("/none", &all_free, &total, nullptr), ENOENT));
+    EXPECT_TRUE(Fails(vllGetDiskFreeSpaceEx(nullptr, &all_free, &total, nullptr), EINVAL));
 }
 
 TEST_F(FileTest, random_bytes) {
@@ -290,18 +279,12 @@ TEST_F(FileTest, random_bytes) {
     EXPECT_NE(first, second);
     EXPECT_EQ(first[16], 0);
     EXPECT_FALSE(vllCryptGenRandom(0, first.data()));
-    {
-        const FailCall fail("open64", 1, ENOENT);
-        EXPECT_FALSE(vllCryptGenRandom(16, first.data()));
-        EXPECT_EQ(errno, ENOENT);
+    for (const auto &[call, error] : {std::pair{"open64", ENOENT}, std::pair{"read", EIO}}) {
+        const FailCall fail(call, 1, error);
+        EXPECT_TRUE(Fails(vllCryptGenRandom(16, first.data()), error));
     }
-    {
-        const FailCall fail("read", 1, EINTR);
-        EXPECT_TRUE(vllCryptGenRandom(16, first.data()));
-    }
-    const FailCall fail("read", 1, EIO);
-    EXPECT_FALSE(vllCryptGenRandom(16, first.data()));
-    EXPECT_EQ(errno, EIO);
+    const FailCall interrupted("read", 1, EINTR);
+    EXPECT_TRUE(vllCryptGenRandom(16, first.data()));
     std::vector<BYTE> many(40 << 20);  // more than one read gives
     EXPECT_TRUE(vllCryptGenRandom(static_cast<DWORD>(many.size()), many.data()));
     EXPECT_GT(std::set<BYTE>(many.end() - 4096, many.end()).size(), 200U);

@@ -10,4 +10,7 @@
 class FileTest : public LibraryTest {
   protected:
     void SetUp() override;
+
+    // Runs body as an ordinary user, where the tests run as root.
+    static void AsUser(const std::function<void()> &body);
 };

@@ -74,7 +74,6 @@ TEST_F(VllProfileTest, commands) {
         {"./p set a.ini Dir root /home && ./p get a.ini dir ROOT", "/home\n<0>\n"},
         {"./p set b.ini S k 'a b' && cat b.ini", "\n[S]\nk=a b\n<0>\n"},
         {"./p set b.ini '' k '' && cat b.ini", "k=\n\n[S]\nk=a b\n<0>\n"},
-        {"./p set b.ini S k 'a\nb'", "vll-profile: b.ini: k: Invalid argument\n<2>\n"},
         {"./p set b.ini S 'k=' v", "vll-profile: b.ini: k=: Invalid argument\n<2>\n"},
         {"./p set /proc/x.ini S k v", "vll-profile: /proc/x.ini: k: No such file or directory\n<1>\n"},
         {"./p show a.ini >/dev/full", "vll-profile: standard output: No space left on device\n<3>\n"},
@@ -82,6 +81,21 @@ TEST_F(VllProfileTest, commands) {
     for (const auto &row : rows) {
         EXPECT_EQ(shell(row.command), row.expected) << row.command;
     }
+}
+
+// What was set is got, unless no profile can hold it.
+TEST_F(VllProfileTest, values_read_back_as_they_were_set) {
+    for (const char *value : {"", "plain", "a b", "a#b", " a", "a ", "a ;b", "a\t#b", "\"a", "\"a\"", "'a",
+                              "\"a b\" c", "a\\", "it's ;", "say \"x\" ;", ";"}) {
+        setenv("VALUE", value, 1);
+        EXPECT_EQ(shell("./p set a.ini S k \"$VALUE\" && ./p get a.ini S k"), string(value) + "\n<0>\n");
+    }
+    for (const char *value : {"a\nb", "'\" ", "\\ ;\\", "  \\"}) {
+        setenv("VALUE", value, 1);
+        EXPECT_EQ(shell("./p set a.ini S k \"$VALUE\""), "vll-profile: a.ini: k: Invalid argument\n<2>\n")
+            << value;
+    }
+    EXPECT_EQ(shell("./p get a.ini S k"), ";\n<0>\n");
 }
 
 TEST_F(VllProfileTest, wrong_usage) {

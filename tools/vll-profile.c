@@ -1,4 +1,5 @@
 /* vll-profile: reads and edits profile (INI) files from the shell. */
+#include <ctype.h>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -114,12 +115,39 @@ static int get(const char *file, const char *section, const char *key, const cha
     return fail(file, key);
 }
 
+/* True when a value reads back as it is written, which it does not for its blanks, comment signs and quotes. */
+static int isPlain(const char *value) {
+    const char *c;
+    if (value[0] == '"' || value[0] == '\'' || isspace((unsigned char)value[0])) {
+        return 0;
+    }
+    for (c = value; *c != '\0'; ++c) {
+        if (isspace((unsigned char)*c) && (c[1] == '\0' || c[1] == ';' || c[1] == '#')) {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+/* Puts a value between quotes: null when no profile can hold it. */
+static const char *quoted(const char *value, char *buffer) {
+    const char quote = strchr(value, '"') == NULL ? '"' : '\'';
+    const size_t length = strlen(value);
+    if (strchr(value, quote) != NULL || value[length - 1] == '\\' || length + 3 > VALUE_SIZE) {
+        return NULL;
+    }
+    sprintf(buffer, "%c%s%c", quote, value, quote);
+    return buffer;
+}
+
 static int set(const char *file, const char *section, const char *key, const char *value) {
-    if (strchr(value, '\n') != NULL) {
-        errno = EINVAL; /* it would become further lines of the file */
+    char buffer[VALUE_SIZE];
+    const char *text = isPlain(value) ? value : quoted(value, buffer);
+    if (text == NULL || strchr(value, '\n') != NULL) {
+        errno = EINVAL; /* a newline would make further lines of the file */
         return fail(file, key);
     }
-    return vllWritePrivateProfileString(sectionOf(section), key, value, file) ? DONE : fail(file, key);
+    return vllWritePrivateProfileString(sectionOf(section), key, text, file) ? DONE : fail(file, key);
 }
 
 static int delete (const char *file, const char *section, const char *key) {

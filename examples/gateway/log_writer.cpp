@@ -28,6 +28,7 @@ Buffer buffers[2];
 Buffer *filling = &buffers[0];
 bool under_way = false;
 unsigned dropped = 0;
+bool file_is_whole = true;  // the thread's, until it has ended
 OverlappedRecord record;
 
 // Runs until the pipe's last writer is closed.
@@ -35,7 +36,10 @@ uint32_t CopyToFile(LPVOID) {
     char text[kBuffer];
     DWORD count;
     while (vllReadFile((HANDLE)pipe_fds[0], text, sizeof text, &count, nullptr) && count > 0) {
-        vllWriteFile(log_file, text, count, nullptr, nullptr);
+        DWORD written;
+        if (!vllWriteFile(log_file, text, count, &written, nullptr) || written < count) {
+            file_is_whole = false;
+        }
     }
     return 0;
 }
@@ -132,6 +136,9 @@ void Stop() {
     }
     if (dropped > 0) {
         printf("gateway: %u lines were not logged\n", dropped);
+    }
+    if (!file_is_whole) {
+        printf("gateway: %s could not take all lines\n", settings.log_file);
     }
 }
 

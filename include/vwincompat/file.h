@@ -85,6 +85,10 @@ VLL_API BOOL vllReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRe
  *
  * A write to a pipe or socket that nobody reads fails with EPIPE; at once it also raises SIGPIPE, as write(2)
  * does, in the background it does not.
+ *
+ * A transfer never blocks the service. To that end a background write goes through an open file of its own on a pipe
+ * or terminal that is open for blocking. Any other such device (no socket) is made non-blocking for the moment of a
+ * read or write, for all who share the open file.
  */
 VLL_API BOOL vllWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
                           LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped);
@@ -108,7 +112,7 @@ VLL_API BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberO
  * this returns the record and the buffer are the caller's again; what was transferred stays in the record.
  *
  * @return TRUE, or FALSE: ENOENT (nothing registered, or just completed), EBADF (bad descriptor, or no
- *         service).
+ *         service), EPERM (a regular file).
  */
 VLL_API BOOL vllCancelIo(HANDLE hFile);
 

@@ -81,8 +81,8 @@ VLL_API BOOL vllCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL b
 /**
  * Makes the target a hard link to the source; across file systems, a copy (vllCopyFile()).
  *
- * An existing target is unlinked first when @p bFailIfExists is 0; one that is the source's own link already
- * is left as it is.
+ * An existing target is unlinked first when @p bFailIfExists is 0; one that is the source's own link already, or what
+ * the source leads to as a symbolic link, is left as it is.
  *
  * @return TRUE, or FALSE: EEXIST, EPERM (a directory), or another error of link(2), unlink(2) or the copy.
  */
@@ -100,7 +100,9 @@ VLL_API BOOL vllMoveFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName);
  * Moves a file, or records the move for the next start of the system.
  *
  * With MOVE_REPLACE_EXISTING by rename(2), which moves directories too, else by link(2) and unlink(2). With
- * MOVE_COPY_ALLOWED, when that fails, by vllCopyFile() and vllDeleteFile(). With MOVE_DELAY_UNTIL_REBOOT
+ * MOVE_COPY_ALLOWED, when that fails, by vllCopyFile() and vllDeleteFile(). Where the new name already is the file,
+ * as another hard link to it or because the old name is a symbolic link to it, only the old name is removed; a file
+ * moved to its own name stays. With MOVE_DELAY_UNTIL_REBOOT
  * nothing is moved: a line is appended to /etc/moved.conf, "old new replace_existing" with
  * MOVE_REPLACE_EXISTING, else "old  NULL" (whatever the new name), for a start-up program of the system.
  *
@@ -145,8 +147,8 @@ typedef struct SearchRecord SearchRecord;
  *
  * @param lpFileName  the pattern, at most 4095 bytes (4094 with a final '/').
  * @return a search, closed with vllFindClose(), or INVALID_FIND_HANDLE: EINVAL (a null argument), ENAMETOOLONG,
- *         ENOMEM, EACCES (a directory before a wildcard that is missing or cannot be read), ENOENT (no match), or an error of stat(2) of the
- *         first entry, for instance one that vanished meanwhile.
+ *         ENOMEM, EACCES (a directory before a wildcard that is missing or cannot be read), ENOENT (no match), or an
+ *         error of stat(2) of the first entry, for instance one that vanished meanwhile.
  */
 VLL_API SearchRecord *vllFindFirstFile(LPCSTR lpFileName, FindDataRecord *lpFindFileData);
 

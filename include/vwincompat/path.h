@@ -3,7 +3,8 @@
  * Path strings, free space and random bytes.
  *
  * The string operations touch no file system. They know '/' as the only separator and no drive letters, and
- * work in the caller's buffers, which must hold the result.
+ * work in the caller's buffers, which must hold the result. A null path is left alone: the result is null, FALSE, or
+ * empty strings.
  */
 #ifndef VWINCOMPAT_PATH_H
 #define VWINCOMPAT_PATH_H

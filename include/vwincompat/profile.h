@@ -55,7 +55,8 @@ VLL_API UINT vllGetPrivateProfileInt(LPCSTR section, LPCSTR key, int32_t default
  * With section and key: the value, cut to size - 1 bytes; the default when file, section or key are missing.
  * With a section only: its keys, as vllReadAllValues(). With a key only: all sections, as vllReadAllSections().
  *
- * @param default_value  what is stored when there is nothing to read, cut to size - 1 bytes. Null means "".
+ * @param default_value  what is stored when there is nothing to read, cut to size - 1 bytes; not in the buffer itself.
+ *                       Null means "".
  * @param buffer         where the result goes, with its terminator.
  * @param size           the buffer's size in bytes; 0 with a section and a key: nothing is stored, the result is 0.
  * @return the number of bytes stored, without the terminator. Last error: 0 when a value was read whole; ENOBUFS

@@ -2,19 +2,24 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 inline void WriteFile(const std::string &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
+// Empty when it cannot be read.
 inline std::string ReadFile(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }
 
 inline bool Exists(const std::string &path) {
@@ -25,4 +30,11 @@ inline bool Exists(const std::string &path) {
 inline mode_t ModeOf(const std::string &path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+// Whether an operation was refused, with 0 and this last error.
+inline testing::AssertionResult Fails(int64_t result, int error) {
+    const int last_error = errno;
+    return (result == 0 && last_error == error ? testing::AssertionSuccess() : testing::AssertionFailure())
+           << "result " << result << ", errno " << last_error << " for " << error;
 }
