@@ -38,9 +38,9 @@ class TransitFd final {
 };
 
 // Opens a shared-memory object and makes the caller one of its users, waiting while another process initialises it.
-// access may hold O_EXCL, for an object that must not exist. errno is EEXIST if it was in use, else 0: then it is new, with size zero bytes. With keep_exclusive a new one
-// is still empty, and nobody else gets it until the caller has given it its content in one write and called
-// vlliUseSharedFile(). On failure an absent descriptor, with errno.
+// access may hold O_EXCL, for an object that must not exist. errno is EEXIST if it was in use, else 0: then it is
+// new, with size zero bytes. With keep_exclusive a new one is still empty, and nobody else gets it until the caller
+// has given it its content in one write and called vlliUseSharedFile(). On failure an absent descriptor, with errno.
 TransitFd vlliCreateSharedFile(int access, SIZE_T size, const char *name, bool keep_exclusive);
 
 // Takes the shared lock, waiting for it: 0, or -1 with errno.

@@ -173,7 +173,7 @@ TEST_F(ShmemMappingTest, file_backed) {
     char *view = MapWhole(mapping, 2 * kPage);
     ASSERT_NE(view, nullptr);
     EXPECT_TRUE(vllCloseHandle(mapping));
-    memcpy(view + 3, "abc", 3);
+    std::copy_n("abc", 3, view + 3);
     char content[16] = {};
     const int again = open(path, O_RDONLY);
     EXPECT_EQ(read(again, content, sizeof content), 10);

@@ -106,8 +106,8 @@ TEST_F(VllEventlogTest, follows_through_a_rotation) {
     const pid_t tool = StartChild([] {
         const int out = open("/var/log/out", O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(out, STDOUT_FILENO);
-        execl(getenv("T"), "vll-eventlog", "-f", "-n", "1", nullptr);
-        return 1;
+        const char *program = getenv("T");
+        return program == nullptr ? 1 : execl(program, "vll-eventlog", "-f", "-n", "1", nullptr);
     });
     const auto shows = [](const string &texts) {
         return WaitUntil([&] {

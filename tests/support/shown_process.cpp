@@ -74,7 +74,7 @@ std::string MakeProgramDirectory() {
 
 std::string MakeShownProgram(const std::string &directory, const std::string &name) {
     char self[PATH_MAX] = {};
-    const std::string path = directory + "/" + name;
+    std::string path = directory + "/" + name;
     if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0 || symlink(self, path.c_str()) != 0) {
         perror(path.c_str());
         abort();
@@ -83,7 +83,7 @@ std::string MakeShownProgram(const std::string &directory, const std::string &na
 }
 
 std::string MakeScript(const std::string &directory, const std::string &name, const std::string &text) {
-    const std::string path = directory + "/" + name;
+    std::string path = directory + "/" + name;
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
     if (fd == -1 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         close(fd) != 0) {
