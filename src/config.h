@@ -22,6 +22,9 @@ bool vlliParseEntry(std::string_view line, ConfigEntry *entry);
 // Names are equal without regard to ASCII letter case, whatever the locale.
 bool vlliSameName(std::string_view a, std::string_view b);
 
+// True when the line is an entry with this key. Most lines are told by how they begin, without parsing them.
+bool vlliIsEntryOf(std::string_view line, std::string_view key);
+
 // The same for NUL-terminated lines: 1 or 0. What is found is copied to those of the buffers, of 1024 bytes each,
 // that are not null.
 int vlliGetSectionName(const char *line, char *name);

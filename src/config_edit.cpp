@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -78,16 +79,17 @@ class ConfigCopy final {
     // Leaves it where it is.
     void keep() { exists_ = false; }
 
+    // Written in whole buffers: the file system then fills a page at a time.
     void put(std::string_view text) {
-        if (text.size() > sizeof buffer_ - used_) {
-            flush();
-            if (text.size() >= sizeof buffer_) {
-                write(text);
-                return;
+        while (!text.empty()) {
+            const size_t count = std::min(text.size(), sizeof buffer_ - used_);
+            memcpy(buffer_ + used_, text.data(), count);
+            used_ += count;
+            text.remove_prefix(count);
+            if (used_ == sizeof buffer_) {
+                flush();
             }
         }
-        memcpy(buffer_ + used_, text.data(), text.size());
-        used_ += text.size();
     }
 
     // Lines that begin here begin a line of the copy, too: the one before may have lost its newline, or had none.
@@ -121,15 +123,12 @@ class ConfigCopy final {
     }
 
   private:
-    void flush() {
-        write({buffer_, used_});
-        used_ = 0;
-    }
     // The first failure counts; nothing is written after it.
-    void write(std::string_view text) {
-        if (error_ == 0 && !writeAll(fd_.get(), text)) {
+    void flush() {
+        if (error_ == 0 && !writeAll(fd_.get(), {buffer_, used_})) {
             error_ = errno;
         }
+        used_ = 0;
     }
 
     const char *file_;
@@ -176,11 +175,9 @@ bool copyToSection(ConfigReader *reader, ConfigCopy *copy, const char *section, 
 size_t copySection(ConfigReader *reader, ConfigCopy *copy, const char *key) {
     size_t left_out = 0;
     std::string_view name;
-    ConfigEntry entry;
     while (reader->next()) {
         const bool header = vlliParseSection(reader->line(), &name);
-        if (!header &&
-            (key == nullptr || (vlliParseEntry(reader->line(), &entry) && vlliSameName(entry.key, key)))) {
+        if (!header && (key == nullptr || vlliIsEntryOf(reader->line(), key))) {
             ++left_out;
             continue;
         }

@@ -15,6 +15,10 @@ constexpr bool startsComment(char c) {
     return c == ';' || c == '#';
 }
 
+constexpr bool isQuote(char c) {
+    return c == '"' || c == '\'';
+}
+
 constexpr char lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -87,7 +91,7 @@ void takePlain(std::string_view *text, bool is_key, std::string_view *taken) {
 }
 
 bool take(std::string_view *text, bool is_key, std::string_view *taken) {
-    if (!text->empty() && ((*text)[0] == '"' || (*text)[0] == '\'')) {
+    if (!text->empty() && isQuote((*text)[0])) {
         return takeQuoted(text, taken);
     }
     takePlain(text, is_key, taken);
@@ -158,6 +162,17 @@ bool vlliParseEntry(std::string_view line, ConfigEntry *entry) {
     }
     *entry = found;
     return true;
+}
+
+bool vlliIsEntryOf(std::string_view line, std::string_view key) {
+    std::string_view text = line;
+    skipBlanks(&text);
+    const bool quoted = !text.empty() && isQuote(text[0]);
+    if (!quoted && !vlliSameName(text.substr(0, key.size()), key)) {
+        return false;
+    }
+    ConfigEntry entry;
+    return vlliParseEntry(line, &entry) && vlliSameName(entry.key, key);
 }
 
 int vlliGetSectionName(const char *line, char *name) {

@@ -87,6 +87,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const char before = entry.key.data() == line.data() ? ' ' : entry.key.data()[-1];
         const bool quoted = before == '"' || before == '\'';
         VLL_CHECK(quoted || !hasBlankEnd(entry.key));
+        VLL_CHECK(vlliIsEntryOf(line, entry.key) && !vlliIsEntryOf(line, std::string(entry.key) + 'x'));
         checkAgain(entry);
     }
     checkBuffers(line, is_section, name, is_entry, entry);
