@@ -182,7 +182,7 @@ class DaemonTest : public LibraryTest {
     }
     std::string asked() {
         const std::string file = directory_ + "/asked";
-        const std::string text = ReadFile(file);
+        std::string text = ReadFile(file);
         unlink(file.c_str());
         return text;
     }
