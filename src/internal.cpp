@@ -1,6 +1,7 @@
 #include "internal.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -75,6 +76,21 @@ ssize_t vlliTakeCounter(int fd) {
 int vlliSetNonBlocking(int fd) {
     const NoCancel no_cancel;
     return fcntl(fd, F_SETFL, O_NONBLOCK);
+}
+
+int vlliOpenSharedMemory(const char *name, int flags, mode_t mode) {
+    int fd;
+    do {
+        fd = shm_open(name, flags, mode);
+    } while (fd == -1 && errno == EINTR);
+    // Where fs.protected_regular is set, O_CREAT refuses the object of another user that may well be opened.
+    if (fd == -1 && errno == EACCES && (flags & (O_CREAT | O_EXCL)) == O_CREAT) {
+        fd = vlliOpenSharedMemory(name, flags & ~O_CREAT, mode);
+        if (fd == -1) {
+            errno = EACCES;
+        }
+    }
+    return fd;
 }
 
 void vlliFreeMemory(int32_t count, ...) {

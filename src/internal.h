@@ -122,5 +122,8 @@ ssize_t vlliTakeCounter(int fd);
 // Makes a descriptor non-blocking and clears its other status flags: 0, or -1 with errno.
 int vlliSetNonBlocking(int fd);
 
+// shm_open(3), also of an object of another user with O_CREAT: a descriptor, or -1 with errno.
+int vlliOpenSharedMemory(const char *name, int flags, mode_t mode);
+
 // Frees each of count pointers that is not null.
 void vlliFreeMemory(int32_t count, ...);

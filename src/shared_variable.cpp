@@ -66,7 +66,7 @@ bool openBlock(Making *making, int32_t mode) {
     const int flags = mode == SHVAR_CREATE ? O_RDWR | O_CREAT : O_RDWR;
     {
         const NoCancel no_cancel;
-        making->fd.reset(shm_open(making->name.get(), flags, kPermissions));
+        making->fd.reset(vlliOpenSharedMemory(making->name.get(), flags, kPermissions));
     }
     if (!making->fd) {
         return false;

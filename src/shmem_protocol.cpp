@@ -326,14 +326,6 @@ bool setForkHandlers() {
     return true;
 }
 
-int openShared(const char *name, int flags) {
-    int fd;
-    do {
-        fd = shm_open(name, flags, kMode);
-    } while (fd == -1 && errno == EINTR);
-    return fd;
-}
-
 TransitFd openInTransit(const char *name, int flags) {
     const MutexLock lock(&shmemMutex);
     int *slot = findTransit(0);
@@ -344,12 +336,7 @@ TransitFd openInTransit(const char *name, int flags) {
         errno = ENOMEM;
         return TransitFd();
     }
-    int fd = openShared(name, flags);
-    if (fd == -1 && errno == EACCES && (flags & O_EXCL) == 0) {
-        // Where fs.protected_regular is set, O_CREAT refuses the object of another user that may well be opened.
-        fd = openShared(name, flags & ~O_CREAT);
-        errno = EACCES;
-    }
+    const int fd = vlliOpenSharedMemory(name, flags, kMode);
     *slot = fd + 1;
     return TransitFd(fd);
 }

@@ -119,6 +119,18 @@ TEST_F(SharedVariableTest, failing_calls_leave_nothing_behind) {
     }
 }
 
+// O_CREAT is refused on another user's object (fs.protected_regular), which may be opened all the same.
+TEST_F(SharedVariableTest, opens_again_what_could_not_be_opened_so) {
+    SharedVar *variable = make(4);
+    for (const int error : {EINTR, EACCES}) {
+        const FailCall fail("shm_open", 1, error);
+        SharedVar *again = make(4);
+        EXPECT_NE(again, nullptr) << strerror(error);
+        EXPECT_TRUE(vllSharedVarDeallocate(again, SHVAR_OPEN));
+    }
+    EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
+}
+
 TEST_F(SharedVariableTest, failing_locks_and_closes) {
     SharedVar *variable = make(4);
     char buffer[4] = {};
