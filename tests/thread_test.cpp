@@ -356,7 +356,8 @@ TEST_F(ThreadTest, a_cancelled_wait_consumes_nothing) {
 
 // The threads of the parent do not run in a forked child. The one here sleeps by then: it holds no lock of a sanitizer.
 TEST_F(ThreadTest, a_forked_child_has_no_thread_of_its_parent) {
-    Sleeper parents([] { pause(); });
+    const Owned event(MakeAutoEvent());
+    Sleeper parents([&] { vllWaitForSingleObject(event, INFINITE); });
     ExpectInChild([&] {
         const auto body = [] {};
         for (int i = 0; i < 2; ++i) {
