@@ -70,35 +70,10 @@ BOOL startTransfer(HANDLE file, void *buffer, DWORD size, OverlappedRecord *reco
     return vlliRegisterTransfer(record, write);
 }
 
-// A reference on an event's record. What is wrong with a handle is left to others to tell.
-class EventRef {
-  public:
-    explicit EventRef(HANDLE handle) : handle_(handle) {
-        if (vlliGetObjectType(handle) == OBJ_EVENT) {
-            vlliOpenObjects(1, &handle_, &record_);
-        }
-    }
-    ~EventRef() {
-        if (record_ != nullptr) {
-            const KeepErrno keep_errno;
-            vlliCloseObject(handle_);
-        }
-    }
-    EventRef(const EventRef &) = delete;
-    EventRef &operator=(const EventRef &) = delete;
-
-    explicit operator bool() const { return record_ != nullptr; }
-    const ObjectRecord *operator->() const { return record_; }
-
-  private:
-    HANDLE handle_;
-    ObjectRecord *record_ = nullptr;
-};
-
 // Sleeps until the event is likely to be signalled. The wait that follows then finds it so at once, and need
 // not build a set to wait on.
 void sleepUntilSignalled(HANDLE handle) {
-    const EventRef event(handle);
+    const ObjectRef event(handle, OBJ_EVENT, ObjectRef::Quietly());  // the wait tells what is wrong with it
     if (event) {
         std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
         vlliBlockInPoll(fds.data(), fds.size(), -1);

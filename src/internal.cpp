@@ -79,6 +79,7 @@ int vlliSetNonBlocking(int fd) {
 }
 
 int vlliOpenSharedMemory(const char *name, int flags, mode_t mode) {
+    const int last_error = errno;
     int fd;
     do {
         fd = shm_open(name, flags, mode);
@@ -86,9 +87,7 @@ int vlliOpenSharedMemory(const char *name, int flags, mode_t mode) {
     // Where fs.protected_regular is set, O_CREAT refuses the object of another user that may well be opened.
     if (fd == -1 && errno == EACCES && (flags & (O_CREAT | O_EXCL)) == O_CREAT) {
         fd = vlliOpenSharedMemory(name, flags & ~O_CREAT, mode);
-        if (fd == -1) {
-            errno = EACCES;
-        }
+        errno = fd == -1 ? EACCES : last_error;
     }
     return fd;
 }

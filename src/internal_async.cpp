@@ -72,8 +72,7 @@ int control(int operation, int fd, bool write, OverlappedRecord *record) {
 
 // The flags of the open file are shared with whoever else has it: non-blocking only for the one call.
 template <typename Call>
-ssize_t callNonBlocking(int fd, Call call) {
-    const int flags = fcntl(fd, F_GETFL);
+ssize_t callNonBlocking(int fd, int flags, Call call) {
     const bool blocks = flags != -1 && (flags & O_NONBLOCK) == 0;
     if (blocks) {
         fcntl(fd, F_SETFL, flags | O_NONBLOCK);
@@ -111,11 +110,9 @@ ssize_t writeNow(int fd, const void *bytes, size_t size) {
         return sent;
     }
     const int flags = fcntl(fd, F_GETFL);
-    if (flags == -1 || (flags & O_NONBLOCK) != 0) {
-        return write(fd, bytes, size);
-    }
-    const Fd own = openOwn(fd);
-    return own ? write(own.get(), bytes, size) : callNonBlocking(fd, [=] { return write(fd, bytes, size); });
+    const Fd own = flags != -1 && (flags & O_NONBLOCK) == 0 ? openOwn(fd) : Fd();
+    return own ? write(own.get(), bytes, size)
+               : callNonBlocking(fd, flags, [=] { return write(fd, bytes, size); });
 }
 
 ssize_t readNow(int fd, void *buffer, size_t size) {
@@ -129,7 +126,7 @@ ssize_t readNow(int fd, void *buffer, size_t size) {
     if (ioctl(fd, FIONREAD, &there) == 0 && there > 0) {
         return read(fd, buffer, std::min(size, static_cast<size_t>(there)));
     }
-    return callNonBlocking(fd, [=] { return read(fd, buffer, size); });
+    return callNonBlocking(fd, fcntl(fd, F_GETFL), [=] { return read(fd, buffer, size); });
 }
 
 // The descriptor leaves the set first, so that the waiter can register it again at once. The record is the

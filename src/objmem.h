@@ -169,6 +169,13 @@ class ObjectRef {
             open(handle);
         }
     }
+    // The same without a log line for a handle that is not open.
+    struct Quietly {};
+    ObjectRef(HANDLE handle, uint32_t type, Quietly) : handle_(handle) {
+        if (vlliGetObjectType(handle) == type) {
+            vlliOpenObjects(1, &handle, &record_);
+        }
+    }
     ~ObjectRef() { close(); }
     ObjectRef(const ObjectRef &) = delete;
     ObjectRef &operator=(const ObjectRef &) = delete;

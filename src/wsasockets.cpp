@@ -49,12 +49,11 @@ struct EarlierSelection {
 // Another socket takes the record over: the old one leaves its event's set, if both still exist, without a word.
 // A closed one has left it before, and its number may by now stand there for a socket of another record.
 void abandonSelection(WSASockData *record) {
-    ObjectRecord *event;
-    if (record->lNetworkEvents != 0 && record->state != SOCK_STATE_CLOSED &&
-        vlliGetObjectType(record->hEventObject) == OBJ_EVENT &&
-        vlliOpenObjects(1, &record->hEventObject, &event)) {
-        removeFromSet(event, record->socket);
-        vlliCloseEvents(1, &record->hEventObject);
+    if (record->lNetworkEvents != 0 && record->state != SOCK_STATE_CLOSED) {
+        const ObjectRef event(record->hEventObject, OBJ_EVENT, ObjectRef::Quietly());
+        if (event) {
+            removeFromSet(event.get(), record->socket);
+        }
     }
     *record = {};
 }
