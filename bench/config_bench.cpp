@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "internal.h"
+#include "base/internal.h"
 #include "pair.h"
 #include "vwincompat.h"
 

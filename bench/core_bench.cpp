@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "objmem.h"
+#include "core/objmem.h"
 #include "pair.h"
 #include "vwincompat.h"
 

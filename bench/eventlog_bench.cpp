@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string>
 
-#include "eventlog_map.h"
+#include "eventlog/eventlog_map.h"
 #include "pair.h"
 #include "vwincompat.h"
 

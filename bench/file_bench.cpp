@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "filemanage.h"
+#include "files/filemanage.h"
 #include "pair.h"
 #include "vwincompat.h"
 

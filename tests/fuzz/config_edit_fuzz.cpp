@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "check.h"
-#include "config.h"
+#include "profile/config.h"
 #include "vwincompat/profile.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "check.h"
-#include "config.h"
+#include "profile/config.h"
 
 namespace {
 

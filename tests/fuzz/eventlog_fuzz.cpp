@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "check.h"
-#include "eventlog_map.h"
-#include "eventlog_record.h"
+#include "eventlog/eventlog_map.h"
+#include "eventlog/eventlog_record.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "check.h"
-#include "time_zone.h"
+#include "time/time_zone.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <string>
 
-#include "objmem.h"
+#include "core/objmem.h"
 
 pid_t StartChild(const std::function<int()> &body) {
     fflush(nullptr);

@@ -22,7 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "internal.h"
+#include "base/internal.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <memory>
 #include <ostream>
 
-#include "objmem.h"
+#include "core/objmem.h"
 #include "support/syslog_capture.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "objmem.h"
+#include "core/objmem.h"
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/syslog_capture.h"

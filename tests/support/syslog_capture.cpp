@@ -11,7 +11,7 @@
 #include <cstring>
 #include <map>
 
-#include "internal.h"
+#include "base/internal.h"
 
 namespace {
 

@@ -1,8 +1,0 @@
-// Console handles: the row of the type table.
-#pragma once
-
-#include "objmem.h"
-#include "vwincompat/console.h"
-
-BOOL vlliCloseConsole(ObjectRecord *record);
-BOOL vlliDuplicateConsole(ObjectRecord *record, const ObjectRecord *source);

@@ -1,8 +1,0 @@
-// Events, as the other modules use them.
-#pragma once
-
-#include "objmem.h"
-#include "vwincompat/event.h"
-
-BOOL vlliCloseEvent(ObjectRecord *record);
-BOOL vlliDuplicateEvent(ObjectRecord *record, const ObjectRecord *source);

@@ -1,0 +1,214 @@
+// The event-log operations.
+#include "vwincompat/eventlog.h"
+
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "base/internal.h"
+#include "eventlog/eventlog_map.h"
+#include "vwincompat/fileops.h"
+
+pthread_mutex_t syslogMutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+// The open handles, and how many they are.
+EventLogHandle *open_handles;
+uint32_t nRefCount;
+
+// Holds the lock, with cancellation disabled, for an operation.
+class LogLock {
+  private:
+    NoCancel no_cancel_;
+    MutexLock lock_{&syslogMutex};
+};
+
+// The place in the list that leads to a handle, or null when it is not open.
+EventLogHandle **findHandle(const void *handle) {
+    for (EventLogHandle **link = &open_handles; *link != nullptr; link = &(*link)->next) {
+        if (*link == handle) {
+            return link;
+        }
+    }
+    return nullptr;
+}
+
+// Looks at the files. The counts follow the data also where only one of the files could be read.
+BOOL refresh() {
+    int changed = 0;
+    const BOOL mapped = vlliMapSyslogFiles(&changed);
+    if (changed != 0) {
+        const KeepErrno keep_errno;
+        vlliGetSyslogRecordsNumber();
+    }
+    return mapped;
+}
+
+BOOL unmapAll() {
+    BOOL unmapped = TRUE;
+    for (int entry = 0; entry < kSyslogFiles; ++entry) {
+        unmapped = vlliUnmapSyslogFile(entry) && unmapped;
+    }
+    nSyslogRecordsTotal = 0;
+    return unmapped;
+}
+
+// Takes a handle out of the list and frees it; the last one takes the mappings with it.
+BOOL dropHandle(EventLogHandle **link) {
+    const std::unique_ptr<EventLogHandle, FreeDeleter> handle(*link);
+    *link = handle->next;
+    return --nRefCount > 0 || unmapAll();
+}
+
+bool exactlyOne(DWORD flags, DWORD a, DWORD b) {
+    return ((flags & a) != 0) != ((flags & b) != 0);
+}
+
+bool isInLog(int32_t number) {
+    return number >= 1 && static_cast<uint32_t>(number) <= nSyslogRecordsTotal;
+}
+
+// Reads records from the current one on: the bytes stored. *needed receives the size of a record that did not fit, else
+// 0, and *error why the walk ended without one.
+DWORD readRecords(EventLogHandle *handle, DWORD flags, char *out, DWORD size, DWORD *needed, int *error) {
+    const uint32_t step = (flags & EVENTLOG_FORWARDS_READ) != 0 ? 1U : UINT32_MAX;
+    DWORD stored = 0;
+    *error = ERANGE;
+    do {
+        if (!vlliGetEventLogRecord(handle, flags, handle->nCurrentRecord)) {
+            *error = errno;
+            break;
+        }
+        DWORD length;
+        memcpy(&length, handle->RecordBuffer, sizeof length);
+        if (length > size - stored) {
+            *needed = length;
+            break;
+        }
+        if (length != 0) {
+            memcpy(out + stored, handle->RecordBuffer, length);
+            stored += length;
+        }
+        handle->nCurrentRecord = static_cast<int32_t>(static_cast<uint32_t>(handle->nCurrentRecord) + step);
+    } while (isInLog(handle->nCurrentRecord));
+    return stored;
+}
+
+// Where a read starts.
+int32_t startOf(const EventLogHandle &handle, DWORD flags, DWORD offset) {
+    if ((flags & EVENTLOG_SEEK_READ) != 0) {
+        return static_cast<int32_t>(offset);
+    }
+    if (!handle.bFirstRead) {
+        return handle.nCurrentRecord;
+    }
+    return (flags & EVENTLOG_FORWARDS_READ) != 0 ? 1 : static_cast<int32_t>(nSyslogRecordsTotal);
+}
+
+}  // namespace
+
+void *vllOpenEventLog(LPCSTR /*lpUNCServerName*/, LPCSTR /*lpSourceName*/) {
+    auto *const handle = static_cast<EventLogHandle *>(malloc(sizeof(EventLogHandle)));
+    if (handle == nullptr) {
+        return nullptr;
+    }
+    *handle = {};
+    handle->nCurrentRecord = 1;
+    handle->bFirstRead = 1;
+    const LogLock lock;
+    handle->next = open_handles;
+    open_handles = handle;
+    ++nRefCount;
+    if (!refresh()) {
+        const KeepErrno keep_errno;
+        dropHandle(&open_handles);
+        return nullptr;
+    }
+    return handle;
+}
+
+BOOL vllCloseEventLog(void *hEventLog) {
+    const LogLock lock;
+    EventLogHandle **const link = findHandle(hEventLog);
+    if (link == nullptr) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    return dropHandle(link);
+}
+
+BOOL vllClearEventLog(void * /*hEventLog*/, LPCSTR /*lpBackupFileName*/) {
+    const LogLock lock;
+    char path[kSyslogPathSize];
+    vlliGetSyslogPath(0, path);
+    if (truncate(path, 0) == -1) {
+        // Nothing is told: the count shows what is left.
+    }
+    vlliGetSyslogPath(1, path);
+    vllDeleteFile(path);
+    if (nRefCount > 0) {
+        refresh();
+    }
+    return TRUE;
+}
+
+BOOL vllGetOldestEventLogRecord(void * /*hEventLog*/, LPDWORD OldestRecord) {
+    if (OldestRecord != nullptr) {
+        *OldestRecord = 1;
+    }
+    return TRUE;
+}
+
+BOOL vllGetNumberOfEventLogRecords(void * /*hEventLog*/, LPDWORD NumberOfRecords) {
+    const LogLock lock;
+    const BOOL mapped = refresh();
+    if (mapped && NumberOfRecords != nullptr) {
+        *NumberOfRecords = nSyslogRecordsTotal;
+    }
+    if (nRefCount == 0) {
+        const KeepErrno keep_errno;
+        unmapAll();
+    }
+    return mapped;
+}
+
+BOOL vllReadEventLog(void *hEventLog, DWORD dwReadFlags, DWORD dwRecordOffset, LPVOID lpBuffer,
+                     DWORD nNumberOfBytesToRead, DWORD *pnBytesRead, DWORD *pnMinNumberOfBytesNeeded) {
+    if (!exactlyOne(dwReadFlags, EVENTLOG_SEQUENTIAL_READ, EVENTLOG_SEEK_READ) ||
+        !exactlyOne(dwReadFlags, EVENTLOG_FORWARDS_READ, EVENTLOG_BACKWARDS_READ) ||
+        (lpBuffer == nullptr && nNumberOfBytesToRead != 0)) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    const LogLock lock;
+    EventLogHandle **const link = findHandle(hEventLog);
+    if (link == nullptr) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    EventLogHandle *const handle = *link;
+    handle->nCurrentRecord = startOf(*handle, dwReadFlags, dwRecordOffset);
+    DWORD needed = 0;
+    int error;
+    const DWORD stored = readRecords(handle, dwReadFlags, static_cast<char *>(lpBuffer), nNumberOfBytesToRead,
+                                     &needed, &error);
+    if (pnBytesRead != nullptr) {
+        *pnBytesRead = stored;
+    }
+    if (stored != 0) {
+        handle->bFirstRead = 0;
+        return TRUE;
+    }
+    if (needed != 0) {
+        if (pnMinNumberOfBytesNeeded != nullptr) {
+            *pnMinNumberOfBytesNeeded = needed;
+        }
+        errno = ENOBUFS;
+        return FALSE;
+    }
+    errno = (dwReadFlags & EVENTLOG_SEQUENTIAL_READ) != 0 ? ERANGE : error;
+    return FALSE;
+}

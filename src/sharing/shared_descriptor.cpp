@@ -1,0 +1,421 @@
+// Descriptor sharing: a registry of open descriptors by name, and a server thread that hands them to other
+// processes over a socket in the abstract name space.
+//
+// lifecycleMutex is taken first: it keeps a new server from starting before the old one has freed the address.
+// list_mutex guards the registry and the server's identity; the server holds it for a walk of the list, and
+// when it ends by itself.
+
+#include "sharing/shared_descriptor.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <array>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+
+#include "base/internal.h"
+#include "base/internal_blocking.h"
+#include "core/objmem.h"
+#include "vwincompat/sharing.h"
+#include "vwincompat/thread.h"
+#include "vwincompat/wait.h"
+
+SharedFdEntry *shared_fd_list = nullptr;
+pthread_mutex_t list_mutex = PTHREAD_MUTEX_INITIALIZER;
+uintptr_t server_thread_id = static_cast<uintptr_t>(-1);
+
+namespace {
+
+constexpr uintptr_t kNoServer = static_cast<uintptr_t>(-1);
+constexpr size_t kRequestSize = 1024;  // the name and its terminator
+constexpr int kBacklog = 5;
+constexpr int kBindTries = 100;
+constexpr int kBindPauseMs = 10;
+
+enum Status : int32_t { kFound = 0, kIncomplete = 1, kUnknown = 2 };
+
+pthread_mutex_t lifecycleMutex = PTHREAD_MUTEX_INITIALIZER;
+HANDLE server_handle = 0;   // guarded by list_mutex
+int listening_socket = -1;  // the server's, for forked children to close
+bool had_address = false;   // a server of this process; guarded by list_mutex
+pthread_once_t fork_once = PTHREAD_ONCE_INIT;
+
+// The name on the wire is what follows the first byte, which marks the abstract name space.
+socklen_t makeAddress(sockaddr_un *address) {
+    static constexpr char kStoredName[] = "zSHARING_FD_SERVER";
+    *address = {};
+    address->sun_family = AF_UNIX;
+    memcpy(address->sun_path, kStoredName, sizeof kStoredName);
+    address->sun_path[0] = '\0';
+    return offsetof(sockaddr_un, sun_path) + sizeof kStoredName - 1;
+}
+
+Fd makeSocket(int flags) {
+    return Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
+}
+
+void freeList() {
+    while (shared_fd_list != nullptr) {
+        SharedFdEntry *entry = shared_fd_list;
+        shared_fd_list = entry->next;
+        vlliFreeMemory(2, entry->name, entry);
+    }
+}
+
+void lockForFork() {
+    pthread_mutex_lock(&lifecycleMutex);
+    pthread_mutex_lock(&list_mutex);
+}
+
+void unlockAfterFork() {
+    pthread_mutex_unlock(&list_mutex);
+    pthread_mutex_unlock(&lifecycleMutex);
+}
+
+// The child has no server thread, and must not keep the parent's address in use.
+void forgetServerInChild() {
+    pthread_mutex_init(&list_mutex, nullptr);
+    pthread_mutex_init(&lifecycleMutex, nullptr);
+    if (listening_socket != -1) {
+        vlliCloseFd(listening_socket);
+        listening_socket = -1;
+    }
+    had_address = false;
+    freeList();
+    server_thread_id = kNoServer;
+    if (server_handle != 0) {
+        vllCloseHandle(server_handle);
+        server_handle = 0;
+    }
+}
+
+void registerForkHandlers() {
+    pthread_atfork(lockForFork, unlockAfterFork, forgetServerInChild);
+}
+
+// The server's listening socket. Its end frees the address; a server that ends by itself leaves no identity.
+class ListeningSocket {
+  public:
+    // A child that this process is just starting holds a copy of an earlier socket, and with it the address, until its
+    // handlers or its exec have closed it.
+    ListeningSocket() {
+        for (int tries = kBindTries; !take() && errno == EADDRINUSE && tries > 1; --tries) {
+            {
+                const MutexLock lock(&list_mutex);
+                if (!had_address) {
+                    return;
+                }
+            }
+            vlliBlockInPoll(nullptr, 0, kBindPauseMs);
+        }
+    }
+    ~ListeningSocket() {
+        const NoCancel no_cancel;
+        const MutexLock lock(&list_mutex);
+        if (fd_ != -1) {
+            vlliCloseFd(fd_);
+            listening_socket = -1;
+        }
+        if (server_thread_id == vllGetCurrentThreadId()) {
+            server_thread_id = kNoServer;
+        }
+    }
+    ListeningSocket(const ListeningSocket &) = delete;
+    ListeningSocket &operator=(const ListeningSocket &) = delete;
+
+    int get() const { return fd_; }
+
+  private:
+    // False with errno. Locked, so that no child is forked that does not know of the socket and keeps it.
+    bool take() {
+        const MutexLock lock(&list_mutex);
+        Fd fd = makeSocket(SOCK_NONBLOCK);
+        sockaddr_un address;
+        const socklen_t length = makeAddress(&address);
+        if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+            listen(fd.get(), kBacklog) != 0) {
+            return false;
+        }
+        fd_ = fd.release();
+        listening_socket = fd_;
+        had_address = true;
+        return true;
+    }
+
+    int fd_ = -1;
+};
+
+// The next client, or nothing when accept() failed for good. Blocks in poll(), so that a cancelled server
+// cannot lose a connection that was just accepted.
+Fd acceptClient(int listening) {
+    for (;;) {
+        pollfd ready = {listening, POLLIN, 0};
+        if (vlliBlockInPoll(&ready, 1, -1) == -1 && errno != EINTR) {
+            return Fd();
+        }
+        const NoCancel no_cancel;
+        Fd client(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+        if (client || (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED)) {
+            return client;
+        }
+    }
+}
+
+// Receives up to size bytes: how many, 0 at the end, -1 on failure.
+ssize_t receive(int socket, char *bytes, size_t size) {
+    iovec part = {bytes, size};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    ssize_t received;
+    do {
+        received = vlliBlockInRecvmsg(socket, &message, 0);
+    } while (received == -1 && errno == EINTR);
+    return received;
+}
+
+// Reads a request byte by byte up to its NUL: true when it came and fits. One that is too long is read to
+// its end all the same, since closing a socket with unread bytes would take the answer from the client.
+bool readRequest(int socket, std::array<char, kRequestSize> *request) {
+    for (char &byte : *request) {
+        if (receive(socket, &byte, 1) != 1) {
+            return false;
+        }
+        if (byte == '\0') {
+            return true;
+        }
+    }
+    ssize_t received;
+    do {
+        received = receive(socket, request->data(), request->size());
+    } while (received > 0 && memchr(request->data(), '\0', static_cast<size_t>(received)) == nullptr);
+    return false;
+}
+
+// The descriptor that was published first under a name, or -1.
+int findDescriptor(const char *name) {
+    const MutexLock lock(&list_mutex);
+    for (const SharedFdEntry *entry = shared_fd_list; entry != nullptr; entry = entry->next) {
+        if (strcmp(entry->name, name) == 0) {
+            return entry->fd;
+        }
+    }
+    return -1;
+}
+
+void appendEntry(SharedFdEntry *entry) {
+    SharedFdEntry **link = &shared_fd_list;
+    while (*link != nullptr) {
+        link = &(*link)->next;
+    }
+    *link = entry;
+}
+
+// Room for exactly one descriptor: the kernel closes any further ones that a peer sends.
+union Control {
+    cmsghdr header;
+    char bytes[CMSG_SPACE(sizeof(int32_t))];
+};
+constexpr size_t kControlLength = CMSG_LEN(sizeof(int32_t));
+
+int errorOfStatus(int32_t status) {
+    switch (status) {
+        case kIncomplete:
+            return EBADE;
+        case kUnknown:
+            return ENOENT;
+        default:
+            return EAGAIN;
+    }
+}
+
+bool connectToServer(int socket) {
+    sockaddr_un address;
+    const socklen_t length = makeAddress(&address);
+    int result;
+    do {
+        result = vlliBlockInConnect(socket, reinterpret_cast<sockaddr *>(&address), length);
+    } while (result == -1 && errno == EINTR);
+    return result == 0 || errno == EISCONN;
+}
+
+// One byte a call, as the server reads it.
+bool sendRequest(int socket, const char *name) {
+    const size_t length = strlen(name) + 1;
+    for (size_t i = 0; i < length;) {
+        iovec part = {const_cast<char *>(name + i), 1};
+        msghdr message = {};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        const ssize_t sent = vlliBlockInSendmsg(socket, &message, MSG_NOSIGNAL);
+        if (sent == 1) {
+            ++i;
+        } else if (sent != -1 || errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+BOOL vlliSendFileDescriptor(int socket, int descriptor, int32_t status) {
+    iovec part = {&status, sizeof status};
+    Control control = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (status == kFound) {
+        message.msg_control = &control;
+        message.msg_controllen = kControlLength;
+        cmsghdr *header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = kControlLength;
+        memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
+    }
+    ssize_t sent;
+    do {
+        sent = vlliBlockInSendmsg(socket, &message, MSG_NOSIGNAL);
+    } while (sent == -1 && errno == EINTR);
+    return sent != -1;
+}
+
+// Blocks in poll(), so that a cancelled caller cannot lose a descriptor that was just received.
+int vlliReceiveFileDescriptor(int socket) {
+    int32_t status = kFound;
+    iovec part = {&status, sizeof status};
+    Control control = {};
+    msghdr message = {};
+    ssize_t received;
+    do {
+        pollfd ready = {socket, POLLIN, 0};
+        vlliBlockInPoll(&ready, 1, -1);
+        const NoCancel no_cancel;
+        message = {};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = &control;
+        message.msg_controllen = kControlLength;
+        received = recvmsg(socket, &message, MSG_DONTWAIT);
+    } while (received == -1 && (errno == EINTR || errno == EAGAIN));
+    if (received == -1) {
+        return -1;
+    }
+    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
+            header->cmsg_len >= kControlLength) {
+            int descriptor;
+            memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
+            return descriptor;
+        }
+    }
+    errno = errorOfStatus(status);
+    return -1;
+}
+
+BOOL vlliProcessClient(int socket) {
+    std::array<char, kRequestSize> request = {};
+    if (!readRequest(socket, &request)) {
+        return vlliSendFileDescriptor(socket, -1, kIncomplete);
+    }
+    const int descriptor = findDescriptor(request.data());
+    return vlliSendFileDescriptor(socket, descriptor, descriptor == -1 ? kUnknown : kFound);
+}
+
+uint32_t vlliServerFunction(LPVOID) {
+    const ListeningSocket listening;
+    if (listening.get() == -1) {
+        return 0;
+    }
+    for (;;) {
+        const Fd client = acceptClient(listening.get());
+        if (!client) {
+            return 0;
+        }
+        vlliProcessClient(client.get());
+    }
+}
+
+BOOL vlliStartSharingFdServer() {
+    pthread_once(&fork_once, registerForkHandlers);
+    if (server_handle != 0) {
+        vllCloseHandle(server_handle);  // of a server that ended by itself
+    }
+    server_handle = vllCreateThread(0, vlliServerFunction, nullptr, &server_thread_id, 0);
+    return server_handle != 0;
+}
+
+BOOL vllSetSharedFileDescriptor(int32_t descriptor, const char *name) {
+    if (name == nullptr) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    if (strlen(name) >= kRequestSize) {
+        errno = ENAMETOOLONG;
+        return FALSE;
+    }
+    if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) {
+        return FALSE;
+    }
+    std::unique_ptr<SharedFdEntry, FreeDeleter> entry(
+        static_cast<SharedFdEntry *>(malloc(sizeof(SharedFdEntry))));
+    std::unique_ptr<char, FreeDeleter> copy(strdup(name));
+    if (entry == nullptr || copy == nullptr) {
+        errno = ENOMEM;
+        return FALSE;
+    }
+    *entry = {nullptr, copy.release(), descriptor};
+
+    MutexLock lifecycle(&lifecycleMutex);
+    MutexLock lock(&list_mutex);
+    const bool first = shared_fd_list == nullptr;
+    appendEntry(entry.release());
+    if (first && !vlliStartSharingFdServer()) {
+        const KeepErrno keep_errno;
+        lock.unlock();
+        lifecycle.unlock();
+        vllDeallocateSharedFdList();
+        return FALSE;
+    }
+    return TRUE;
+}
+
+int32_t vllGetSharedFileDescriptor(const char *name) {
+    if (name == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    const Fd socket = makeSocket(0);
+    if (!socket || !connectToServer(socket.get()) || !sendRequest(socket.get(), name)) {
+        return -1;
+    }
+    return vlliReceiveFileDescriptor(socket.get());
+}
+
+int32_t vllDeallocateSharedFdList() {
+    const NoCancel no_cancel;
+    const MutexLock lifecycle(&lifecycleMutex);
+    MutexLock lock(&list_mutex);
+    freeList();
+    const bool running = server_thread_id != kNoServer;
+    const HANDLE handle = server_handle;
+    server_thread_id = kNoServer;
+    server_handle = 0;
+    lock.unlock();
+    if (handle == 0) {
+        return 0;
+    }
+    int32_t result = 0;
+    if (running && !vllTerminateThread(handle, 0) && errno != ESRCH) {
+        result = errno;
+    }
+    // The thread's handle is signalled after its frames are gone, and with them its sockets.
+    vllWaitForSingleObject(handle, INFINITE);
+    vllCloseHandle(handle);
+    return result;
+}

@@ -1,0 +1,65 @@
+// Modules over the dynamic loader, and the command line. Loading runs foreign code under the loader's lock, so
+// it is no place to be cancelled in.
+
+#include <dlfcn.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "base/internal.h"
+#include "system/dll.h"
+
+namespace {
+
+char szCommandLine[4096];
+
+HMODULE openModule(const char *name, int mode) {
+    const NoCancel no_cancel;
+    return dlopen(name, mode);
+}
+
+}  // namespace
+
+HMODULE vllLoadLibrary(LPCSTR lpLibFileName) {
+    return openModule(lpLibFileName, RTLD_LAZY | RTLD_GLOBAL);
+}
+
+HMODULE vllLoadLibraryEx(LPCSTR lpLibFileName) {
+    return vllLoadLibrary(lpLibFileName);
+}
+
+BOOL vllFreeLibrary(HMODULE hLibModule) {
+    if (hLibModule == nullptr) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    const NoCancel no_cancel;
+    return dlclose(hLibModule) == 0;
+}
+
+LPVOID vllGetProcAddress(HMODULE hModule, LPCSTR lpProcName) {
+    if (lpProcName == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    return dlsym(hModule, lpProcName);
+}
+
+HMODULE vllGetModuleHandle(LPCSTR lpModuleName) {
+    HMODULE module = openModule(lpModuleName, RTLD_NOW | RTLD_GLOBAL | RTLD_NOLOAD);
+    if (module != nullptr) {
+        vllFreeLibrary(module);
+    }
+    return module;
+}
+
+LPSTR vllGetCommandLine() {
+    const NoCancel no_cancel;
+    const FilePtr file(fopen("/proc/self/cmdline", "re"));
+    if (file == nullptr) {
+        return nullptr;
+    }
+    memset(szCommandLine, 0, sizeof szCommandLine);
+    return fgets(szCommandLine, sizeof szCommandLine, file.get());
+}

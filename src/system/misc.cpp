@@ -1,0 +1,85 @@
+// Beeps, and numbers as text.
+
+#include "system/misc.h"
+
+#include <fcntl.h>
+#include <linux/kd.h>
+#include <sys/ioctl.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/internal.h"
+#include "vwincompat/process.h"
+
+namespace {
+
+const char *const kConsole = "/dev/tty10";
+constexpr int32_t kTimerClock = 1193180;  // hertz
+constexpr int32_t kBeepReserveMs = 25;
+constexpr char kDigits[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+
+Fd openConsole() {
+    const NoCancel no_cancel;
+    return Fd(open(kConsole, O_RDONLY | O_NOCTTY | O_CLOEXEC));
+}
+
+LPSTR convert(uint32_t value, bool negative, char *buffer, int32_t radix) {
+    if (buffer == nullptr || radix < 2 || radix > 36) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const auto base = static_cast<uint32_t>(radix);
+    char *end = buffer;
+    do {
+        *end++ = kDigits[value % base];
+        value /= base;
+    } while (value != 0);
+    if (negative) {
+        *end++ = '-';
+    }
+    *end = '\0';
+    std::reverse(buffer, end);
+    return buffer;
+}
+
+}  // namespace
+
+uint32_t vlliToneArgument(int16_t frequency, int16_t duration) {
+    return (static_cast<uint32_t>(duration) << 16) + static_cast<uint32_t>(kTimerClock / frequency);
+}
+
+BOOL vllBeep(DWORD dwFreq, DWORD dwDuration) {
+    const auto frequency = static_cast<int16_t>(dwFreq);
+    const auto duration = static_cast<int16_t>(dwDuration);
+    if (frequency == 0) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    const Fd console = openConsole();
+    if (!console) {
+        vlliLogError("vllBeep: Error opening console %d - %s\n", errno, strerror(errno));
+        return FALSE;
+    }
+    const unsigned long argument = vlliToneArgument(frequency, duration);
+    if (ioctl(console.get(), KDMKTONE, argument) == -1) {
+        vlliLogError("vllBeep: ioctl error playing sound %d - %s\n", errno, strerror(errno));
+        return FALSE;
+    }
+    vllSleep(static_cast<DWORD>(duration + kBeepReserveMs));
+    return TRUE;
+}
+
+BOOL vllMessageBeep(UINT) {
+    return vllBeep(700, 125);
+}
+
+LPSTR vllitoa(int32_t nValue, LPSTR lpBuffer, int32_t nRadix) {
+    const bool negative = nRadix == 10 && nValue < 0;
+    const auto value = static_cast<uint32_t>(nValue);
+    return convert(negative ? 0 - value : value, negative, lpBuffer, nRadix);
+}
+
+LPSTR vllultoa(uint32_t nValue, LPSTR lpBuffer, int32_t nRadix) {
+    return convert(nValue, false, lpBuffer, nRadix);
+}

@@ -1,0 +1,106 @@
+// Setting the clock and the system's zone.
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "base/internal.h"
+#include "time/time_convert.h"
+#include "vwincompat/datetime.h"
+#include "vwincompat/fileops.h"
+
+namespace {
+
+constexpr char kZoneFile[] = "/etc/localtime";
+
+// Sets the clock alone: together with the kernel's zone it would be refused (glibc 2.31 and later), and alone it
+// leaves that zone as it was.
+BOOL setClock(time_t seconds, WORD milliseconds) {
+    FILETIME file_time;
+    if (!vlliSecondsToFileTime(seconds, &file_time)) {
+        return FALSE;
+    }
+    timeval clock = {};
+    clock.tv_sec = seconds;
+    clock.tv_usec = suseconds_t{milliseconds} * 1000;
+    return settimeofday(&clock, nullptr) == 0;
+}
+
+// Runs a program and waits for its end: TRUE when its exit status is 0.
+BOOL run(const char *const *arguments) {
+    pid_t pid;
+    const int error =
+        posix_spawn(&pid, arguments[0], nullptr, nullptr, const_cast<char *const *>(arguments), environ);
+    if (error != 0) {
+        errno = error;
+        return FALSE;
+    }
+    int status;
+    while (waitpid(pid, &status, 0) == -1) {
+        if (errno != EINTR) {
+            return FALSE;
+        }
+    }
+    return status == 0;
+}
+
+BOOL remountRoot(const char *option) {
+    const char *const arguments[] = {"/bin/mount", option, "/", nullptr};
+    return run(arguments);
+}
+
+// A name without a NUL within its field would be read on into strange memory; other characters than those of
+// the system's zones lead out of their directory, or are meant for a shell.
+bool isZoneName(const char (&name)[64]) {
+    const size_t length = strnlen(name, sizeof name);
+    constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-+";
+    return length != 0 && length < sizeof name && strspn(name, kAllowed) == length;
+}
+
+}  // namespace
+
+BOOL vllSetSystemTime(const SYSTEMTIME *lpSystemTime) {
+    tm utc = vlliSystemTimeToTm(*lpSystemTime);
+    return setClock(timegm(&utc), lpSystemTime->wMilliseconds);
+}
+
+BOOL vllSetLocalTime(const SYSTEMTIME *lpSystemTime) {
+    tm local = vlliSystemTimeToTm(*lpSystemTime);
+    local.tm_isdst = -1;
+    return setClock(mktime(&local), lpSystemTime->wMilliseconds);
+}
+
+BOOL vllSetTimeZoneInformation(const TIME_ZONE_INFORMATION *lpTimeZoneInformation) {
+    if (!isZoneName(lpTimeZoneInformation->TimeZoneKeyName)) {
+        errno = EINVAL;
+        return FALSE;
+    }
+    char path[128];
+    snprintf(path, sizeof path, "/usr/share/zoneinfo/%s", lpTimeZoneInformation->TimeZoneKeyName);
+    struct stat status;
+    if (access(path, F_OK) != 0 || stat(path, &status) != 0) {
+        return FALSE;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        errno = EISDIR;
+        return FALSE;
+    }
+    // Stopped half-way, it would leave the root file system writable.
+    const NoCancel no_cancel;
+    if (!remountRoot("-oremount,rw")) {
+        return FALSE;
+    }
+    vllDeleteFile(kZoneFile);
+    const char *const link[] = {"/bin/ln", "-s", path, kZoneFile, nullptr};
+    const char *const write_clock[] = {"/sbin/hwclock", "-wl", nullptr};
+    if (!run(link) || !remountRoot("-oremount,ro") || !run(write_clock)) {
+        return FALSE;
+    }
+    tzset();
+    return TRUE;
+}

@@ -1,8 +1,0 @@
-// Waitable timers: the row of the type table.
-#pragma once
-
-#include "objmem.h"
-#include "vwincompat/timer.h"
-
-BOOL vlliCloseWaitableTimer(ObjectRecord *record);
-BOOL vlliDuplicateWaitableTimer(ObjectRecord *record, const ObjectRecord *source);
