@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "base/internal.h"
+#include "base/descriptor.h"
 #include "pair.h"
 #include "vwincompat.h"
 

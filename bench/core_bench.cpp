@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "core/objmem.h"
+#include "core/ref.h"
 #include "pair.h"
 #include "vwincompat.h"
 

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "files/filemanage.h"
 #include "pair.h"
 #include "vwincompat.h"

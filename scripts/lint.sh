@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
-vll_need_packages clang-format clang-tidy cmake ninja-build g++ libgtest-dev libbenchmark-dev
+vll_need_packages clang-format clang-tidy cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev
 
 mapfile -t files < <(git ls-files '*.c' '*.cpp' '*.h')
 clang-format --dry-run -Werror "${files[@]}"

@@ -24,7 +24,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-vll_need_packages cmake ninja-build g++ pkg-config libgtest-dev || exit 1
+vll_need_packages cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev || exit 1
 
 passed=0 failed=0
 

@@ -1,6 +1,7 @@
-#include "core/objmem_types.h"
+// The one table of object types, which alone looks down into every folder. A new type fills a row here.
 
 #include "core/console.h"
+#include "core/objmem_types.h"
 #include "process/thread.h"
 #include "sharing/shmem.h"
 #include "sync/event.h"
@@ -11,15 +12,17 @@
 namespace {
 
 constexpr ObjectType kObjectTypes[] = {
-    {OBJ_EVENT, false, vlliCloseEvent, vlliDuplicateEvent},
-    {OBJ_WAITABLE_TIMER, false, vlliCloseWaitableTimer, vlliDuplicateWaitableTimer},
-    {OBJ_CONSOLE, false, vlliCloseConsole, vlliDuplicateConsole},
-    {OBJ_THREAD, true, vlliCloseThread, vlliDuplicateThread},
-    {OBJ_MUTEX, true, vlliCloseMutex, vlliDuplicateMutex},
-    {OBJ_SEMAPHORE, true, vlliCloseSemaphore, vlliDuplicateSemaphore},
-    {OBJ_SHMEM, false, vlliCloseShmem, vlliDuplicateShmem},
-    {OBJ_NAMED_MUTEX, false, vlliCloseNamedObject, vlliDuplicateNamedObject},
-    {OBJ_NAMED_SEMAPHORE, false, vlliCloseNamedObject, vlliDuplicateNamedObject},
+    {OBJ_EVENT, false, WaitKind::kEvent, vlliCloseEvent, vlliDuplicateEvent},
+    {OBJ_WAITABLE_TIMER, false, WaitKind::kDescriptor, vlliCloseWaitableTimer, vlliDuplicateWaitableTimer},
+    {OBJ_CONSOLE, false, WaitKind::kFile, vlliCloseConsole, vlliDuplicateConsole},
+    {OBJ_THREAD, true, WaitKind::kDescriptor, vlliCloseThread, vlliDuplicateThread, vlliThreadRuns},
+    {OBJ_MUTEX, true, WaitKind::kMutex, vlliCloseMutex, vlliDuplicateMutex},
+    {OBJ_SEMAPHORE, true, WaitKind::kSemaphore, vlliCloseSemaphore, vlliDuplicateSemaphore},
+    {OBJ_SHMEM, false, WaitKind::kNone, vlliCloseShmem, vlliDuplicateShmem},
+    {OBJ_NAMED_MUTEX, false, WaitKind::kMutex, vlliCloseNamedObject, vlliDuplicateNamedObject, nullptr,
+     vlliCreateNamedObject},
+    {OBJ_NAMED_SEMAPHORE, false, WaitKind::kSemaphore, vlliCloseNamedObject, vlliDuplicateNamedObject,
+     nullptr, vlliCreateNamedObject},
 };
 
 }  // namespace

@@ -4,7 +4,8 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal.h"
+#include "base/allocate.h"
+#include "base/failure.h"
 #include "vwincompat/library.h"
 
 namespace {
@@ -48,10 +49,9 @@ int32_t vllFormatErrorMessage(char **message, const char *prefix, int32_t error,
     const size_t head = strlen(lead) + strlen(colon) + strlen(text.data()) + strlen(" - ");
     const size_t length = head + static_cast<size_t>(formatted);
     if (length > INT32_MAX) {
-        errno = EOVERFLOW;
-        return -1;
+        return Fail(EOVERFLOW, -1);
     }
-    std::unique_ptr<char, FreeDeleter> buffer(static_cast<char *>(malloc(length + 1)));
+    HeapBlock<char> buffer(static_cast<char *>(malloc(length + 1)));
     if (buffer == nullptr) {
         return -1;
     }

@@ -6,7 +6,10 @@
 #include <cstdlib>
 #include <memory>
 
-#include "base/internal.h"
+#include "base/allocate.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
 
 int vlliCmpTime(const timespec &a, const timespec &b) {
     if (a.tv_sec != b.tv_sec) {
@@ -31,7 +34,7 @@ void vlliPrintBacktrace() {
     std::array<void *, 100> frames;
     const int depth = backtrace(frames.data(), static_cast<int>(frames.size()));
     vlliLogError("VLL: STACK: backtrace depth = %d\n", depth);
-    const std::unique_ptr<char *, FreeDeleter> text(backtrace_symbols(frames.data(), depth));
+    const HeapBlock<char *> text(backtrace_symbols(frames.data(), depth));
     if (text == nullptr) {
         return;
     }

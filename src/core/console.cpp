@@ -6,6 +6,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "core/ref.h"
+
 namespace {
 
 struct ModeBit {
@@ -23,8 +27,7 @@ constexpr ModeBit kModeBits[] = {
 
 HANDLE vllGetStdHandle(DWORD nStdHandle) {
     if (nStdHandle > STD_ERROR_HANDLE) {
-        errno = EINVAL;
-        return INVALID_HANDLE_VALUE;
+        return Fail(EINVAL, INVALID_HANDLE_VALUE);
     }
     NewHandle handle(vlliCreateObject(OBJ_CONSOLE));
     if (!handle) {
@@ -37,8 +40,7 @@ HANDLE vllGetStdHandle(DWORD nStdHandle) {
 
 BOOL vllGetConsoleMode(HANDLE hConsole, LPDWORD lpMode) {
     if (lpMode == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const ObjectRef console(hConsole);
     termios settings;
@@ -77,8 +79,7 @@ BOOL vllFlushConsoleInputBuffer(HANDLE hConsole) {
 
 BOOL vllGetNumberOfConsoleInputEvents(HANDLE hConsole, LPDWORD lpcNumberOfEvents) {
     if (lpcNumberOfEvents == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const ObjectRef console(hConsole);
     return console && ioctl(console->fd, FIONREAD, lpcNumberOfEvents) == 0;

@@ -18,9 +18,12 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "base/internal.h"
-#include "base/internal_blocking.h"
-#include "vwincompat/event.h"
+#include "base/blocking.h"
+#include "base/counter.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "core/ref.h"
 
 int32_t epoll_fd = -1;
 epoll_event async_events[64];
@@ -51,8 +54,6 @@ static_assert(alignof(OverlappedRecord) > kWriteTag);
 
 // Taken after async_mutex, never before.
 pthread_mutex_t transfer_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-pthread_once_t fork_handler_once = PTHREAD_ONCE_INIT;
 
 int loadSet() {
     return __atomic_load_n(&epoll_fd, __ATOMIC_ACQUIRE);
@@ -133,7 +134,10 @@ ssize_t readNow(int fd, void *buffer, size_t size) {
 // waiter's once the event is signalled.
 void complete(OverlappedRecord *record) {
     epoll_ctl(loadSet(), EPOLL_CTL_DEL, record->fd, nullptr);
-    vllSetEvent(record->event);
+    const Ref<OBJ_EVENT> event(record->event, Refusal::kUnchanged);
+    if (event) {
+        vlliRaiseCounter(event->fd);
+    }
 }
 
 void processReady() {
@@ -152,22 +156,15 @@ void forgetInChild() {
     const int fd = loadSet();
     publishSet(-1);
     if (fd != -1) {
-        const KeepErrno keep_errno;
         vlliCloseFd(fd);
     }
 }
 
-void addForkHandler() {
-    pthread_atfork(nullptr, nullptr, forgetInChild);
-}
-
 BOOL startService() {
-    pthread_once(&fork_handler_once, addForkHandler);
     const NoCancel no_cancel;
     const MutexLock lock(&async_mutex);
     if (loadSet() != -1) {
-        errno = EBUSY;
-        return FALSE;
+        return Fail(EBUSY);
     }
     const int fd = epoll_create(kSetHint);
     if (fd == -1) {
@@ -200,6 +197,8 @@ void endService(void *) {
 }
 
 }  // namespace
+
+const ForkHandlers kAsyncServiceForkHandlers = {nullptr, nullptr, forgetInChild};
 
 DWORD vlliAsyncIo(LPVOID) {
     if (startService()) {
@@ -246,8 +245,7 @@ BOOL vlliRegisterTransfer(OverlappedRecord *record, bool write) {
             return control(EPOLL_CTL_ADD, record->fd, write, record) == 0;
         }
     }
-    errno = EBADF;
-    return FALSE;
+    return Fail(EBADF);
 }
 
 BOOL vlliCancelTransfer(int fd) {
@@ -258,6 +256,5 @@ BOOL vlliCancelTransfer(int fd) {
             return epoll_ctl(loadSet(), EPOLL_CTL_DEL, fd, nullptr) == 0;
         }
     }
-    errno = EBADF;
-    return FALSE;
+    return Fail(EBADF);
 }

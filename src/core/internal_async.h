@@ -3,8 +3,11 @@
 
 #include <sys/epoll.h>
 
+#include "base/fork_handlers.h"
 #include "vwincompat/asyncio.h"
 #include "vwincompat/overlapped.h"
+
+extern const ForkHandlers kAsyncServiceForkHandlers;
 
 // Adds a prepared record's descriptor to the service's set, for a read or a write: TRUE, or FALSE with errno.
 BOOL vlliRegisterTransfer(OverlappedRecord *record, bool write);

@@ -1,3 +1,6 @@
+// Start-up and shutdown of the library. Nothing is torn down at exit.
+
+#include "base/failure.h"
 #include "core/objmem.h"
 #include "vwincompat/library.h"
 

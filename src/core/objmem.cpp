@@ -1,50 +1,51 @@
 // The handle table. Records live in fixed arrays; objMemMutex guards every count, link and list head, and
-// is held for a few stores. A record that somebody holds a reference on is used without the lock.
+// is held for a few stores.
 //
-// Beside the records stands what their fixed layout has no room for: the type that a record was issued as, and
-// whether its handle is still the caller's to close. The count alone cannot tell a caller's second close from
-// the end of an operation that still uses the record.
+// Beside the records stands what their fixed layout has no field for: the type that a record was issued as, and
+// whether its handle is still the caller's to close. The reference count alone cannot distinguish a caller's second
+// close from the end of an operation that still uses the record.
 
 #include "core/objmem.h"
 
 #include <sys/resource.h>
 #include <ctime>
 
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
 #include "base/util.h"
+#include "core/free_list.h"
+#include "core/objmem_pool.h"
 #include "core/objmem_types.h"
-
-pthread_mutex_t objMemMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+#include "core/ref.h"
 
 ObjectRecord objects[kObjectCount];
-ObjmemRecord objmem[kObjmemCount];
 uint32_t firstFreeObject = 0;
 uint32_t lastFreeObject = kObjectCount - 1;
-uint32_t firstFreeObjmem = 0;
-uint32_t lastFreeObjmem = kObjmemCount - 1;
 HANDLE mmapHashTable[kMmapBuckets];
-Gate gates[kObjectCount];
+RecordPin record_pins[kObjectCount];
 int32_t bInitialized = 0;
 
 namespace {
 
-struct Issue {
-    uint32_t type;   // 0 while the record is on the free list
-    bool closeable;  // the caller has not closed the handle yet, and may
+struct RecordState {
+    const ObjectType *type;  // null while the record is on the free list
+    bool closeable;          // the caller has not closed the handle yet, and may
 };
 
-Issue issues[kObjectCount];
+RecordState record_states[kObjectCount];
 
-constexpr timespec kGatePause = {0, 50000};
+constexpr timespec kPinPause = {0, 50000};
 
-// Lets nobody in any more. Whoever is inside leaves after a few instructions, unless it has lost the processor,
-// perhaps to this thread: so this one sleeps meanwhile.
-void closeGate(Gate *gate) {
-    while (__atomic_exchange_n(&gate->busy, 1, __ATOMIC_ACQUIRE) != 0) {
+// Keeps every further thread from pinning the record. A thread that holds the pin drops it after a few instructions,
+// unless it has lost the processor, perhaps to this thread, which therefore sleeps meanwhile.
+void retirePin(RecordPin *pin) {
+    while (__atomic_exchange_n(&pin->busy, 1, __ATOMIC_ACQUIRE) != 0) {
         const NoCancel no_cancel;
-        nanosleep(&kGatePause, nullptr);
+        nanosleep(&kPinPause, nullptr);
     }
-    __atomic_store_n(&gate->handle, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&gate->busy, 0, __ATOMIC_RELEASE);
+    __atomic_store_n(&pin->handle, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&pin->busy, 0, __ATOMIC_RELEASE);
 }
 
 void lockForFork() {
@@ -55,64 +56,33 @@ void unlockAfterFork() {
     pthread_mutex_unlock(&objMemMutex);
 }
 
-// The child's thread is not the one that the mutex knows as its owner: the unlock is refused, and only tells
-// ThreadSanitizer.
+// In the child the mutex names a thread of the parent as its owner: the unlock is refused, and only informs
+// ThreadSanitizer. The threads that held pins do not exist in the child.
 void resetAfterFork() {
     pthread_mutex_unlock(&objMemMutex);
     objMemMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
-    for (Gate &gate : gates) {
-        gate.busy = 0;  // whoever was inside is not here
+    for (RecordPin &pin : record_pins) {
+        pin.busy = 0;
     }
-}
-
-template <typename Record>
-void chainRecords(Record *records, uint32_t last) {
-    for (uint32_t i = 0; i < last; ++i) {
-        records[i].next = i + 1;
-    }
-    records[last].next = kNoNext;
-}
-
-template <typename Record>
-uint32_t popFree(Record *records, uint32_t *first, uint32_t *last) {
-    const uint32_t index = *first;
-    *first = records[index].next;
-    if (*first == kNoNext) {
-        *last = kNoNext;
-    }
-    records[index] = Record{};
-    records[index].refCount = 1;
-    return index;
-}
-
-template <typename Record>
-void appendFree(Record *records, uint32_t *first, uint32_t *last, uint32_t index) {
-    records[index].next = kNoNext;
-    if (*last == kNoNext) {
-        *first = index;
-    } else {
-        records[*last].next = index;
-    }
-    *last = index;
 }
 
 bool isTableHandle(HANDLE handle) {
     return (handle & kIndexMask) < kObjectCount && vlliFindObjectType(vlliGetObjectType(handle)) != nullptr;
 }
 
-// Takes an object record off the free list. Under the lock.
+// Takes an object record off the free list. Needs the lock.
 uint32_t issueObject(uint32_t type) {
     const uint32_t index = popFree(objects, &firstFreeObject, &lastFreeObject);
-    issues[index] = {type, true};
-    __atomic_store_n(&gates[index].handle, type | index, __ATOMIC_RELEASE);
+    record_states[index] = {vlliFindObjectType(type), true};
+    __atomic_store_n(&record_pins[index].handle, type | index, __ATOMIC_RELEASE);
     return index;
 }
 
-// The last reference is gone: nobody but the caller can reach the record.
+// Destroys an object whose last reference is gone, so that nobody but the caller can reach the record.
 void destroyObject(uint32_t index) {
     const KeepErrno keep_errno;
-    closeGate(&gates[index]);
-    const ObjectType *type = vlliFindObjectType(issues[index].type);
+    retirePin(&record_pins[index]);
+    const ObjectType *type = record_states[index].type;
     if (type != nullptr && type->close != nullptr) {
         type->close(&objects[index]);
     }
@@ -121,16 +91,7 @@ void destroyObject(uint32_t index) {
 
 }  // namespace
 
-int vlliLockMemoryMutex() {
-    int error = pthread_mutex_lock(&objMemMutex);
-    if (error == EOWNERDEAD) {
-        error = pthread_mutex_consistent(&objMemMutex);
-    }
-    if (error != 0) {
-        errno = error;
-    }
-    return error;
-}
+const ForkHandlers kHandleTableForkHandlers = {lockForFork, unlockAfterFork, resetAfterFork};
 
 int vlliInitObjMem() {
     const TableLock lock;
@@ -145,15 +106,11 @@ int vlliInitObjMem() {
     for (ObjectRecord &record : objects) {
         record = {};
     }
-    for (ObjmemRecord &record : objmem) {
-        record = {};
-    }
     chainRecords(objects, lastFreeObject);
-    chainRecords(objmem, lastFreeObjmem);
+    vlliInitObjmemPool();
     for (HANDLE &bucket : mmapHashTable) {
         bucket = 0;
     }
-    pthread_atfork(lockForFork, unlockAfterFork, resetAfterFork);
     bInitialized = 1;
     return 0;
 }
@@ -165,50 +122,46 @@ HANDLE vlliAllocObject(uint32_t type) {
     }
     if (firstFreeObject == kNoNext || bInitialized == 0) {
         vlliLogError("VLLI: AllocObject() error = ENOMEM\n");
-        errno = ENOMEM;
-        return 0;
+        return Fail(ENOMEM);
     }
     return type | issueObject(type);
 }
 
 HANDLE vlliAllochMemObject(uint32_t type) {
+    vlliReclaimObjmem();
     const TableLock lock;
     if (!lock.held()) {
         return 0;
     }
-    if (firstFreeObject == kNoNext || firstFreeObjmem == kNoNext || bInitialized == 0) {
+    if (firstFreeObject == kNoNext || vlliIsObjmemPoolEmpty() || bInitialized == 0) {
         vlliLogError("VLLI: AllocMemObject() error = ENOMEM\n");
-        errno = ENOMEM;
-        return 0;
+        return Fail(ENOMEM);
     }
     const uint32_t index = issueObject(type);
-    objects[index].mem = &objmem[popFree(objmem, &firstFreeObjmem, &lastFreeObjmem)];
+    objects[index].mem = vlliTakeObjmem();
     return type | index;
 }
 
 HANDLE vlliCreateObject(uint32_t type) {
     const ObjectType *row = vlliFindObjectType(type);
     if (row == nullptr) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
-    return row->hasObjmem ? vlliAllochMemObject(type) : vlliAllocObject(type);
+    return row->has_objmem ? vlliAllochMemObject(type) : vlliAllocObject(type);
 }
 
 BOOL vlliFreeObject(uint32_t index) {
     if (index >= kObjectCount) {
-        errno = EBUSY;
-        return FALSE;
+        return Fail(EBUSY);
     }
     const TableLock lock;
     if (!lock.held()) {
         return FALSE;
     }
-    if (objects[index].refCount != 0 || issues[index].type == 0) {
-        errno = EBUSY;
-        return FALSE;
+    if (objects[index].refCount != 0 || record_states[index].type == nullptr) {
+        return Fail(EBUSY);
     }
-    issues[index] = {0, false};
+    record_states[index] = {nullptr, false};
     appendFree(objects, &firstFreeObject, &lastFreeObject, index);
     return TRUE;
 }
@@ -217,8 +170,7 @@ ObjectRecord *vlliOpenObject(HANDLE handle) {
     if (!isTableHandle(handle)) {
         vlliLogError("VLLI: OpenObject( 0x%X ): Invalid handle value! \n", handle);
         vlliPrintBacktrace();
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     const TableLock lock;
     if (!lock.held()) {
@@ -227,8 +179,7 @@ ObjectRecord *vlliOpenObject(HANDLE handle) {
     ObjectRecord *record = vlliGetObjectAddress(handle);
     if (record->refCount == 0) {
         vlliLogError("VLLI: OpenObject( 0x%X ): Unused handle! \n", handle);
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     ++record->refCount;
     return record;
@@ -242,9 +193,8 @@ bool vlliOpenObjects(int32_t count, const HANDLE *handles, ObjectRecord **record
     }
     for (int32_t i = 0; i < count; ++i) {
         const uint32_t index = handles[i] & kIndexMask;
-        if (index >= kObjectCount || objects[index].refCount == 0 ||
-            issues[index].type != vlliGetObjectType(handles[i])) {
-            // An object cannot come to its last reference here: each had one before ours.
+        if (index >= kObjectCount || objects[index].refCount == 0 || !vlliIsIssuedType(handles[i])) {
+            // None of these is the last reference: each object had one before ours.
             while (i-- > 0) {
                 --records[i]->refCount;
             }
@@ -259,8 +209,7 @@ bool vlliOpenObjects(int32_t count, const HANDLE *handles, ObjectRecord **record
 BOOL vlliCloseObject(HANDLE handle) {
     if (!isTableHandle(handle)) {
         vlliLogError("VLLI: CloseObject( 0x%X ): Invalid handle value! \n", handle);
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const uint32_t index = handle & kIndexMask;
     TableLock lock;
@@ -268,8 +217,7 @@ BOOL vlliCloseObject(HANDLE handle) {
         return FALSE;
     }
     if (objects[index].refCount == 0) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const int32_t left = --objects[index].refCount;
     lock.unlock();
@@ -300,14 +248,35 @@ void vlliCloseEvents(int32_t count, const HANDLE *handles) {
     }
 }
 
-void vlliKeepHandle(HANDLE handle) {
+void vlliWithholdHandle(HANDLE handle) {
     const TableLock lock;
-    issues[handle & kIndexMask].closeable = false;
+    record_states[handle & kIndexMask].closeable = false;
+}
+
+BOOL vlliSurrenderHandle(HANDLE handle) {
+    if (!isTableHandle(handle)) {
+        return TRUE;  // the close refuses it, and logs it
+    }
+    const uint32_t index = handle & kIndexMask;
+    const TableLock lock;
+    if (!lock.held()) {
+        return FALSE;
+    }
+    if (objects[index].refCount == 0 || !record_states[index].closeable || !vlliIsIssuedType(handle)) {
+        return Fail(EINVAL);
+    }
+    record_states[index].closeable = false;
+    return TRUE;
+}
+
+const ObjectType *vlliIssuedType(HANDLE handle) {
+    const uint32_t index = handle & kIndexMask;
+    return index < kObjectCount ? record_states[index].type : nullptr;
 }
 
 bool vlliIsIssuedType(HANDLE handle) {
-    const uint32_t index = handle & kIndexMask;
-    return index < kObjectCount && issues[index].type == vlliGetObjectType(handle);
+    const ObjectType *type = vlliIssuedType(handle);
+    return type != nullptr && type->code == vlliGetObjectType(handle);
 }
 
 void ObjectRef::open(HANDLE handle) {
@@ -319,81 +288,7 @@ void ObjectRef::open(HANDLE handle) {
     }
 }
 
-BOOL vlliAttachObjmem(ObjmemRecord *record) {
-    const TableLock lock;
-    if (!lock.held() || record->refCount == 0) {
-        return FALSE;
-    }
-    ++record->refCount;
-    return TRUE;
-}
-
-BOOL vlliDetachObjmem(ObjmemRecord *record) {
-    if (record == nullptr) {
-        vlliLogError("VLLI: DetachObjmem( mem = NUILL )\n");
-        vlliPrintBacktrace();
-        errno = EINVAL;
-        return FALSE;
-    }
-    const TableLock lock;
-    if (!lock.held() || record->refCount == 0) {
-        return FALSE;
-    }
-    if (--record->refCount != 0) {
-        return TRUE;
-    }
-    const uintptr_t offset = reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(objmem);
-    const uintptr_t index = offset / sizeof(ObjmemRecord);
-    if (offset % sizeof(ObjmemRecord) != 0 || index >= kObjmemCount) {
-        return FALSE;
-    }
-    appendFree(objmem, &firstFreeObjmem, &lastFreeObjmem, static_cast<uint32_t>(index));
-    return TRUE;
-}
-
-namespace {
-
-// The caller gives up a handle: at most once, whatever operations still hold its record.
-BOOL giveUpHandle(HANDLE handle) {
-    const uint32_t index = handle & kIndexMask;
-    if (isTableHandle(handle)) {
-        TableLock lock;
-        if (!lock.held()) {
-            return FALSE;
-        }
-        if (objects[index].refCount == 0 || !issues[index].closeable || !vlliIsIssuedType(handle)) {
-            errno = EINVAL;
-            return FALSE;
-        }
-        issues[index].closeable = false;
-    }
-    return vlliCloseObject(handle);
-}
-
-}  // namespace
-
-BOOL vllCloseHandle(HANDLE handle) {
-    if (vlliGetObjectType(handle) != 0) {
-        return giveUpHandle(handle);
-    }
-    return handle == 0 || vlliCloseFd(static_cast<int>(handle)) == 0;
-}
-
-HANDLE vllDuplicateHandle(HANDLE handle) {
-    const ObjectRef source(handle);
-    if (!source) {
-        return 0;
-    }
-    const uint32_t type = vlliGetObjectType(handle);
-    NewHandle duplicate(vlliAllocObject(type));
-    if (!duplicate) {
-        return 0;
-    }
-    duplicate.record()->fd = -1;
-    const ObjectType *row = vlliFindObjectType(type);
-    if (row->duplicate == nullptr) {
-        errno = EINVAL;
-        return 0;
-    }
-    return row->duplicate(duplicate.record(), source.get()) ? duplicate.release() : 0;
+void ObjectRef::openSilently(HANDLE handle) {
+    handle_ = handle;
+    vlliOpenObjects(1, &handle, &record_);
 }

@@ -1,5 +1,8 @@
 // The event-log operations.
 #include "vwincompat/eventlog.h"
+#include "base/allocate.h"
+#include "base/failure.h"
+#include "base/guards.h"
 
 #include <unistd.h>
 #include <cerrno>
@@ -7,7 +10,6 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal.h"
 #include "eventlog/eventlog_map.h"
 #include "vwincompat/fileops.h"
 
@@ -58,7 +60,7 @@ BOOL unmapAll() {
 
 // Takes a handle out of the list and frees it; the last one takes the mappings with it.
 BOOL dropHandle(EventLogHandle **link) {
-    const std::unique_ptr<EventLogHandle, FreeDeleter> handle(*link);
+    const HeapBlock<EventLogHandle> handle(*link);
     *link = handle->next;
     return --nRefCount > 0 || unmapAll();
 }
@@ -134,8 +136,7 @@ BOOL vllCloseEventLog(void *hEventLog) {
     const LogLock lock;
     EventLogHandle **const link = findHandle(hEventLog);
     if (link == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     return dropHandle(link);
 }
@@ -180,14 +181,12 @@ BOOL vllReadEventLog(void *hEventLog, DWORD dwReadFlags, DWORD dwRecordOffset, L
     if (!exactlyOne(dwReadFlags, EVENTLOG_SEQUENTIAL_READ, EVENTLOG_SEEK_READ) ||
         !exactlyOne(dwReadFlags, EVENTLOG_FORWARDS_READ, EVENTLOG_BACKWARDS_READ) ||
         (lpBuffer == nullptr && nNumberOfBytesToRead != 0)) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const LogLock lock;
     EventLogHandle **const link = findHandle(hEventLog);
     if (link == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     EventLogHandle *const handle = *link;
     handle->nCurrentRecord = startOf(*handle, dwReadFlags, dwRecordOffset);
@@ -206,8 +205,7 @@ BOOL vllReadEventLog(void *hEventLog, DWORD dwReadFlags, DWORD dwRecordOffset, L
         if (pnMinNumberOfBytesNeeded != nullptr) {
             *pnMinNumberOfBytesNeeded = needed;
         }
-        errno = ENOBUFS;
-        return FALSE;
+        return Fail(ENOBUFS);
     }
     errno = (dwReadFlags & EVENTLOG_SEQUENTIAL_READ) != 0 ? ERANGE : error;
     return FALSE;

@@ -17,7 +17,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/internal.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
 #include "eventlog/eventlog_record.h"
 
 SyslogMapping SyslogMappings[kSyslogFiles];
@@ -132,12 +133,10 @@ bool openSource(int entry, Fd *fd, struct stat *status) {
         return false;
     }
     if (!S_ISREG(status->st_mode)) {
-        errno = EISDIR;
-        return false;
+        return Fail(EISDIR);
     }
     if (status->st_size > INT32_MAX) {
-        errno = EFBIG;
-        return false;
+        return Fail(EFBIG);
     }
     return true;
 }
@@ -391,6 +390,5 @@ BOOL vlliGetEventLogRecord(EventLogHandle *handle, DWORD flags, int32_t number) 
         }
         before += SyslogMappings[entry].nRecords;
     }
-    errno = ENOMSG;
-    return FALSE;
+    return Fail(ENOMSG);
 }

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <cerrno>
 
-#include "base/internal.h"
 #include "vwincompat/file.h"
 #include "vwincompat/fileops.h"
 #include "vwincompat/path.h"

@@ -7,7 +7,11 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal_blocking.h"
+#include "base/allocate.h"
+#include "base/blocking.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "files/filemanage.h"
 
 namespace {
@@ -40,8 +44,7 @@ mode_t openSource(Copy *copy) {
     }
     if (S_ISDIR(status.st_mode)) {
         // Found out here, before an existing target is lost.
-        errno = EISDIR;
-        return 0;
+        return Fail(EISDIR);
     }
     do {
         copy->from.reset(vlliBlockInOpen(copy->source, O_RDONLY | O_CLOEXEC, 0));
@@ -62,7 +65,7 @@ int createNew(const char *path, mode_t mode) {
 bool isSourceItself(const char *source, const char *target) {
     const NoCancel no_cancel;
     const KeepErrno keep_errno;
-    const std::unique_ptr<char, FreeDeleter> resolved(realpath(source, nullptr));
+    const HeapBlock<char> resolved(realpath(source, nullptr));
     return resolved != nullptr && vlliIsSameEntry(resolved.get(), target);
 }
 
@@ -137,11 +140,9 @@ bool copyContent(Copy *copy) {
             case PROGRESS_STOP:
                 copy->delete_target = false;
                 flush(copy->to.get());
-                errno = EINTR;
-                return false;
+                return Fail(EINTR);
             case PROGRESS_CANCEL:
-                errno = EINTR;
-                return false;
+                return Fail(EINTR);
             case PROGRESS_QUIET:
                 copy->routine = nullptr;
                 break;

@@ -6,9 +6,13 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal_blocking.h"
+#include "base/allocate.h"
+#include "base/blocking.h"
+#include "base/failure.h"
+#include "base/log.h"
 #include "core/internal_async.h"
 #include "core/objmem.h"
+#include "core/ref.h"
 #include "files/filemanage.h"
 #include "vwincompat/event.h"
 #include "vwincompat/handle.h"
@@ -40,8 +44,7 @@ bool isWindowsPath(const char *path) {
 
 HANDLE openFile(const char *path, DWORD flags, DWORD mode, DWORD disposition) {
     if (disposition < CREATE_NEW || disposition > TRUNCATE_EXISTING) {
-        errno = EINVAL;
-        return INVALID_HANDLE_VALUE;
+        return Fail(EINVAL, INVALID_HANDLE_VALUE);
     }
     const int all_flags = static_cast<int>(flags) | kDispositionFlags[disposition];
     return static_cast<HANDLE>(vlliBlockInOpen(path, all_flags, mode));
@@ -73,7 +76,7 @@ BOOL startTransfer(HANDLE file, void *buffer, DWORD size, OverlappedRecord *reco
 // Sleeps until the event is likely to be signalled. The wait that follows then finds it so at once, and need
 // not build a set to wait on.
 void sleepUntilSignalled(HANDLE handle) {
-    const ObjectRef event(handle, OBJ_EVENT, ObjectRef::Quietly());  // the wait tells what is wrong with it
+    const Ref<OBJ_EVENT> event(handle, Refusal::kSilent);  // the wait tells what is wrong with it
     if (event) {
         std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
         vlliBlockInPoll(fds.data(), fds.size(), -1);
@@ -84,20 +87,17 @@ void sleepUntilSignalled(HANDLE handle) {
 
 HANDLE vllCreateFile(LPCSTR lpFileName, DWORD dwFlags, DWORD dwMode, DWORD dwCreationDisposition) {
     if (lpFileName == nullptr) {
-        errno = EINVAL;
-        return INVALID_HANDLE_VALUE;
+        return Fail(EINVAL, INVALID_HANDLE_VALUE);
     }
     if (!isWindowsPath(lpFileName)) {
         return openFile(lpFileName, dwFlags, dwMode, dwCreationDisposition);
     }
-    const std::unique_ptr<char, FreeDeleter> converted(
-        static_cast<char *>(malloc(strlen(lpFileName) + kConversionRoom)));
+    const HeapBlock<char> converted(static_cast<char *>(malloc(strlen(lpFileName) + kConversionRoom)));
     if (converted == nullptr) {
         return INVALID_HANDLE_VALUE;
     }
     if (vlliConvertToLinuxPath(converted.get(), lpFileName) == -1) {
-        errno = EACCES;
-        return INVALID_HANDLE_VALUE;
+        return Fail(EACCES, INVALID_HANDLE_VALUE);
     }
     vlliLogNotice("VLL: CreateFile: '%s' path converted to '%s'\n", lpFileName, converted.get());
     return openFile(converted.get(), dwFlags, dwMode, dwCreationDisposition);
@@ -126,16 +126,14 @@ BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTr
     uint32_t event_mask = kNoResult;
     finish(count, lpNumberOfBytesTransferred);
     if (lpOverlapped == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     if (bWait != 0) {
         sleepUntilSignalled(lpOverlapped->event);
     }
     const DWORD waited = vllWaitForSingleObject(lpOverlapped->event, bWait != 0 ? INFINITE : 0);
     if (waited == WAIT_TIMEOUT) {
-        errno = EINPROGRESS;
-        return FALSE;
+        return Fail(EINPROGRESS);
     }
     if (waited == WAIT_FAILED) {
         return FALSE;
@@ -162,8 +160,7 @@ DWORD vllSetFilePointer(HANDLE hFile, LONG lDistanceToMove, DWORD dwMoveMethod) 
     const off_t position = lseek(fd, lDistanceToMove, static_cast<int>(dwMoveMethod));
     if (position >= kNoResult) {
         lseek(fd, before, SEEK_SET);
-        errno = EOVERFLOW;
-        return kNoResult;
+        return Fail(EOVERFLOW, kNoResult);
     }
     return static_cast<DWORD>(position);
 }
@@ -178,20 +175,17 @@ DWORD vllGetFileSize(HANDLE hFile) {
         return kNoResult;
     }
     if (!S_ISREG(status.st_mode)) {
-        errno = EISDIR;
-        return kNoResult;
+        return Fail(EISDIR, kNoResult);
     }
     if (status.st_size >= kNoResult) {
-        errno = EOVERFLOW;
-        return kNoResult;
+        return Fail(EOVERFLOW, kNoResult);
     }
     return static_cast<DWORD>(status.st_size);
 }
 
 FileInfoRecord *vllGetFileInformationByHandle(HANDLE hFile, FileInfoRecord *lpFileInformation) {
     if (lpFileInformation == nullptr) {
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     struct stat status;
     if (fstat(toFd(hFile), &status) == -1) {
@@ -201,8 +195,7 @@ FileInfoRecord *vllGetFileInformationByHandle(HANDLE hFile, FileInfoRecord *lpFi
     const FILETIME accessed = vlliToFileTime(status.st_atime);
     const FILETIME written = vlliToFileTime(status.st_mtime);
     if (created != status.st_ctime || accessed != status.st_atime || written != status.st_mtime) {
-        errno = EOVERFLOW;
-        return nullptr;
+        return Fail(EOVERFLOW);
     }
     lpFileInformation->creationTime = created;
     lpFileInformation->lastAccessTime = accessed;

@@ -7,6 +7,11 @@
 #include <cstring>
 #include <memory>
 
+#include "base/allocate.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
 #include "files/filemanage.h"
 
 namespace {
@@ -110,10 +115,9 @@ BOOL deferMove(const char *from, const char *to, bool replace) {
     const int length =
         replace ? asprintf(&text, "%s %s replace_existing\n", from, to) : asprintf(&text, "%s  NULL\n", from);
     if (length == -1) {
-        errno = ENOMEM;
-        return FALSE;
+        return Fail(ENOMEM);
     }
-    const std::unique_ptr<char, FreeDeleter> line(text);
+    const HeapBlock<char> line(text);
     return appendLine(line.get(), static_cast<size_t>(length));
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/guards.h"
 #include "files/filemanage.h"
 
 namespace {

@@ -8,6 +8,9 @@
 #include <memory>
 #include <new>
 
+#include "base/allocate.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "files/filemanage.h"
 
 static_assert(sizeof(FindDataRecord) == 20 + 4096 && offsetof(FindDataRecord, name) == 20);
@@ -24,7 +27,7 @@ constexpr size_t kPatternSize = 4096;
 constexpr mode_t kDirectoryMode = 0770;
 constexpr DWORD kTooLarge = 0xFFFFFFFF;
 
-using Text = std::unique_ptr<char, FreeDeleter>;
+using Text = HeapBlock<char>;
 
 DWORD attributesOf(const char *path, const struct stat &status) {
     DWORD attributes = ATTR_OTHER;
@@ -82,8 +85,7 @@ BOOL expand(const char *pattern, glob_t *found) {
     const size_t length = strnlen(pattern, kPatternSize);
     const bool whole_directory = length != 0 && length < kPatternSize && pattern[length - 1] == '/';
     if (length + (whole_directory ? 1 : 0) >= kPatternSize) {
-        errno = ENAMETOOLONG;
-        return FALSE;
+        return Fail(ENAMETOOLONG);
     }
     stpcpy(stpcpy(buffer, pattern), whole_directory ? "*" : "");
     const int code =
@@ -106,8 +108,7 @@ Text currentDirectory() {
 
 DWORD vllGetFileAttributes(LPCSTR lpFileName) {
     if (lpFileName == nullptr) {
-        errno = EINVAL;
-        return INVALID_FILE_ATTRIBUTES;
+        return Fail(EINVAL, INVALID_FILE_ATTRIBUTES);
     }
     struct stat status;
     return stat(lpFileName, &status) == 0 ? attributesOf(lpFileName, status) : INVALID_FILE_ATTRIBUTES;
@@ -115,14 +116,12 @@ DWORD vllGetFileAttributes(LPCSTR lpFileName) {
 
 SearchRecord *vllFindFirstFile(LPCSTR lpFileName, FindDataRecord *lpFindFileData) {
     if (lpFileName == nullptr || lpFindFileData == nullptr) {
-        errno = EINVAL;
-        return INVALID_FIND_HANDLE;
+        return Fail(EINVAL, INVALID_FIND_HANDLE);
     }
     const NoCancel no_cancel;  // reading directories is cancellable, and glob() would leak
     std::unique_ptr<SearchRecord> search(new (std::nothrow) SearchRecord);
     if (search == nullptr) {
-        errno = ENOMEM;
-        return INVALID_FIND_HANDLE;
+        return Fail(ENOMEM, INVALID_FIND_HANDLE);
     }
     if (!expand(lpFileName, &search->found) || !describe(search->found.gl_pathv[0], lpFindFileData)) {
         const KeepErrno keep_errno;
@@ -137,8 +136,7 @@ BOOL vllFindNextFile(SearchRecord *hFindFile, FindDataRecord *lpFindFileData) {
         return vlliFailInvalid();
     }
     if (hFindFile->index + 1 >= hFindFile->found.gl_pathc) {
-        errno = ENOENT;
-        return FALSE;
+        return Fail(ENOENT);
     }
     ++hFindFile->index;
     return describe(hFindFile->found.gl_pathv[hFindFile->index], lpFindFileData);
@@ -179,8 +177,7 @@ DWORD vllGetCurrentDirectory(DWORD nBufferLength, LPSTR lpBuffer) {
 
 DWORD vllGetFullPathName(LPCSTR lpFileName, DWORD nBufferLength, LPSTR lpBuffer, LPSTR *lpFilePart) {
     if (lpFileName == nullptr) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     const Text directory = currentDirectory();
     if (directory == nullptr) {

@@ -5,6 +5,9 @@
 #include <unistd.h>
 #include <cstring>
 
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "files/filemanage.h"
 
 namespace {
@@ -104,8 +107,7 @@ void vll_splitpath(LPCSTR path, LPSTR drive, LPSTR dir, LPSTR fname, LPSTR ext) 
 BOOL vllGetDiskFreeSpaceEx(LPCSTR lpDirectoryName, uint64_t *lpFree, uint64_t *lpTotal,
                            uint64_t *lpAvailable) {
     if (lpDirectoryName == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     struct statfs status;
     if (statfs(lpDirectoryName, &status) == -1) {
@@ -131,8 +133,7 @@ BOOL vllCryptGenRandom(DWORD dwLen, BYTE *pbBuffer) {
         return FALSE;
     }
     if (dwLen == 0 || pbBuffer == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     // One read, unless a signal or the kernel's limit cuts it: no byte may be left as it was.
     for (DWORD filled = 0; filled < dwLen;) {

@@ -4,7 +4,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "base/internal.h"
+#include "base/failure.h"
 #include "vwincompat/serial.h"
 
 BOOL vllPurgeComm(int32_t hFile, DWORD dwFlags) {
@@ -12,8 +12,7 @@ BOOL vllPurgeComm(int32_t hFile, DWORD dwFlags) {
         return FALSE;
     }
     if ((dwFlags & (PURGE_RXCLEAR | PURGE_TXCLEAR)) == 0) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     tcflush(hFile, (dwFlags & PURGE_RXCLEAR) != 0 ? TCIFLUSH : TCOFLUSH);
     return TRUE;
@@ -27,8 +26,7 @@ BOOL vllGetCommModemStatus(int32_t hFile, LPDWORD lpModemStat) {
     static constexpr Line kLines[] = {
         {TIOCM_CTS, MS_CTS_ON}, {TIOCM_DSR, MS_DSR_ON}, {TIOCM_RNG, MS_RING_ON}, {TIOCM_CAR, MS_RLSD_ON}};
     if (lpModemStat == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     int active = 0;
     if (ioctl(hFile, TIOCMGET, &active) == -1) {
@@ -44,8 +42,7 @@ BOOL vllGetCommModemStatus(int32_t hFile, LPDWORD lpModemStat) {
 BOOL vllEscapeCommFunction(int32_t hFile, DWORD dwFunc) {
     const bool raise = dwFunc == SETDTR || dwFunc == SETRTS;
     if (!raise && dwFunc != CLRDTR && dwFunc != CLRRTS) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const int line = dwFunc == SETDTR || dwFunc == CLRDTR ? TIOCM_DTR : TIOCM_RTS;
     return ioctl(hFile, raise ? TIOCMBIS : TIOCMBIC, &line) != -1;

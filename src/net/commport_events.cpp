@@ -9,6 +9,10 @@
 // thread is asynchronously cancellable, so it is that for just this call. Locks are taken with deferred
 // cancellation, and no call under them acts on it.
 
+#include "base/blocking.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
 #include "net/commport.h"
 
 #include <linux/serial.h>
@@ -18,7 +22,6 @@
 #include <atomic>
 #include <optional>
 
-#include "base/internal_blocking.h"
 #include "process/thread.h"
 #include "sync/event.h"
 #include "vwincompat/process.h"
@@ -181,8 +184,7 @@ BOOL stopWatchers(OverlappedRecord *record, MutexLock *lock) {
     }
     lock->unlock();
     tearDown(record);
-    errno = error;
-    return data_ended && modem_ended;
+    return Fail(error, data_ended && modem_ended);
 }
 
 // A set-up that failed, now or earlier: a stop still gives back what it made.
@@ -317,8 +319,7 @@ uint32_t vlliWaitForModem(LPVOID overlapped) {
 
 BOOL vllSetCommMask(int32_t hFile, DWORD dwEvtMask, OverlappedRecord *overlapped) {
     if (overlapped == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;
     const bool idle = isIdle(overlapped);
@@ -336,8 +337,7 @@ BOOL vllSetCommMask(int32_t hFile, DWORD dwEvtMask, OverlappedRecord *overlapped
 
 BOOL vllWaitCommEvent(int32_t, uint32_t *lpEvtMask, OverlappedRecord *overlapped) {
     if (lpEvtMask == nullptr || overlapped == nullptr || isIdle(overlapped) || hasFailedSetUp(overlapped)) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;
     DWORD signalled = vllWaitForSingleObject(overlapped->event, 0);

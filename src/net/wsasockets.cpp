@@ -5,10 +5,14 @@
 
 #include <fcntl.h>
 #include <sys/epoll.h>
-#include <atomic>
 #include <cinttypes>
 
-#include "base/internal_blocking.h"
+#include "base/blocking.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
+#include "core/ref.h"
 #include "sync/event.h"
 
 static_assert(sizeof(WSASockData) == 40 && offsetof(WSASockData, hEventObject) == 12 &&
@@ -20,8 +24,6 @@ static_assert(sizeof(WSABUF) == sizeof(iovec) && offsetof(WSABUF, buf) == offset
 namespace {
 
 constexpr int32_t kAllEvents = FD_READ | FD_WRITE | FD_ACCEPT | FD_CONNECT | FD_CLOSE;
-
-std::atomic<bool> sockets_selected{false};
 
 int changeSet(const ObjectRecord *event, int operation, int socket, uint32_t readiness, WSASockData *record) {
     epoll_event change = {};
@@ -50,7 +52,7 @@ struct EarlierSelection {
 // A closed one has left it before, and its number may by now stand there for a socket of another record.
 void abandonSelection(WSASockData *record) {
     if (record->lNetworkEvents != 0 && record->state != SOCK_STATE_CLOSED) {
-        const ObjectRef event(record->hEventObject, OBJ_EVENT, ObjectRef::Quietly());
+        const Ref<OBJ_EVENT> event(record->hEventObject, Refusal::kSilent);
         if (event) {
             removeFromSet(event.get(), record->socket);
         }
@@ -65,8 +67,8 @@ EarlierSelection endEarlierSelection(WSASockData *record, SOCKET socket) {
         abandonSelection(record);
         return earlier;
     }
-    const ObjectRef event(record->hEventObject);
-    if (!event || vlliGetObjectType(record->hEventObject) != OBJ_EVENT) {
+    const Ref<OBJ_EVENT> event(record->hEventObject, Refusal::kUnchanged);
+    if (!event) {
         *record = {};
         return earlier;
     }
@@ -96,7 +98,7 @@ int32_t enterSelection(SOCKET socket, HANDLE handle, const ObjectRecord *event, 
     if ((mask & (FD_WRITE | FD_CONNECT)) != 0) {
         readiness |= EPOLLOUT;
     }
-    sockets_selected.store(true, std::memory_order_release);
+    vlliSetSocketActivityHandler(vlliWsaProcessNetworkEvents);
     if (changeSet(event, EPOLL_CTL_ADD, socket, readiness, record) == -1) {
         record->socket = 0;
         record->hEventObject = 0;
@@ -212,11 +214,8 @@ void processWritable(WSASockData *record, const ObjectRecord *event) {
 
 }  // namespace
 
-bool vlliSocketsSelected() {
-    return sockets_selected.load(std::memory_order_acquire);
-}
-
-void vlliWsaProcessNetworkEvents(WSASockData *record, ObjectRecord *event, uint32_t readiness) {
+void vlliWsaProcessNetworkEvents(void *data, ObjectRecord *event, uint32_t readiness) {
+    auto *record = static_cast<WSASockData *>(data);
     const NoCancel no_cancel;
     const KeepErrno keep_errno;
     if ((readiness & EPOLLERR) != 0) {
@@ -239,20 +238,17 @@ void vlliWsaProcessNetworkEvents(WSASockData *record, ObjectRecord *event, uint3
 int32_t vllWSAEventSelect(SOCKET socket, HANDLE hEventObject, int32_t lNetworkEvent, WSASockData *record) {
     if ((lNetworkEvent & ~kAllEvents) != 0) {
         vlliLogError("VLLI: WSAEventSelect: lNetworkEvent = 0x%08X\n", static_cast<unsigned>(lNetworkEvent));
-        errno = EINVAL;
-        return SOCKET_ERROR;
+        return Fail(EINVAL, SOCKET_ERROR);
     }
     if (record == nullptr) {
-        errno = EINVAL;
-        return SOCKET_ERROR;
+        return Fail(EINVAL, SOCKET_ERROR);
     }
     const EarlierSelection earlier = endEarlierSelection(record, socket);
-    const ObjectRef event(hEventObject, OBJ_EVENT);
+    const Ref<OBJ_EVENT> event(hEventObject, Refusal::kUnopened);
     if (!event) {
         vlliLogError("VLLI: WSAEventSelect: hEventObject = 0x%08X, event = 0x%08" PRIXPTR "\n", hEventObject,
                      reinterpret_cast<uintptr_t>(earlier.event));
-        errno = EINVAL;
-        return SOCKET_ERROR;
+        return Fail(EINVAL, SOCKET_ERROR);
     }
     if (lNetworkEvent == 0) {
         errno = earlier.removed ? errno : earlier.error;
@@ -263,16 +259,14 @@ int32_t vllWSAEventSelect(SOCKET socket, HANDLE hEventObject, int32_t lNetworkEv
 
 int32_t vllWSAEnumNetworkEvents(WSASockData *record, HANDLE hEventObject, WSANETWORKEVENTS *events) {
     if (record == nullptr || events == nullptr) {
-        errno = EINVAL;
-        return SOCKET_ERROR;
+        return Fail(EINVAL, SOCKET_ERROR);
     }
     *events = {};
-    const bool is_event = vlliGetObjectType(hEventObject) == OBJ_EVENT;
+    const bool is_event = Ref<OBJ_EVENT>::names(hEventObject);
     if (is_event) {
-        const ObjectRef event(hEventObject);
+        const Ref<OBJ_EVENT> event(hEventObject);
         if (!event || record->hEventObject != hEventObject) {
-            errno = EINVAL;
-            return SOCKET_ERROR;
+            return Fail(EINVAL, SOCKET_ERROR);
         }
     }
     const int32_t reported = record->lNetworkEvents & record->lPendingEvents;
@@ -292,8 +286,8 @@ void vllWSAEnableWriteEvent(WSASockData *record) {
         vlliLogError("VLLI: WSAEnableWriteEvent: WSASockData == NULL\n");
         return;
     }
-    const ObjectRef event(record->hEventObject);
-    if (!event || vlliGetObjectType(record->hEventObject) != OBJ_EVENT) {
+    const Ref<OBJ_EVENT> event(record->hEventObject, Refusal::kUnchanged);
+    if (!event) {
         vlliLogError("VLLI: WSAEnableWriteEvent: S%d unable to open E%08X\n", record->socket,
                      record->hEventObject);
         return;

@@ -4,8 +4,5 @@
 #include "core/objmem.h"
 #include "vwincompat/socket.h"
 
-// True once any socket was ever selected into an event of this process.
-bool vlliSocketsSelected();
-
-// Turns the readiness that a socket's epoll set reported into pending events of its selection record.
-void vlliWsaProcessNetworkEvents(WSASockData *record, ObjectRecord *event, uint32_t readiness);
+// Turns the readiness that an event's epoll set reported into pending events of the selection record, a WSASockData.
+void vlliWsaProcessNetworkEvents(void *data, ObjectRecord *event, uint32_t readiness);

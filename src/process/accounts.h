@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <memory>
 
-#include "base/internal.h"
+#include "base/allocate.h"
 
 // What the strings of an entry point into.
 struct AccountText {
-    std::unique_ptr<char, FreeDeleter> block;
+    HeapBlock<char> block;
     size_t size = 0;
 };
 

@@ -4,8 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/internal.h"
-#include "base/internal_blocking.h"
+#include "base/blocking.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "vwincompat/process.h"
 
 namespace {
@@ -67,12 +68,10 @@ class Command {
 
 int32_t vllGetDaemonPID(LPCSTR lpProgramName) {
     if (lpProgramName == nullptr || !isPlainName(lpProgramName)) {
-        errno = EINVAL;
-        return -1;
+        return Fail(EINVAL, -1);
     }
     if (strlen(lpProgramName) > kLongestName) {
-        errno = ENAMETOOLONG;
-        return -1;
+        return Fail(ENAMETOOLONG, -1);
     }
     char line[kCommandSize];
     snprintf(line, sizeof line, kCommand, lpProgramName);

@@ -1,8 +1,10 @@
 #include "vwincompat/memory.h"
+#include "base/failure.h"
+#include "base/guards.h"
 
 #include <unistd.h>
+#include <cstdlib>
 
-#include "base/internal.h"
 #include "vwincompat/handle.h"
 #include "vwincompat/mutex.h"
 #include "vwincompat/wait.h"

@@ -10,7 +10,9 @@
 #include <csignal>
 #include <initializer_list>
 
-#include "base/internal.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "process/memory_probe.h"
 #include "vwincompat/memory.h"
 
 namespace {
@@ -20,17 +22,16 @@ constexpr int kFaults[] = {SIGSEGV, SIGBUS};
 constexpr size_t kFaultCount = sizeof kFaults / sizeof *kFaults;
 
 pthread_mutex_t validation_mutex = PTHREAD_MUTEX_INITIALIZER;
-pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
 
 uint32_t signal_raised;  // touched with atomic operations
 pthread_t prober;        // valid while probing
 int32_t probing;
-sigjmp_buf probeExit;
+sigjmp_buf probe_exit;
 
 void vlliSignalHandler(int) {
     __atomic_store_n(&signal_raised, 1, __ATOMIC_RELAXED);
     if (__atomic_load_n(&probing, __ATOMIC_ACQUIRE) != 0 && pthread_equal(prober, pthread_self()) != 0) {
-        siglongjmp(probeExit, 1);
+        siglongjmp(probe_exit, 1);
     }
 }
 
@@ -41,10 +42,6 @@ void lockForFork() {
 
 void unlockAfterFork() {
     pthread_mutex_unlock(&validation_mutex);
-}
-
-void setForkHandlers() {
-    pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork);
 }
 
 // The library's actions and signal mask for a scope. Everything but faults is held back, so that no handler
@@ -92,7 +89,7 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void to
 
 // Nothing that a jump would skip or spoil lives in this frame.
 __attribute__((noinline)) void touchUntilFault(volatile uint8_t *bytes, SIZE_T length, bool write) {
-    if (sigsetjmp(probeExit, 0) == 0) {
+    if (sigsetjmp(probe_exit, 0) == 0) {
         __atomic_store_n(&probing, 1, __ATOMIC_RELEASE);
         touch(bytes, length, write);
     }
@@ -105,7 +102,6 @@ BOOL probe(volatile uint8_t *bytes, SIZE_T length, bool write) {
     }
     const KeepErrno keep_errno;
     const NoCancel no_cancel;
-    pthread_once(&forkHandlersOnce, setForkHandlers);
     const MutexLock lock(&validation_mutex);
     {
         const FaultHandlers handlers;
@@ -117,6 +113,8 @@ BOOL probe(volatile uint8_t *bytes, SIZE_T length, bool write) {
 }
 
 }  // namespace
+
+const ForkHandlers kProbeForkHandlers = {lockForFork, unlockAfterFork, unlockAfterFork};
 
 BOOL vllIsBadReadPtr(LPCVOID address, SIZE_T length) {
     return probe(static_cast<uint8_t *>(const_cast<void *>(address)), length, false);

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <memory>
 
-#include "base/internal.h"
+#include "base/allocate.h"
 #include "vwincompat/process.h"
 
 // Cuts a command line into tokens in place and stores where each begins, room of them at most: their number,
@@ -31,14 +31,14 @@ class BlockSignals {
 // no lock, since another thread of the parent may have held it at that moment for ever.
 struct ChildPlan {
     // The slot before arguments[0] is free: a script without "#!" is handed to the shell through it.
-    std::unique_ptr<char *, FreeDeleter> slots;
+    HeapBlock<char *> slots;
     char **arguments = nullptr;
-    std::unique_ptr<char, FreeDeleter> candidates;  // what to run, in order: strings, then an empty one
-    bool searched = false;                          // found along PATH, as execvp(3) does
-    const char *directory = nullptr;                // null: the caller's
+    HeapBlock<char> candidates;       // what to run, in order: strings, then an empty one
+    bool searched = false;            // found along PATH, as execvp(3) does
+    const char *directory = nullptr;  // null: the caller's
     char path[sizeof "PATH=" - 1 + VLL_PATH_SIZE] = "";
-    std::unique_ptr<char *, FreeDeleter> environment;  // null: the caller's
-    char logHead[128] = "";  // a log line up to its text; empty: failures are not logged
+    HeapBlock<char *> environment;  // null: the caller's
+    char logHead[128] = "";         // a log line up to its text; empty: failures are not logged
 };
 
 // Room for count arguments and the closing null pointer: false with ENOMEM.

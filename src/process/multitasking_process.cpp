@@ -7,7 +7,11 @@
 #include <climits>
 #include <cstring>
 
-#include "base/internal_blocking.h"
+#include "base/allocate.h"
+#include "base/blocking.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
 #include "process/multitasking.h"
 #include "vwincompat/thread.h"
 
@@ -35,12 +39,10 @@ bool planVector(ChildPlan *plan, const char *application, char *text) {
         count += vlliCutCommandLine(text, plan->arguments + count, room - count);
     }
     if (count > room) {
-        errno = E2BIG;
-        return false;
+        return Fail(E2BIG);
     }
     if (count == 0) {
-        errno = EINVAL;
-        return false;
+        return Fail(EINVAL);
     }
     plan->arguments[count] = nullptr;
     return true;
@@ -66,10 +68,9 @@ bool isProcessId(DWORD pid) {
 BOOL vllCreateProcess(LPCSTR lpApplicationName, LPCSTR lpCommandLine, LPCSTR lpCurrentDirectory,
                       PROCESS_INFORMATION *lpProcessInformation) {
     if (lpProcessInformation == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
-    std::unique_ptr<char, FreeDeleter> text;
+    HeapBlock<char> text;
     if (lpCommandLine != nullptr) {
         text.reset(strdup(lpCommandLine));
         if (text == nullptr) {
@@ -114,12 +115,10 @@ DWORD vllGetCurrentProcessId() {
 
 BOOL vllGetExitCodeProcess(DWORD dwProcessId, LPDWORD lpExitCode) {
     if (lpExitCode == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     if (!isProcessId(dwProcessId)) {
-        errno = ECHILD;
-        return FALSE;
+        return Fail(ECHILD);
     }
     const NoCancel no_cancel;
     int status = 0;
@@ -133,8 +132,7 @@ BOOL vllGetExitCodeProcess(DWORD dwProcessId, LPDWORD lpExitCode) {
 
 BOOL vllTerminateProcess(DWORD dwProcessId, UINT uExitCode) {
     if (!isProcessId(dwProcessId)) {
-        errno = ESRCH;
-        return FALSE;
+        return Fail(ESRCH);
     }
     const auto pid = static_cast<pid_t>(dwProcessId);
     if (pid == getpid()) {

@@ -5,7 +5,8 @@
 #include <cerrno>
 #include <ctime>
 
-#include "base/internal_blocking.h"
+#include "base/blocking.h"
+#include "base/failure.h"
 #include "process/multitasking.h"
 
 namespace {
@@ -35,8 +36,7 @@ BOOL vllSetPriorityClass(DWORD dwProcessId, int32_t nPolicy, int32_t nPriority) 
         return setPolicy(pid, nPolicy, nPriority);
     }
     if (nPolicy != SCHED_OTHER || nPriority < kLowestNice || nPriority > kHighestNice) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     return setPolicy(pid, SCHED_OTHER, 0) && setpriority(PRIO_PROCESS, dwProcessId, nPriority) == 0;
 }

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/failure.h"
+#include "base/guards.h"
 #include "process/multitasking.h"
 
 namespace {
@@ -223,8 +225,7 @@ bool vlliPlanDirectory(ChildPlan *plan, const char *directory) {
     const int length = snprintf(plan->path, sizeof plan->path, "%s%s%s%s", kPathPrefix,
                                 alone ? "" : inherited, alone ? "" : ":", directory);
     if (length < 0 || static_cast<size_t>(length) >= sizeof plan->path) {
-        errno = ENAMETOOLONG;
-        return false;
+        return Fail(ENAMETOOLONG);
     }
     plan->directory = directory;
     return planEnvironment(plan);

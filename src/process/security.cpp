@@ -2,6 +2,9 @@
 // what a logon hands out is kept for the calling thread, in a block that goes with it.
 
 #include "vwincompat/security.h"
+#include "base/allocate.h"
+#include "base/failure.h"
+#include "base/guards.h"
 
 #include <crypt.h>
 #include <pthread.h>
@@ -35,8 +38,7 @@ void initLogonText() {
 LogonText *threadText() {
     pthread_once(&logon_text_once, initLogonText);
     if (logon_text_error != 0) {
-        errno = logon_text_error;
-        return nullptr;
+        return Fail(logon_text_error);
     }
     auto *text = static_cast<LogonText *>(pthread_getspecific(logon_text_key));
     if (text == nullptr) {
@@ -44,8 +46,7 @@ LogonText *threadText() {
         const int error = text != nullptr ? pthread_setspecific(logon_text_key, text) : ENOMEM;
         if (error != 0) {
             delete text;
-            errno = error;
-            return nullptr;
+            return Fail(error);
         }
     }
     return text;
@@ -86,11 +87,9 @@ bool isSameHash(const char *a, const char *b) {
 
 // True when the password gives the hash; false with errno.
 bool checkPassword(const char *password, const char *hash) {
-    const std::unique_ptr<crypt_data, FreeDeleter> work(
-        static_cast<crypt_data *>(calloc(1, sizeof(crypt_data))));
+    const HeapBlock<crypt_data> work(static_cast<crypt_data *>(calloc(1, sizeof(crypt_data))));
     if (work == nullptr) {
-        errno = ENOMEM;
-        return false;
+        return Fail(ENOMEM);
     }
     // A hash that names no method gives a null pointer, or a text that begins with '*' and is no hash.
     const char *result = crypt_r(password, hash, work.get());
@@ -106,8 +105,7 @@ bool checkPassword(const char *password, const char *hash) {
 
 BOOL vllLogonUser(LPCSTR lpszUsername, LPCSTR lpszPassword, struct passwd *lpUser) {
     if (lpszUsername == nullptr || lpszPassword == nullptr || lpUser == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;  // the databases hold locks of the C library
     LogonText *text = threadText();
@@ -118,8 +116,7 @@ BOOL vllLogonUser(LPCSTR lpszUsername, LPCSTR lpszPassword, struct passwd *lpUse
     if (strcmp(entry.pw_passwd, "x") == 0) {
         entry.pw_passwd = findShadowHash(lpszUsername, &text->shadow);
         if (entry.pw_passwd == nullptr) {
-            errno = EACCES;
-            return FALSE;
+            return Fail(EACCES);
         }
     }
     if (!checkPassword(lpszPassword, entry.pw_passwd)) {

@@ -2,7 +2,7 @@
 // when it ends. The record goes with the last handle, so the caller's may be closed earlier or later.
 //
 // A thread ends in vlliThreadCleanup(), however it got there. It marks its record first (`handle` becomes 0),
-// under threadMutex; whoever cancels it looks at the mark and cancels under the same lock, so it can never name
+// under thread_mutex; whoever cancels it looks at the mark and cancels under the same lock, so it can never name
 // a thread that is gone.
 
 #include "process/thread.h"
@@ -11,34 +11,24 @@
 #include <unistd.h>
 #include <cstring>
 
-#include "base/internal_blocking.h"
-#include "sync/mutex.h"
+#include "base/blocking.h"
+#include "base/counter.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
+#include "core/ref.h"
 
 namespace {
 
 pthread_key_t thread_data_key;
 pthread_once_t thread_data_once = PTHREAD_ONCE_INIT;
 
-// Guards `handle` and `exitCode` of all thread records. Taken before objMemMutex, never after.
-pthread_mutex_t threadMutex = PTHREAD_MUTEX_INITIALIZER;
-
-// Of the parent's threads the child has only the one that forked. The others hold no lock there, and are marked
-// ended: their identifiers may soon name threads of the child.
-void resetAfterFork() {
-    threadMutex = PTHREAD_MUTEX_INITIALIZER;
-    const void *own = pthread_getspecific(thread_data_key);
-    for (uint32_t i = 0; i < kObjectCount; ++i) {
-        const ObjectRecord &record = objects[i];
-        if (record.refCount != 0 && vlliIsIssuedType(OBJ_THREAD | i) && record.mem != nullptr &&
-            &record.mem->thread != own) {
-            record.mem->thread.handle = 0;
-        }
-    }
-}
+// Guards `handle` and `exitCode` of all thread records.
+pthread_mutex_t thread_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 void thread_data_init() {
     pthread_key_create(&thread_data_key, nullptr);
-    pthread_atfork(nullptr, nullptr, resetAfterFork);
 }
 
 // The calling thread's record, or null in a thread that was not started here.
@@ -47,8 +37,22 @@ ThreadData *currentThreadData() {
     return static_cast<ThreadData *>(pthread_getspecific(thread_data_key));
 }
 
+// Of the parent's threads the child has only the one that forked. The others hold no lock there. They are marked as
+// ended, since their identifiers may soon name threads of the child.
+void resetAfterFork() {
+    thread_mutex = PTHREAD_MUTEX_INITIALIZER;
+    const void *own = currentThreadData();
+    for (uint32_t i = 0; i < kObjectCount; ++i) {
+        const ObjectRecord &record = objects[i];
+        if (record.refCount != 0 && vlliIsIssuedType(OBJ_THREAD | i) && record.payload != nullptr &&
+            record.payload != own) {
+            vlliThreadData(&record)->handle = 0;
+        }
+    }
+}
+
 void setExitCode(ThreadData *thread, uint32_t code) {
-    const MutexLock lock(&threadMutex);
+    const MutexLock lock(&thread_mutex);
     thread->exitCode = code;
 }
 
@@ -87,7 +91,7 @@ void vlliThreadCleanup(void *argument) {
     auto *thread = static_cast<ThreadData *>(argument);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_setspecific(thread_data_key, nullptr);
-    MutexLock lock(&threadMutex);
+    MutexLock lock(&thread_mutex);
     const HANDLE own = thread->handle;
     __atomic_store_n(&thread->handle, 0, __ATOMIC_RELEASE);
     lock.unlock();
@@ -104,14 +108,13 @@ void *vlliThreadWrapper(void *argument) {
 
 // The thread's own handle with its completion event and resume semaphore; 0 with errno when they cannot be made.
 HANDLE makeOwnHandle() {
-    vlliReclaimMutexes();
     NewHandle handle(vlliCreateObject(OBJ_THREAD));
     if (!handle) {
         return 0;
     }
     ObjectRecord *record = handle.record();
     record->fd = -1;
-    if (sem_init(&record->mem->thread.resumeSem, 0, 0) == -1) {
+    if (sem_init(&vlliThreadData(record)->resumeSem, 0, 0) == -1) {
         return 0;
     }
     record->fd = eventfd(0, 0);
@@ -123,11 +126,12 @@ HANDLE makeOwnHandle() {
 
 }  // namespace
 
+const ForkHandlers kThreadForkHandlers = {nullptr, nullptr, resetAfterFork};
+
 HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress, LPVOID lpParameter,
                        uintptr_t *lpThreadId, DWORD dwCreationFlags) {
     if (lpStartAddress == nullptr) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     pthread_once(&thread_data_once, thread_data_init);
     ThreadAttributes attributes;
@@ -135,8 +139,7 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
         const int result = pthread_attr_setstacksize(attributes.get(), dwStackSize);
         if (result != 0) {
             vlliLogError("VLLI: CreateThread: pthread_attr_setstacksize() = %d\n", result);
-            errno = result;
-            return 0;
+            return Fail(result);
         }
     }
     NewHandle own(makeOwnHandle());
@@ -147,8 +150,8 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
     if (!callers) {
         return 0;
     }
-    vlliKeepHandle(own.get());
-    ThreadData *thread = &own.record()->mem->thread;
+    vlliWithholdHandle(own.get());
+    ThreadData *thread = vlliThreadData(own.record());
     thread->handle = own.get();
     thread->startAddress = lpStartAddress;
     thread->parameter = lpParameter;
@@ -160,8 +163,7 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
     }
     const int result = pthread_create(&thread->threadId, attributes.get(), vlliThreadWrapper, thread);
     if (result != 0) {
-        errno = result;
-        return 0;
+        return Fail(result);
     }
     own.release();  // the thread's from here on
     if (lpThreadId != nullptr) {
@@ -189,16 +191,12 @@ HANDLE vllGetCurrentThread() {
 }
 
 DWORD vllResumeThread(HANDLE hThread) {
-    ObjectRef thread(hThread);
+    Ref<OBJ_THREAD> thread(hThread);
     if (!thread) {
         return 0;
     }
-    if (vlliGetObjectType(hThread) != OBJ_THREAD) {
-        errno = EINVAL;
-        return 0;
-    }
-    if (thread->mem != nullptr) {
-        sem_post(&thread->mem->thread.resumeSem);
+    if (thread.state() != nullptr) {
+        sem_post(&thread.state()->resumeSem);
     }
     return static_cast<DWORD>(thread.close());
 }
@@ -207,7 +205,7 @@ namespace {
 
 // Cancels a live thread: 0, or the error number.
 int cancelThread(ThreadData *thread, uint32_t exit_code) {
-    MutexLock lock(&threadMutex);
+    MutexLock lock(&thread_mutex);
     if (thread->handle == 0) {
         return ESRCH;
     }
@@ -228,35 +226,25 @@ int cancelThread(ThreadData *thread, uint32_t exit_code) {
 }  // namespace
 
 BOOL vllTerminateThread(HANDLE hThread, DWORD dwExitCode) {
-    const ObjectRef record(hThread);
+    const Ref<OBJ_THREAD> record(hThread);
     if (!record) {
         return FALSE;
     }
-    if (vlliGetObjectType(hThread) != OBJ_THREAD) {
-        errno = EINVAL;
-        return FALSE;
-    }
-    if (record->mem == nullptr) {
+    ThreadData *thread = record.state();
+    if (thread == nullptr) {
         vlliLogError("VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n", hThread, hThread);
-        errno = EFAULT;
-        return FALSE;
+        return Fail(EFAULT);
     }
-    ThreadData *thread = &record->mem->thread;
     if (thread->threadId == 0) {
         vlliLogError("VLL: TerminateThread(T%08X) ERROR: T%08X->threadId = 0!\n", hThread, thread->handle);
-        errno = EFAULT;
-        return FALSE;
+        return Fail(EFAULT);
     }
-    const int result = cancelThread(thread, dwExitCode);
-    if (result != 0) {
-        errno = result;
-        return FALSE;
-    }
-    return TRUE;
+    return vlliSucceeded(cancelThread(thread, dwExitCode));
 }
 
 bool vlliThreadRuns(const ObjectRecord *record) {
-    return record->mem != nullptr && __atomic_load_n(&record->mem->thread.handle, __ATOMIC_ACQUIRE) != 0;
+    const ThreadData *thread = vlliThreadData(record);
+    return thread != nullptr && __atomic_load_n(&thread->handle, __ATOMIC_ACQUIRE) != 0;
 }
 
 BOOL vlliCloseThread(ObjectRecord *record) {

@@ -4,7 +4,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "base/internal.h"
+#include "base/descriptor.h"
+#include "vwincompat/types.h"
 
 constexpr size_t kConfigLineSize = 4096;  // a piece of a line has one byte less at most
 constexpr size_t kConfigNameSize = 1024;  // section names, keys and values, with their terminator

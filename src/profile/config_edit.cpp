@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "profile/config.h"
 #include "vwincompat/fileops.h"
 #include "vwincompat/profile.h"
@@ -15,8 +18,7 @@ constexpr char kCopySuffix[] = "copy";
 constexpr size_t kCopyNameSize = 260;
 
 BOOL fail(int error) {
-    errno = error;
-    return FALSE;
+    return Fail(error);
 }
 
 // Writes all of a text: false with errno.
@@ -105,8 +107,7 @@ class ConfigCopy final {
     bool finish() {
         flush();
         if (error_ != 0) {
-            errno = error_;
-            return false;
+            return Fail(error_);
         }
         int flushed;
         do {

@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "profile/config.h"
 #include "vwincompat/profile.h"
 
@@ -14,8 +17,7 @@ namespace {
 int32_t toNumber(const char *text) {
     errno = 0;
     const long long number = strtoll(text, nullptr, 10);
-    errno = 0;
-    return static_cast<int32_t>(std::clamp<long long>(number, INT32_MIN, INT32_MAX));
+    return Fail(0, static_cast<int32_t>(std::clamp<long long>(number, INT32_MIN, INT32_MAX)));
 }
 
 // Stores as much of "key=value" as fits in room bytes with a terminator.
@@ -32,8 +34,7 @@ DWORD listEntries(ConfigReader *reader, char *buffer, DWORD size) {
         const DWORD length = static_cast<DWORD>(entry.key.size() + entry.value.size()) + 2;
         if (length + 1 > room) {
             storeEntry(entry, buffer + count, room > 2 ? room - 2 : 0);
-            errno = ENOBUFS;
-            return size - 2;
+            return Fail(ENOBUFS, size - 2);
         }
         storeEntry(entry, buffer + count, length);
         count += length;
@@ -71,8 +72,7 @@ UINT vllGetPrivateProfileInt(LPCSTR section, LPCSTR key, int32_t default_value, 
 DWORD vllGetPrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR default_value, LPSTR buffer, DWORD size,
                                  LPCSTR file) {
     if (section == nullptr && key == nullptr) {
-        errno = EINVAL;
-        return static_cast<DWORD>(-1);
+        return Fail(EINVAL, static_cast<DWORD>(-1));
     }
     if (section == nullptr) {
         return vllReadAllSections(default_value, buffer, size, file);
@@ -96,8 +96,7 @@ DWORD vllGetPrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR default_valu
 DWORD vllGetPrivateProfileSection(LPCSTR section, LPSTR buffer, DWORD size, LPCSTR file) {
     const NoCancel no_cancel;
     if (file == nullptr || buffer == nullptr || size < 2) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     ConfigReader reader;
     if (!reader.open(file)) {

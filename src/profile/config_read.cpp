@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/failure.h"
+#include "base/guards.h"
 #include "profile/config.h"
 #include "vwincompat/profile.h"
 
@@ -50,8 +52,7 @@ int refuseList(const char *buffer, DWORD size) {
 
 bool openProfile(ConfigReader *reader, const char *file) {
     if (file == nullptr) {
-        errno = EINVAL;
-        return false;
+        return Fail(EINVAL);
     }
     return reader->open(file);
 }
@@ -81,8 +82,7 @@ DWORD listKeys(ConfigReader *reader, const char *section, const char *default_va
     if (list.count() != 0) {
         return list.count();
     }
-    errno = ENOENT;
-    return vlliStoreDefault(default_value, buffer, size);
+    return Fail(ENOENT, vlliStoreDefault(default_value, buffer, size));
 }
 
 // Where a list ends: a file that broke off is as one that cannot be read.
@@ -118,8 +118,7 @@ DWORD vlliStoreDefault(const char *text, char *buffer, DWORD size) {
 BOOL vllReadConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPSTR buffer, DWORD *size) {
     const NoCancel no_cancel;
     if (key == nullptr || size == nullptr || (buffer == nullptr && *size != 0)) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     ConfigReader reader;
     if (!openProfile(&reader, file)) {
@@ -145,8 +144,7 @@ BOOL vllReadConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPSTR buffer, D
 DWORD vllReadAllSections(LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR file) {
     const NoCancel no_cancel;
     if (const int refused = refuseList(buffer, size)) {
-        errno = refused;
-        return 0;
+        return Fail(refused);
     }
     ConfigReader reader;
     if (!openProfile(&reader, file)) {
@@ -158,8 +156,7 @@ DWORD vllReadAllSections(LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR 
 DWORD vllReadAllValues(LPCSTR section, LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR file) {
     const NoCancel no_cancel;
     if (const int refused = refuseList(buffer, size)) {
-        errno = refused;
-        return 0;
+        return Fail(refused);
     }
     ConfigReader reader;
     if (!openProfile(&reader, file)) {

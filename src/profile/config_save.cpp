@@ -1,6 +1,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/failure.h"
+#include "base/guards.h"
 #include "profile/config.h"
 #include "vwincompat/profile.h"
 
@@ -57,8 +59,7 @@ LONG vllRegSaveKey(HANDLE key, LPCSTR file, LPVOID security) {
     (void)security;
     const NoCancel no_cancel;
     if (file == nullptr) {
-        errno = EINVAL;
-        return EINVAL;
+        return Fail(EINVAL, EINVAL);
     }
     return __vllRegSaveAllKeys(file) == 0 ? 0 : errno;
 }

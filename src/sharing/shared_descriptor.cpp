@@ -1,7 +1,7 @@
 // Descriptor sharing: a registry of open descriptors by name, and a server thread that hands them to other
 // processes over a socket in the abstract name space.
 //
-// lifecycleMutex is taken first: it keeps a new server from starting before the old one has freed the address.
+// lifecycle_mutex is taken first: it keeps a new server from starting before the old one has freed the address.
 // list_mutex guards the registry and the server's identity; the server holds it for a walk of the list, and
 // when it ends by itself.
 
@@ -16,8 +16,11 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal.h"
-#include "base/internal_blocking.h"
+#include "base/allocate.h"
+#include "base/blocking.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "core/objmem.h"
 #include "vwincompat/sharing.h"
 #include "vwincompat/thread.h"
@@ -37,11 +40,10 @@ constexpr int kBindPauseMs = 10;
 
 enum Status : int32_t { kFound = 0, kIncomplete = 1, kUnknown = 2 };
 
-pthread_mutex_t lifecycleMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t lifecycle_mutex = PTHREAD_MUTEX_INITIALIZER;
 HANDLE server_handle = 0;   // guarded by list_mutex
 int listening_socket = -1;  // the server's, for forked children to close
 bool had_address = false;   // a server of this process; guarded by list_mutex
-pthread_once_t fork_once = PTHREAD_ONCE_INIT;
 
 // The name on the wire is what follows the first byte, which marks the abstract name space.
 socklen_t makeAddress(sockaddr_un *address) {
@@ -66,19 +68,19 @@ void freeList() {
 }
 
 void lockForFork() {
-    pthread_mutex_lock(&lifecycleMutex);
+    pthread_mutex_lock(&lifecycle_mutex);
     pthread_mutex_lock(&list_mutex);
 }
 
 void unlockAfterFork() {
     pthread_mutex_unlock(&list_mutex);
-    pthread_mutex_unlock(&lifecycleMutex);
+    pthread_mutex_unlock(&lifecycle_mutex);
 }
 
 // The child has no server thread, and must not keep the parent's address in use.
 void forgetServerInChild() {
     pthread_mutex_init(&list_mutex, nullptr);
-    pthread_mutex_init(&lifecycleMutex, nullptr);
+    pthread_mutex_init(&lifecycle_mutex, nullptr);
     if (listening_socket != -1) {
         vlliCloseFd(listening_socket);
         listening_socket = -1;
@@ -90,10 +92,6 @@ void forgetServerInChild() {
         vllCloseHandle(server_handle);
         server_handle = 0;
     }
-}
-
-void registerForkHandlers() {
-    pthread_atfork(lockForFork, unlockAfterFork, forgetServerInChild);
 }
 
 // The server's listening socket. Its end frees the address; a server that ends by itself leaves no identity.
@@ -262,6 +260,8 @@ bool sendRequest(int socket, const char *name) {
 
 }  // namespace
 
+const ForkHandlers kDescriptorServerForkHandlers = {lockForFork, unlockAfterFork, forgetServerInChild};
+
 BOOL vlliSendFileDescriptor(int socket, int descriptor, int32_t status) {
     iovec part = {&status, sizeof status};
     Control control = {};
@@ -342,7 +342,6 @@ uint32_t vlliServerFunction(LPVOID) {
 }
 
 BOOL vlliStartSharingFdServer() {
-    pthread_once(&fork_once, registerForkHandlers);
     if (server_handle != 0) {
         vllCloseHandle(server_handle);  // of a server that ended by itself
     }
@@ -352,26 +351,22 @@ BOOL vlliStartSharingFdServer() {
 
 BOOL vllSetSharedFileDescriptor(int32_t descriptor, const char *name) {
     if (name == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     if (strlen(name) >= kRequestSize) {
-        errno = ENAMETOOLONG;
-        return FALSE;
+        return Fail(ENAMETOOLONG);
     }
     if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) {
         return FALSE;
     }
-    std::unique_ptr<SharedFdEntry, FreeDeleter> entry(
-        static_cast<SharedFdEntry *>(malloc(sizeof(SharedFdEntry))));
-    std::unique_ptr<char, FreeDeleter> copy(strdup(name));
+    HeapBlock<SharedFdEntry> entry(static_cast<SharedFdEntry *>(malloc(sizeof(SharedFdEntry))));
+    HeapBlock<char> copy(strdup(name));
     if (entry == nullptr || copy == nullptr) {
-        errno = ENOMEM;
-        return FALSE;
+        return Fail(ENOMEM);
     }
     *entry = {nullptr, copy.release(), descriptor};
 
-    MutexLock lifecycle(&lifecycleMutex);
+    MutexLock lifecycle(&lifecycle_mutex);
     MutexLock lock(&list_mutex);
     const bool first = shared_fd_list == nullptr;
     appendEntry(entry.release());
@@ -387,8 +382,7 @@ BOOL vllSetSharedFileDescriptor(int32_t descriptor, const char *name) {
 
 int32_t vllGetSharedFileDescriptor(const char *name) {
     if (name == nullptr) {
-        errno = EINVAL;
-        return -1;
+        return Fail(EINVAL, -1);
     }
     const Fd socket = makeSocket(0);
     if (!socket || !connectToServer(socket.get()) || !sendRequest(socket.get(), name)) {
@@ -399,7 +393,7 @@ int32_t vllGetSharedFileDescriptor(const char *name) {
 
 int32_t vllDeallocateSharedFdList() {
     const NoCancel no_cancel;
-    const MutexLock lifecycle(&lifecycleMutex);
+    const MutexLock lifecycle(&lifecycle_mutex);
     MutexLock lock(&list_mutex);
     freeList();
     const bool running = server_thread_id != kNoServer;

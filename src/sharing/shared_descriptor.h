@@ -1,7 +1,10 @@
 // The descriptor-sharing protocol, for its tests.
 #pragma once
 
+#include "base/fork_handlers.h"
 #include "vwincompat/types.h"
+
+extern const ForkHandlers kDescriptorServerForkHandlers;
 
 // Starts the server thread. The caller holds list_mutex.
 BOOL vlliStartSharingFdServer();

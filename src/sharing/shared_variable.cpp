@@ -8,8 +8,11 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal.h"
-#include "base/internal_blocking.h"
+#include "base/allocate.h"
+#include "base/blocking.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "vwincompat/sharing.h"
 
 struct SharedVar {
@@ -57,8 +60,8 @@ bool makeBlock(int fd, uint32_t size) {
 
 // What is to be taken back while a variable is being made.
 struct Making {
-    std::unique_ptr<SharedVar, FreeDeleter> variable;
-    std::unique_ptr<char, FreeDeleter> name;
+    HeapBlock<SharedVar> variable;
+    HeapBlock<char> name;
     Fd fd;
 };
 
@@ -114,15 +117,13 @@ bool writeBlock(const SharedVar *variable, const char *buffer) {
 
 SharedVar *vllSharedVarInit(const char *name, DWORD size, int32_t mode) {
     if (name == nullptr || (mode != SHVAR_CREATE && mode != SHVAR_OPEN)) {
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     Making making;
     making.variable.reset(static_cast<SharedVar *>(malloc(sizeof(SharedVar))));
     making.name.reset(strdup(name));
     if (making.variable == nullptr || making.name == nullptr) {
-        errno = ENOMEM;
-        return nullptr;
+        return Fail(ENOMEM);
     }
     SharedVar *variable = making.variable.get();
     *variable = {nullptr, -1, size, nullptr};
@@ -140,8 +141,7 @@ SharedVar *vllSharedVarInit(const char *name, DWORD size, int32_t mode) {
 
 int32_t vllSharedVarManipulate(void *buffer, SharedVar *variable, int32_t operation) {
     if ((operation != SHVAR_READ && operation != SHVAR_WRITE) || buffer == nullptr || variable == nullptr) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     if (setLock(variable->fd, operation == SHVAR_READ ? F_RDLCK : F_WRLCK) == -1) {
         return 0;
@@ -153,15 +153,13 @@ int32_t vllSharedVarManipulate(void *buffer, SharedVar *variable, int32_t operat
     if (setLock(variable->fd, F_UNLCK) == -1) {
         return -1;
     }
-    errno = moving_error;
-    return moved ? 1 : 0;
+    return Fail(moving_error, moved ? 1 : 0);
 }
 
 // What is done is noted in the record, so that a further call after a failure does not do it twice.
 BOOL vllSharedVarDeallocate(SharedVar *variable, int32_t mode) {
     if (variable == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     if (variable->addr != nullptr && munmap(variable->addr, variable->size) == -1) {
         return FALSE;

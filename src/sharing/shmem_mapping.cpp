@@ -5,6 +5,10 @@
 #include <unistd.h>
 #include <cstdio>
 
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "core/ref.h"
 #include "sharing/shmem.h"
 #include "sharing/shmem_protocol.h"
 
@@ -31,8 +35,7 @@ TransitFd createAnonymous(int access, SIZE_T size, HANDLE handle) {
 
 BOOL openMapping(ObjectRecord *record, HANDLE handle, DWORD access, DWORD size, LPCSTR name) {
     if (access != O_RDONLY && access != O_WRONLY && access != O_RDWR) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const auto flags = static_cast<int>(access);
     const bool named = name != nullptr && *name != '\0';
@@ -45,8 +48,7 @@ BOOL openMapping(ObjectRecord *record, HANDLE handle, DWORD access, DWORD size, 
     if (!vlliEnterSharedFile(record, &file, 0)) {
         return FALSE;
     }
-    errno = existed;
-    return TRUE;
+    return Fail(existed, TRUE);
 }
 
 BOOL openFile(ObjectRecord *record, HANDLE file) {
@@ -55,8 +57,7 @@ BOOL openFile(ObjectRecord *record, HANDLE file) {
     if (record->fd == -1) {
         return FALSE;
     }
-    errno = 0;
-    return TRUE;
+    return Fail(0, TRUE);
 }
 
 // Maps what a view handle refers to and enters it into the hash; null with errno.
@@ -96,14 +97,13 @@ HANDLE vllCreateFileMapping(HANDLE hFile, DWORD dwAccess, DWORD dwSize, LPCSTR l
 LPVOID vllMapViewOfFile(HANDLE hMapping, DWORD dwProtection, DWORD dwOffset, SIZE_T length) {
     if (vlliGetObjectType(hMapping) != OBJ_SHMEM) {
         const ObjectRef other(hMapping);  // logs what is no handle at all
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     NewHandle view(vllDuplicateHandle(hMapping));
     if (!view) {
         return nullptr;
     }
-    vlliKeepHandle(view.get());
+    vlliWithholdHandle(view.get());
     void *address = mapView(view.get(), dwProtection, dwOffset, length);
     if (address != nullptr) {
         view.release();
@@ -114,8 +114,7 @@ LPVOID vllMapViewOfFile(HANDLE hMapping, DWORD dwProtection, DWORD dwOffset, SIZ
 BOOL vllUnmapViewOfFile(LPCVOID lpBaseAddress) {
     const HANDLE handle = vlliUnhashMMapp(lpBaseAddress);
     if (handle == 0) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const NewHandle view(handle);
     const ObjectRecord *record = view.record();

@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/robust_mutex.h"
+#include "core/ref.h"
 #include "sharing/shmem.h"
 #include "sharing/shmem_protocol.h"
-#include "sync/mutex.h"
 #include "sync/semaphore.h"
 
 namespace {
@@ -47,8 +50,7 @@ BOOL finishCreation(const ObjectRecord *record, uint32_t type, uint32_t initial)
     if (type == OBJ_NAMED_MUTEX && initial != 0) {
         const int error = pthread_mutex_lock(static_cast<pthread_mutex_t *>(record->addr));
         if (error != 0) {
-            errno = error;
-            return FALSE;
+            return Fail(error);
         }
     }
     return vlliUseSharedFile(record->fd) == 0;
@@ -59,8 +61,7 @@ BOOL finishCreation(const ObjectRecord *record, uint32_t type, uint32_t initial)
 HANDLE vlliCreateNamedObject(uint32_t type, LPCSTR name, uint32_t initial) {
     const SIZE_T size = payloadSize(type);
     if (size == 0) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;
     NewHandle handle(vlliCreateObject(type));

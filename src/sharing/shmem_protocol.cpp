@@ -49,7 +49,10 @@
 #include <unistd.h>
 #include <cstdio>
 
-#include "sync/mutex.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/robust_mutex.h"
 
 namespace {
 
@@ -76,7 +79,6 @@ SharedObject sharedObjects[kObjectCount];
 SharedObject *usedBy[kObjectCount];  // by record
 int transit[kObjectCount];           // descriptor + 1
 int32_t parkedCount;
-bool forkHandlersSet;
 
 int lockFile(int fd, int command, int type) {
     struct flock lock = {};
@@ -93,7 +95,7 @@ bool tryExclusive(int fd) {
     return lockFile(fd, F_OFD_SETLK, F_WRLCK) == 0;
 }
 
-int enterGate(int fd) {
+int lockOpeners(int fd) {
     int result;
     do {
         result = flock(fd, LOCK_EX);
@@ -314,27 +316,11 @@ void finishForkInChild() {
     pthread_mutex_unlock(&shmemMutex);
 }
 
-bool setForkHandlers() {
-    if (!forkHandlersSet) {
-        const int error = pthread_atfork(prepareFork, finishForkInParent, finishForkInChild);
-        if (error != 0) {
-            errno = error;
-            return false;
-        }
-        forkHandlersSet = true;
-    }
-    return true;
-}
-
 TransitFd openInTransit(const char *name, int flags) {
     const MutexLock lock(&shmemMutex);
     int *slot = findTransit(0);
-    if (!setForkHandlers()) {
-        return TransitFd();
-    }
     if (slot == nullptr) {
-        errno = ENOMEM;
-        return TransitFd();
+        return Fail(ENOMEM);
     }
     const int fd = vlliOpenSharedMemory(name, flags, kMode);
     *slot = fd + 1;
@@ -375,6 +361,8 @@ int becomeUser(int fd) {
 
 }  // namespace
 
+const ForkHandlers kSharedObjectForkHandlers = {prepareFork, finishForkInParent, finishForkInChild};
+
 void TransitFd::reset() {
     if (fd_ < 0) {
         return;
@@ -397,7 +385,7 @@ int vlliUseSharedFile(int fd) {
 TransitFd vlliCreateSharedFile(int access, SIZE_T size, const char *name, bool keep_exclusive) {
     dropParked();
     TransitFd file = openInTransit(name, access | O_CREAT);
-    if (!file || enterGate(file.get()) == -1) {
+    if (!file || lockOpeners(file.get()) == -1) {
         return TransitFd();
     }
     const int existed = becomeUser(file.get());
@@ -443,8 +431,7 @@ BOOL vlliShareSharedFile(ObjectRecord *record, const ObjectRecord *source, bool 
     const MutexLock lock(&shmemMutex);
     SharedObject *object = usedBy[recordIndex(source)];
     if (object == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const int fd = fcntl(source->fd, F_DUPFD_CLOEXEC, 0);
     if (fd == -1) {

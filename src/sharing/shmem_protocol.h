@@ -5,7 +5,10 @@
 #include <fcntl.h>
 #include <pthread.h>
 
+#include "base/fork_handlers.h"
 #include "core/objmem.h"
+
+extern const ForkHandlers kSharedObjectForkHandlers;
 
 // A descriptor between its opening and its entry in the table, or between its exit and its closing. It is known
 // to the fork handlers, so that a child does not inherit it. Unless it is released it empties an object that

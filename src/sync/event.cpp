@@ -1,14 +1,24 @@
+// Events: an eventfd carries the signal, and an epoll set of its own the sockets that are selected into the event.
+
 #include "sync/event.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <atomic>
 #include <cstring>
+
+#include "base/counter.h"
+#include "base/descriptor.h"
+#include "base/log.h"
+#include "core/ref.h"
 
 namespace {
 
 // The size hint of an event's socket set.
 constexpr int kSocketSetHint = 2;
+
+std::atomic<SocketActivityHandler> socket_activity_handler{nullptr};
 
 BOOL makeDescriptors(ObjectRecord *event, bool signalled) {
     event->fd = eventfd(signalled ? 1 : 0, 0);
@@ -48,28 +58,17 @@ HANDLE vllOpenEvent(LPCSTR) {
 }
 
 BOOL vllSetEvent(HANDLE hEvent) {
-    const ObjectRef event(hEvent);
-    if (!event) {
-        errno = EINVAL;
-        return FALSE;
-    }
-    return vlliGetObjectType(hEvent) == OBJ_EVENT && vlliRaiseCounter(event->fd);
+    const Ref<OBJ_EVENT> event(hEvent, Refusal::kUnchanged);
+    return event && vlliRaiseCounter(event->fd);
 }
 
 BOOL vllResetEvent(HANDLE hEvent) {
-    const ObjectRef event(hEvent);
-    if (!event) {
-        errno = EINVAL;
-        return FALSE;
-    }
-    if (vlliGetObjectType(hEvent) != OBJ_EVENT) {
-        return FALSE;
-    }
-    return vlliTakeCounter(event->fd) == sizeof(uint64_t) || errno == EAGAIN;
+    const Ref<OBJ_EVENT> event(hEvent, Refusal::kUnchanged);
+    return event && (vlliTakeCounter(event->fd) == sizeof(uint64_t) || errno == EAGAIN);
 }
 
 int32_t vllGetEventFd(HANDLE hEvent) {
-    const ObjectRef event(hEvent, OBJ_EVENT);
+    const Ref<OBJ_EVENT> event(hEvent, Refusal::kUnopened);
     return event ? event->fd : -1;
 }
 
@@ -91,4 +90,12 @@ BOOL vlliDuplicateEvent(ObjectRecord *record, const ObjectRecord *source) {
         return FALSE;
     }
     return TRUE;
+}
+
+void vlliSetSocketActivityHandler(SocketActivityHandler handler) {
+    socket_activity_handler.store(handler, std::memory_order_release);
+}
+
+SocketActivityHandler vlliSocketActivityHandler() {
+    return socket_activity_handler.load(std::memory_order_acquire);
 }

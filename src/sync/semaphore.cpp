@@ -1,7 +1,10 @@
+// Semaphores. An unnamed one lives in a memory-object record, a named one in shared memory (sharing/shmem_named.cpp).
+
 #include "sync/semaphore.h"
 
-#include "sharing/shmem.h"
-#include "sync/mutex.h"
+#include "base/failure.h"
+#include "core/objmem_types.h"
+#include "core/ref.h"
 
 BOOL vlliInitSemaphore(sem_t *semaphore, uint32_t count) {
     return sem_init(semaphore, 1, count) == 0;
@@ -9,9 +12,9 @@ BOOL vlliInitSemaphore(sem_t *semaphore, uint32_t count) {
 
 HANDLE vllCreateSemaphore(LONG lInitialCount, LPCSTR lpName) {
     if (lpName != nullptr && *lpName != '\0') {
-        return vlliCreateNamedObject(OBJ_NAMED_SEMAPHORE, lpName, static_cast<uint32_t>(lInitialCount));
+        return vlliFindObjectType(OBJ_NAMED_SEMAPHORE)
+            ->create_named(OBJ_NAMED_SEMAPHORE, lpName, static_cast<uint32_t>(lInitialCount));
     }
-    vlliReclaimMutexes();
     NewHandle handle(vlliCreateObject(OBJ_SEMAPHORE));
     if (!handle) {
         return 0;
@@ -28,23 +31,17 @@ HANDLE vllCreateSemaphore(LONG lInitialCount, LPCSTR lpName) {
 }
 
 BOOL vllReleaseSemaphore(HANDLE hSemaphore) {
-    const uint32_t type = vlliGetObjectType(hSemaphore);
-    const bool is_semaphore = type == OBJ_SEMAPHORE || type == OBJ_NAMED_SEMAPHORE;
-    if (is_semaphore) {
-        const PinnedRecord semaphore(hSemaphore);
-        if (semaphore && semaphore->addr != nullptr) {
-            return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
+    {
+        const PinnedSemaphore semaphore(hSemaphore);
+        if (semaphore.state() != nullptr) {
+            return sem_post(semaphore.state()) == 0;
         }
     }
-    const ObjectRef semaphore(hSemaphore);
+    const SemaphoreRef semaphore(hSemaphore);
     if (!semaphore) {
         return FALSE;
     }
-    if (!is_semaphore || semaphore->addr == nullptr) {
-        errno = EINVAL;
-        return FALSE;
-    }
-    return sem_post(static_cast<sem_t *>(semaphore->addr)) == 0;
+    return semaphore.state() != nullptr ? sem_post(semaphore.state()) == 0 : Fail(EINVAL);
 }
 
 BOOL vlliCloseSemaphore(ObjectRecord *record) {

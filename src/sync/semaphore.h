@@ -1,10 +1,14 @@
-// Semaphores, as the other modules use them. Not named semaphore.h, which is the C library's.
+// Semaphores, as other modules use them.
 #pragma once
 
 #include <semaphore.h>
 
-#include "core/objmem.h"
+#include "core/ref.h"
 #include "vwincompat/semaphore.h"
+
+// A reference on a semaphore of either kind.
+using SemaphoreRef = Ref<OBJ_SEMAPHORE, OBJ_NAMED_SEMAPHORE>;
+using PinnedSemaphore = PinnedRecord<OBJ_SEMAPHORE, OBJ_NAMED_SEMAPHORE>;
 
 // Makes a process-shared semaphore: TRUE, or FALSE with errno.
 BOOL vlliInitSemaphore(sem_t *semaphore, uint32_t count);

@@ -1,8 +1,15 @@
+// Waitable timers: a timerfd on the monotonic clock.
+
 #include "sync/waitabletimer.h"
 
 #include <sys/timerfd.h>
 #include <unistd.h>
 #include <cstring>
+
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/log.h"
+#include "core/ref.h"
 
 namespace {
 
@@ -18,8 +25,7 @@ BOOL makeSetting(int64_t due_time, itimerspec *setting) {
     setting->it_value.tv_sec = static_cast<time_t>(seconds);
     setting->it_value.tv_nsec = static_cast<long>(magnitude % kUnitsPerSecond * kNanosecondsPerUnit);
     if (setting->it_value.tv_sec != seconds) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     return TRUE;
 }
@@ -46,8 +52,7 @@ BOOL setTimer(HANDLE handle, int64_t due_time, const Messages &messages) {
     const ObjectRef timer(handle);
     if (!timer) {
         vlliLogError("%s", messages.not_open);
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     if (timer->fd == -1) {
         vlliLogError(messages.not_initialized, static_cast<int>(handle));

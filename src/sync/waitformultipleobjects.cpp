@@ -1,62 +1,42 @@
 // Waiting on several objects.
 //
-// Building an epoll set costs many times what asking costs, so a wait first asks all descriptors with one poll()
-// of no time-out, in the order in which the set would hold them (a fresh set over ready descriptors reports
-// the first added, too). Only when nothing is ready, or something is odd (a handle that does not open, a
-// console, whose descriptor the set may refuse), it builds the set.
+// Building an epoll set costs many times what one poll() costs. So a wait first polls all descriptors once with a
+// time-out of 0, in the order in which the set would hold them (a fresh set over ready descriptors reports the first
+// added, too). It builds the set only when nothing is ready, or when something is unusual: a handle that does not
+// open, or a console, whose descriptor the set may refuse.
 //
-// One signal of an auto-reset object releases one waiter: whoever reads its counter. A waiter whose read finds
-// it gone goes on waiting for the rest of its time.
+// One signal of an auto-reset object releases one waiter, the one that reads its counter. A waiter that finds the
+// counter read already goes on waiting for the rest of its time.
 
 #include "sync/waitformultipleobjects.h"
 
 #include <poll.h>
 #include <sys/epoll.h>
-#include <time.h>
 #include <cstring>
-#include <memory>
 #include <optional>
 
-#include "base/internal_blocking.h"
-#include "net/wsasockets.h"
-#include "process/thread.h"
+#include "base/allocate.h"
+#include "base/blocking.h"
+#include "base/counter.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
+#include "core/objmem_types.h"
+#include "core/ref.h"
+#include "sync/event.h"
+#include "sync/wait_deadline.h"
 
 namespace {
 
-// When a wait ends. A negative time-out never does.
-class Deadline {
-  public:
-    explicit Deadline(int32_t timeout_ms) : timeout_ms_(timeout_ms) { restart(); }
+// How a wait on a record works whose reference is held.
+WaitKind kindOf(HANDLE handle) {
+    const ObjectType *type = vlliIssuedType(handle);
+    return type != nullptr && type->code == vlliGetObjectType(handle) ? type->wait : WaitKind::kNone;
+}
 
-    void restart() {
-        if (timeout_ms_ > 0) {
-            end_ns_ = nowNs() + timeout_ms_ * kNanosecondsPerMs;
-        }
-    }
-    // Rounded up, so that no wait ends early.
-    int32_t remainingMs() const {
-        if (timeout_ms_ <= 0) {
-            return timeout_ms_;
-        }
-        const int64_t left_ns = end_ns_ - nowNs();
-        return left_ns > 0 ? static_cast<int32_t>((left_ns + kNanosecondsPerMs - 1) / kNanosecondsPerMs) : 0;
-    }
-
-  private:
-    static constexpr int64_t kNanosecondsPerMs = 1000000;
-
-    static int64_t nowNs() {
-        timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-    }
-
-    int32_t timeout_ms_;
-    int64_t end_ns_ = 0;
-};
-
-// The objects of one wait. The first `opened` records are referenced; those of a wait that borrows its
-// reference are not its to drop.
+// The objects of one wait. The first `opened` records are referenced. A wait that borrows the caller's reference
+// does not drop it.
 class WaitObjects {
   public:
     WaitObjects(int32_t n, const HANDLE *array, ObjectRecord **record_array, bool borrowed)
@@ -69,12 +49,13 @@ class WaitObjects {
     WaitObjects(const WaitObjects &) = delete;
     WaitObjects &operator=(const WaitObjects &) = delete;
 
-    bool isEvent(int32_t i) const { return vlliGetObjectType(handles[i]) == OBJ_EVENT; }
-    // Asking is sound for what the set would surely take.
-    bool canAsk() const {
-        for (int32_t i = 0; i < count; ++i) {
-            const uint32_t type = vlliGetObjectType(handles[i]);
-            if (!vlliIsDescriptorType(type) || type == OBJ_CONSOLE) {
+    bool isEvent(int32_t i) const { return kindOf(handles[i]) == WaitKind::kEvent; }
+
+    // True when poll() reports what an epoll set would: all records are open, and the set would take every descriptor.
+    bool canPoll() const {
+        for (int32_t i = 0; i < opened; ++i) {
+            const WaitKind kind = kindOf(handles[i]);
+            if (kind != WaitKind::kDescriptor && kind != WaitKind::kEvent) {
                 return false;
             }
         }
@@ -90,10 +71,10 @@ class WaitObjects {
     const bool borrowed_;
 };
 
-// What a ready descriptor says of its object.
+// What a ready descriptor means for its object.
 enum class Report { signalled, taken, failed };
 
-// A counter was ready. An auto-reset object is consumed, unless another waiter was faster.
+// Handles a ready counter. An auto-reset object is consumed, unless another waiter was faster.
 Report consumeCounter(const ObjectRecord *record) {
     if ((record->flags & OBJF_AUTO_RESET) != 0 && vlliTakeCounter(record->fd) == -1 && errno == EAGAIN) {
         return Report::taken;
@@ -101,20 +82,18 @@ Report consumeCounter(const ObjectRecord *record) {
     return Report::signalled;
 }
 
-// An event's socket set was ready. The activity becomes pending in the socket's selection record; a manual-reset
-// event ends up signalled, an auto-reset one not.
+// Handles the ready socket set of an event. The activity is passed on to the owner of the socket's selection; a
+// manual-reset event ends up signalled, an auto-reset one not.
 Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
     const NoCancel no_cancel;
     epoll_event ready = {};
-    int found;
-    do {
-        found = epoll_wait(event->efd, &ready, 1, 0);
-    } while (found == -1 && errno == EINTR);
+    const int found = vlliRetryOnEintr([&] { return epoll_wait(event->efd, &ready, 1, 0); });
     if (found == -1) {
         return Report::failed;
     }
-    if (found > 0) {
-        vlliWsaProcessNetworkEvents(static_cast<WSASockData *>(ready.data.ptr), event, ready.events);
+    const SocketActivityHandler deliver = vlliSocketActivityHandler();
+    if (found > 0 && deliver != nullptr) {
+        deliver(ready.data.ptr, event, ready.events);
     } else {
         vlliLogNotice("VLL: WaitForMultipleObjects: False alarm, E%08X\n", handle);
     }
@@ -126,11 +105,11 @@ Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
     return Report::signalled;
 }
 
-// Handles the descriptor with the set's data d: an object's counter below count, its socket set above.
-// The wait's result, or nothing when the signal was taken.
-std::optional<DWORD> handleReady(const WaitObjects &wait, int32_t d) {
-    const bool socket_set = d >= wait.count;
-    const int32_t i = socket_set ? d - wait.count : d;
+// Handles a ready descriptor: slot i is the counter of object i, slot count + i its set of sockets.
+// The wait's result, or nothing when another waiter has taken the signal.
+std::optional<DWORD> handleReady(const WaitObjects &wait, int32_t slot) {
+    const bool socket_set = slot >= wait.count;
+    const int32_t i = socket_set ? slot - wait.count : slot;
     const Report report = socket_set ? deliverSocketActivity(wait.handles[i], wait.records[i])
                                      : consumeCounter(wait.records[i]);
     if (report == Report::taken) {
@@ -140,43 +119,59 @@ std::optional<DWORD> handleReady(const WaitObjects &wait, int32_t d) {
     return report == Report::signalled ? WAIT_OBJECT_0 + static_cast<DWORD>(i) : WAIT_FAILED;
 }
 
-// Asks all descriptors at once. True when that settled the matter: nothing is odd, and `result` is the wait's
-// result, or nothing when no object is signalled.
-bool askOnce(const WaitObjects &wait, std::optional<DWORD> *result) {
-    pollfd fds[2 * MAXIMUM_WAIT_OBJECTS];
-    uint8_t data[2 * MAXIMUM_WAIT_OBJECTS];
-    // Asking an empty socket set costs as much as asking the event itself.
-    const bool sockets = vlliSocketsSelected();
-    nfds_t n = 0;
-    for (int32_t i = 0; i < wait.count; ++i) {
-        const ObjectRecord *record = wait.records[i];
-        // Of a thread the answer is often known.
-        if (vlliGetObjectType(wait.handles[i]) == OBJ_THREAD && vlliThreadRuns(record)) {
-            continue;
+// The descriptors that a wait polls, each with its slot.
+class PolledDescriptors {
+  public:
+    explicit PolledDescriptors(const WaitObjects &wait) {
+        // An event without sockets needs no look at its set, which costs as much as the event itself.
+        const bool with_sockets = vlliSocketActivityHandler() != nullptr;
+        for (int32_t i = 0; i < wait.count; ++i) {
+            const ObjectRecord *record = wait.records[i];
+            const ObjectType *type = vlliIssuedType(wait.handles[i]);
+            if (type->is_unsignalled != nullptr && type->is_unsignalled(record)) {
+                continue;
+            }
+            if (with_sockets && wait.isEvent(i)) {
+                add(record->efd, wait.count + i);
+            }
+            add(record->fd, i);
         }
-        if (sockets && wait.isEvent(i)) {
-            data[n] = static_cast<uint8_t>(wait.count + i);
-            fds[n++] = {record->efd, POLLIN, 0};
-        }
-        data[n] = static_cast<uint8_t>(i);
-        fds[n++] = {record->fd, POLLIN, 0};
     }
-    int ready = 0;
-    if (n > 0) {
-        do {
-            ready = poll(fds, n, 0);
-        } while (ready == -1 && errno == EINTR);
+
+    // poll(2) without blocking: how many descriptors are ready, or -1.
+    int poll() {
+        return count_ == 0 ? 0 : vlliRetryOnEintr([&] { return ::poll(fds_, count_, 0); });
     }
+    nfds_t count() const { return count_; }
+    short readiness(nfds_t k) const { return fds_[k].revents; }
+    int32_t slot(nfds_t k) const { return slots_[k]; }
+
+  private:
+    void add(int fd, int32_t slot) {
+        slots_[count_] = static_cast<uint8_t>(slot);
+        fds_[count_++] = {fd, POLLIN, 0};
+    }
+
+    pollfd fds_[2 * MAXIMUM_WAIT_OBJECTS];
+    uint8_t slots_[2 * MAXIMUM_WAIT_OBJECTS];
+    nfds_t count_ = 0;
+};
+
+// Polls all descriptors once. False when something is unusual, so that only a set decides. Otherwise true, and `result`
+// is the wait's result, or nothing when no object is signalled.
+bool pollOnce(const WaitObjects &wait, std::optional<DWORD> *result) {
+    PolledDescriptors polled(wait);
+    int ready = polled.poll();
     if (ready == -1) {
         return false;
     }
-    for (nfds_t k = 0; ready > 0 && k < n; ++k) {
-        if ((fds[k].revents & POLLNVAL) != 0) {
+    for (nfds_t k = 0; ready > 0 && k < polled.count(); ++k) {
+        if ((polled.readiness(k) & POLLNVAL) != 0) {
             return false;
         }
-        if (fds[k].revents != 0) {
+        if (polled.readiness(k) != 0) {
             --ready;
-            *result = handleReady(wait, data[k]);
+            *result = handleReady(wait, polled.slot(k));
             if (result->has_value()) {
                 return true;
             }
@@ -185,15 +180,15 @@ bool askOnce(const WaitObjects &wait, std::optional<DWORD> *result) {
     return true;
 }
 
-bool addToSet(const Fd &set, int fd, int32_t data) {
+bool addToSet(const Fd &set, int fd, int32_t slot) {
     epoll_event event = {};
     event.events = EPOLLIN;
-    event.data.u64 = static_cast<uint32_t>(data);
-    // A handle that is listed twice keeps the data of its first listing.
+    event.data.u64 = static_cast<uint32_t>(slot);
+    // A handle that is listed twice keeps the slot of its first listing.
     return epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &event) == 0 || errno == EEXIST;
 }
 
-// Adds one object to the set; its reference is held. False with errno.
+// Adds one object, whose reference is held, to the set. False with errno.
 bool addObject(const Fd &set, const WaitObjects &wait, int32_t i) {
     const ObjectRecord *record = wait.records[i];
     if (wait.isEvent(i) && !addToSet(set, record->efd, wait.count + i)) {
@@ -223,10 +218,8 @@ bool buildSet(const Fd &set, WaitObjects *wait) {
             }
             ++wait->opened;
         }
-        if (!vlliIsIssuedType(wait->handles[i]) ||
-            !vlliIsDescriptorType(vlliGetObjectType(wait->handles[i]))) {
-            errno = EINVAL;
-            return false;
+        if (!vlliHasDescriptor(kindOf(wait->handles[i]))) {
+            return Fail(EINVAL);
         }
         if (!addObject(set, *wait, i)) {
             return false;
@@ -244,7 +237,7 @@ Fd makeSet(int32_t count) {
 }
 
 DWORD waitOnSet(const Fd &set, const WaitObjects &wait, int32_t timeout_ms) {
-    Deadline deadline(timeout_ms);
+    WaitDeadline deadline(timeout_ms);
     for (;;) {
         epoll_event ready = {};
         const int found = vlliBlockInEpollWait(set.get(), &ready, 1, deadline.remainingMs());
@@ -266,7 +259,7 @@ DWORD waitOnSet(const Fd &set, const WaitObjects &wait, int32_t timeout_ms) {
 
 DWORD waitOnObjects(WaitObjects *wait, int32_t timeout_ms) {
     std::optional<DWORD> result;
-    if (wait->canAsk() && askOnce(*wait, &result)) {
+    if (wait->canPoll() && pollOnce(*wait, &result)) {
         if (result.has_value()) {
             return *result;
         }
@@ -291,10 +284,6 @@ DWORD keepErrnoUnlessFailed(DWORD result, int saved_errno) {
 
 }  // namespace
 
-bool vlliIsDescriptorType(uint32_t type) {
-    return type == OBJ_EVENT || type == OBJ_WAITABLE_TIMER || type == OBJ_CONSOLE || type == OBJ_THREAD;
-}
-
 DWORD vlliWaitForRecord(HANDLE handle, ObjectRecord *record, DWORD timeout_ms) {
     const int saved_errno = errno;
     WaitObjects wait(1, &handle, &record, true);
@@ -303,17 +292,15 @@ DWORD vlliWaitForRecord(HANDLE handle, ObjectRecord *record, DWORD timeout_ms) {
 
 DWORD vllWaitForMultipleObjects(int32_t nCount, const HANDLE *lpHandles, DWORD dwMilliseconds) {
     if (nCount < 1 || nCount > MAXIMUM_WAIT_OBJECTS || lpHandles == nullptr) {
-        errno = EINVAL;
-        return WAIT_FAILED;
+        return Fail(EINVAL, WAIT_FAILED);
     }
     const int saved_errno = errno;
-    const size_t size = static_cast<size_t>(nCount) * sizeof(HANDLE);
-    const std::unique_ptr<HANDLE, FreeDeleter> copy(static_cast<HANDLE *>(malloc(size)));
+    const auto count = static_cast<size_t>(nCount);
+    const HeapBlock<HANDLE> copy = vlliAllocate<HANDLE>(count);
     if (copy == nullptr) {
-        errno = ENOMEM;
         return WAIT_FAILED;
     }
-    memcpy(copy.get(), lpHandles, size);
+    memcpy(copy.get(), lpHandles, count * sizeof(HANDLE));
     ObjectRecord *records[MAXIMUM_WAIT_OBJECTS];
     WaitObjects wait(nCount, copy.get(), records, false);
     if (vlliOpenObjects(nCount, copy.get(), records)) {

@@ -4,8 +4,5 @@
 #include "core/objmem.h"
 #include "vwincompat/wait.h"
 
-// True for the types whose state is a descriptor: events, timers, consoles, threads.
-bool vlliIsDescriptorType(uint32_t type);
-
-// Waits on one object of such a type whose reference the caller holds. The result of vllWaitForMultipleObjects().
+// Waits on one object that has a descriptor. The caller holds its reference. The result of vllWaitForMultipleObjects().
 DWORD vlliWaitForRecord(HANDLE handle, ObjectRecord *record, DWORD timeout_ms);

@@ -1,22 +1,21 @@
+// Waiting on one object. Mutexes and semaphores are acquired by their own calls; every other object is waited for
+// through its descriptor, as in a wait on several objects.
+
 #include <pthread.h>
 #include <semaphore.h>
 #include <ctime>
 
-#include "base/internal_blocking.h"
+#include "base/blocking.h"
+#include "base/failure.h"
+#include "base/log.h"
 #include "base/util.h"
-#include "core/objmem.h"
+#include "core/objmem_types.h"
+#include "core/ref.h"
+#include "sync/mutex.h"
+#include "sync/semaphore.h"
 #include "sync/waitformultipleobjects.h"
-#include "vwincompat/wait.h"
 
 namespace {
-
-constexpr bool isMutexType(uint32_t type) {
-    return type == OBJ_MUTEX || type == OBJ_NAMED_MUTEX;
-}
-
-constexpr bool isSemaphoreType(uint32_t type) {
-    return type == OBJ_SEMAPHORE || type == OBJ_NAMED_SEMAPHORE;
-}
 
 timespec deadlineAfter(DWORD milliseconds) {
     timespec deadline;
@@ -28,7 +27,7 @@ timespec deadlineAfter(DWORD milliseconds) {
     return deadline;
 }
 
-// The result of a mutex call; EOWNERDEAD gave the mutex, too.
+// The wait's result for that of a mutex call. EOWNERDEAD acquired the mutex, too.
 DWORD mutexResult(pthread_mutex_t *mutex, int error) {
     switch (error) {
         case 0:
@@ -39,35 +38,35 @@ DWORD mutexResult(pthread_mutex_t *mutex, int error) {
             pthread_mutex_consistent(mutex);
             return WAIT_ABANDONED;
         default:
-            errno = error;
-            return WAIT_FAILED;
+            return Fail(error, WAIT_FAILED);
     }
 }
 
-// Acquires the mutex or takes a unit if that can be done at once, as most waits can, without a reference on the
-// record. WAIT_FAILED if not, whatever the reason.
-DWORD tryAtOnce(HANDLE handle, uint32_t type) {
-    const PinnedRecord record(handle);
-    if (!record || record->addr == nullptr) {
+// Acquires the mutex, or takes a unit of the semaphore, if that can be done at once, as most waits can, without a
+// reference on the record. WAIT_FAILED if not, whatever the reason.
+
+DWORD tryMutex(HANDLE handle) {
+    const PinnedMutex mutex(handle);
+    if (mutex.state() == nullptr) {
         return WAIT_FAILED;
     }
-    // The third word points at the primitive, or at a memory-object record, which starts with it.
-    if (isMutexType(type)) {
-        auto *mutex = static_cast<pthread_mutex_t *>(record->addr);
-        return mutexResult(mutex, pthread_mutex_trylock(mutex));
-    }
-    return sem_trywait(static_cast<sem_t *>(record->addr)) == 0 ? WAIT_OBJECT_0 : WAIT_FAILED;
+    return mutexResult(mutex.state(), pthread_mutex_trylock(mutex.state()));
 }
 
-int blockForMutex(pthread_mutex_t *mutex, DWORD milliseconds) {
+DWORD trySemaphore(HANDLE handle) {
+    const PinnedSemaphore semaphore(handle);
+    return semaphore.state() != nullptr && sem_trywait(semaphore.state()) == 0 ? WAIT_OBJECT_0 : WAIT_FAILED;
+}
+
+DWORD waitForMutex(pthread_mutex_t *mutex, DWORD milliseconds) {
     if (milliseconds == 0) {
-        return pthread_mutex_trylock(mutex);
+        return mutexResult(mutex, pthread_mutex_trylock(mutex));
     }
     if (milliseconds == INFINITE) {
-        return vlliBlockInMutexLock(mutex);
+        return mutexResult(mutex, vlliBlockInMutexLock(mutex));
     }
     const timespec deadline = deadlineAfter(milliseconds);
-    return vlliBlockInMutexTimedlock(mutex, &deadline);
+    return mutexResult(mutex, vlliBlockInMutexTimedlock(mutex, &deadline));
 }
 
 int blockForSemaphore(sem_t *semaphore, DWORD milliseconds, const timespec *deadline) {
@@ -82,57 +81,58 @@ int blockForSemaphore(sem_t *semaphore, DWORD milliseconds, const timespec *dead
 
 DWORD waitForSemaphore(sem_t *semaphore, DWORD milliseconds) {
     const timespec deadline = deadlineAfter(milliseconds);
-    int result;
-    do {
-        result = blockForSemaphore(semaphore, milliseconds, &deadline);
-    } while (result == -1 && errno == EINTR);
-    if (result == 0) {
+    if (vlliRetryOnEintr([&] { return blockForSemaphore(semaphore, milliseconds, &deadline); }) == 0) {
         return WAIT_OBJECT_0;
     }
     return errno == ETIMEDOUT ? WAIT_TIMEOUT : WAIT_FAILED;
 }
 
-DWORD waitForRecord(HANDLE handle, ObjectRecord *record, DWORD milliseconds) {
-    const uint32_t type = vlliGetObjectType(handle);
-    if (vlliIsDescriptorType(type)) {
-        return vlliWaitForRecord(handle, record, milliseconds);
+// Tries a mutex or a semaphore at once; then takes a reference and waits.
+template <typename AnyRef, typename State>
+DWORD acquire(HANDLE handle, DWORD (*try_at_once)(HANDLE), DWORD (*wait)(State *, DWORD),
+              DWORD milliseconds) {
+    {
+        const KeepErrno keep_errno;
+        const DWORD result = try_at_once(handle);
+        if (result != WAIT_FAILED) {
+            return result;
+        }
     }
-    if (!isMutexType(type) && !isSemaphoreType(type)) {
+    const AnyRef object(handle);
+    if (!object) {
+        vlliLogError("VLL: WaitForSingleObject: invalid event handle = %d\n", static_cast<int>(handle));
+        return Fail(EINVAL, WAIT_FAILED);
+    }
+    return object.state() != nullptr ? wait(object.state(), milliseconds) : Fail(EFAULT, WAIT_FAILED);
+}
+
+DWORD waitForDescriptor(HANDLE handle, WaitKind kind, DWORD milliseconds) {
+    const ObjectRef object(handle);
+    if (!object) {
+        vlliLogError("VLL: WaitForSingleObject: invalid event handle = %d\n", static_cast<int>(handle));
+        return Fail(EINVAL, WAIT_FAILED);
+    }
+    if (!vlliHasDescriptor(kind)) {
         vlliLogError("VLL: WaitForSingleObject: invalid object type ( handle = %d, type = 0x%X)\n",
-                     static_cast<int>(handle), type);
-        errno = EINVAL;
-        return WAIT_FAILED;
+                     static_cast<int>(handle), vlliGetObjectType(handle));
+        return Fail(EINVAL, WAIT_FAILED);
     }
-    if (record->addr == nullptr) {
-        errno = EFAULT;
-        return WAIT_FAILED;
-    }
-    if (isMutexType(type)) {
-        auto *mutex = static_cast<pthread_mutex_t *>(record->addr);
-        return mutexResult(mutex, blockForMutex(mutex, milliseconds));
-    }
-    return waitForSemaphore(static_cast<sem_t *>(record->addr), milliseconds);
+    return vlliWaitForRecord(handle, object.get(), milliseconds);
 }
 
 }  // namespace
 
 DWORD vllWaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
-    const uint32_t type = vlliGetObjectType(hHandle);
-    if (isMutexType(type) || isSemaphoreType(type)) {
-        if (isSemaphoreType(type) && dwMilliseconds != 0) {
-            pthread_testcancel();  // also when there is no need to wait
-        }
-        const KeepErrno keep_errno;
-        const DWORD result = tryAtOnce(hHandle, type);
-        if (result != WAIT_FAILED) {
-            return result;
-        }
+    const ObjectType *type = vlliFindObjectType(vlliGetObjectType(hHandle));
+    const WaitKind kind = type != nullptr ? type->wait : WaitKind::kNone;
+    if (kind == WaitKind::kMutex) {
+        return acquire<MutexRef>(hHandle, tryMutex, waitForMutex, dwMilliseconds);
     }
-    const ObjectRef object(hHandle);
-    if (!object) {
-        vlliLogError("VLL: WaitForSingleObject: invalid event handle = %d\n", static_cast<int>(hHandle));
-        errno = EINVAL;
-        return WAIT_FAILED;
+    if (kind == WaitKind::kSemaphore) {
+        if (dwMilliseconds != 0) {
+            pthread_testcancel();  // also when a unit can be taken without waiting
+        }
+        return acquire<SemaphoreRef>(hHandle, trySemaphore, waitForSemaphore, dwMilliseconds);
     }
-    return waitForRecord(hHandle, object.get(), dwMilliseconds);
+    return waitForDescriptor(hHandle, kind, dwMilliseconds);
 }

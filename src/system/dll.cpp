@@ -7,8 +7,10 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal.h"
 #include "system/dll.h"
+
+#include "base/failure.h"
+#include "base/guards.h"
 
 namespace {
 
@@ -31,8 +33,7 @@ HMODULE vllLoadLibraryEx(LPCSTR lpLibFileName) {
 
 BOOL vllFreeLibrary(HMODULE hLibModule) {
     if (hLibModule == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;
     return dlclose(hLibModule) == 0;
@@ -40,8 +41,7 @@ BOOL vllFreeLibrary(HMODULE hLibModule) {
 
 LPVOID vllGetProcAddress(HMODULE hModule, LPCSTR lpProcName) {
     if (lpProcName == nullptr) {
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     return dlsym(hModule, lpProcName);
 }

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "base/internal.h"
+#include "base/failure.h"
 #include "vwincompat/module.h"
 
 struct FileCloser {

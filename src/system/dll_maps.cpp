@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/failure.h"
+#include "base/guards.h"
 #include "system/dll.h"
 
 namespace {
@@ -66,8 +68,7 @@ class MemoryMap {
 BOOL copyPath(char *buffer, const char *path) {
     const size_t size = strlen(path) + 1;
     if (size > VLL_MODULE_NAME_SIZE) {
-        errno = ENAMETOOLONG;
-        return FALSE;
+        return Fail(ENAMETOOLONG);
     }
     memcpy(buffer, path, size);
     return TRUE;
@@ -106,8 +107,7 @@ BOOL vlliGetProgramName(char *buffer) {
         return FALSE;
     }
     if (static_cast<size_t>(length) == sizeof target) {
-        errno = ENAMETOOLONG;
-        return FALSE;
+        return Fail(ENAMETOOLONG);
     }
     target[length] = '\0';
     struct stat status;
@@ -117,8 +117,7 @@ BOOL vlliGetProgramName(char *buffer) {
 BOOL vlliGetModuleFileNameByAddress(LPCVOID address, char *buffer) {
     const auto wanted = reinterpret_cast<uintptr_t>(address);
     if (wanted == 0) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     MemoryMap map;
     if (!map) {
@@ -130,14 +129,12 @@ BOOL vlliGetModuleFileNameByAddress(LPCVOID address, char *buffer) {
             return copyPath(buffer, segment.path);
         }
     }
-    errno = ENOENT;
-    return FALSE;
+    return Fail(ENOENT);
 }
 
 BOOL vllGetModuleFileName(LPCVOID lpAddress, LPSTR lpFilename) {
     if (lpFilename == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     return lpAddress == nullptr ? vlliGetProgramName(lpFilename)
                                 : vlliGetModuleFileNameByAddress(lpAddress, lpFilename);
@@ -147,8 +144,7 @@ BOOL vllEnumerateLoadedModules(LPSTR lpBuffer) {
     const size_t before =
         lpBuffer != nullptr ? strnlen(lpBuffer, VLL_MODULE_LIST_SIZE) : VLL_MODULE_LIST_SIZE;
     if (before == VLL_MODULE_LIST_SIZE) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     MemoryMap map;
     if (!map) {
@@ -167,8 +163,7 @@ BOOL vllEnumerateLoadedModules(LPSTR lpBuffer) {
         const auto size = static_cast<size_t>(length);
         if (size >= VLL_MODULE_LIST_SIZE - used) {
             lpBuffer[before] = '\0';
-            errno = ENOBUFS;
-            return FALSE;
+            return Fail(ENOBUFS);
         }
         memcpy(lpBuffer + used, entry, size + 1);
         used += size;
@@ -178,8 +173,7 @@ BOOL vllEnumerateLoadedModules(LPSTR lpBuffer) {
 
 LPSTR vllGetModuleStartingAddress(LPCSTR lpModuleName) {
     if (lpModuleName == nullptr) {
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     MemoryMap map;
     if (!map) {

@@ -9,7 +9,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/internal.h"
+#include "base/descriptor.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "base/log.h"
 #include "vwincompat/process.h"
 
 namespace {
@@ -26,8 +29,7 @@ Fd openConsole() {
 
 LPSTR convert(uint32_t value, bool negative, char *buffer, int32_t radix) {
     if (buffer == nullptr || radix < 2 || radix > 36) {
-        errno = EINVAL;
-        return nullptr;
+        return Fail(EINVAL);
     }
     const auto base = static_cast<uint32_t>(radix);
     char *end = buffer;
@@ -53,8 +55,7 @@ BOOL vllBeep(DWORD dwFreq, DWORD dwDuration) {
     const auto frequency = static_cast<int16_t>(dwFreq);
     const auto duration = static_cast<int16_t>(dwDuration);
     if (frequency == 0) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const Fd console = openConsole();
     if (!console) {

@@ -6,7 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/internal.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "vwincompat/system.h"
 
 namespace {
@@ -27,8 +28,7 @@ void overwriteDate(const SYSTEMTIME &record, struct tm *date) {
 DWORD vllGetLocaleInfo(DWORD dwCode, LPSTR lpBuffer, DWORD dwSize) {
     if ((dwCode != VLL_LOCALE_DATE_FORMAT && dwCode != VLL_LOCALE_TIME_FORMAT) ||
         (lpBuffer == nullptr && dwSize != 0)) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     const char *text = nl_langinfo(dwCode == VLL_LOCALE_DATE_FORMAT ? D_FMT : T_FMT);
     const auto length = static_cast<DWORD>(strlen(text));
@@ -36,8 +36,7 @@ DWORD vllGetLocaleInfo(DWORD dwCode, LPSTR lpBuffer, DWORD dwSize) {
         return length + 1;
     }
     if (length + 1 > dwSize) {
-        errno = ENOBUFS;
-        return 0;
+        return Fail(ENOBUFS);
     }
     memcpy(lpBuffer, text, length + 1);
     return length;
@@ -45,8 +44,7 @@ DWORD vllGetLocaleInfo(DWORD dwCode, LPSTR lpBuffer, DWORD dwSize) {
 
 DWORD vllGetDateFormat(LPSTR lpBuffer, DWORD dwSize, LPCSTR lpFormat, const SYSTEMTIME *lpDate) {
     if (lpBuffer == nullptr || lpFormat == nullptr) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;  // the zone file may have to be read
     const time_t now = time(nullptr);
@@ -67,8 +65,7 @@ DWORD vllGetDateFormat(LPSTR lpBuffer, DWORD dwSize, LPCSTR lpFormat, const SYST
 BOOL vllSetLocale(LPCSTR lpLocale) {
     const NoCancel no_cancel;
     if (lpLocale == nullptr || setlocale(LC_ALL, lpLocale) == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     return TRUE;
 }

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/failure.h"
+#include "base/guards.h"
 #include "process/accounts.h"
 #include "vwincompat/system.h"
 
@@ -63,12 +65,10 @@ const char *currentUser(passwd *entry, AccountText *text) {
 
 BOOL vllGetComputerName(LPSTR lpBuffer, LPDWORD lpnSize) {
     if (lpBuffer == nullptr || lpnSize == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     if (gethostname(lpBuffer, *lpnSize) == -1) {
-        errno = ENOBUFS;
-        return FALSE;
+        return Fail(ENOBUFS);
     }
     *lpnSize = static_cast<DWORD>(strlen(lpBuffer));
     return TRUE;
@@ -76,21 +76,18 @@ BOOL vllGetComputerName(LPSTR lpBuffer, LPDWORD lpnSize) {
 
 BOOL vllGetUserName(LPSTR lpBuffer, LPDWORD lpnSize) {
     if (lpBuffer == nullptr || lpnSize == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     const NoCancel no_cancel;
     AccountText text;
     passwd entry;
     const char *name = currentUser(&entry, &text);
     if (name == nullptr) {
-        errno = ENOENT;
-        return FALSE;
+        return Fail(ENOENT);
     }
     const size_t length = strlen(name);
     if (length + 1 > *lpnSize) {
-        errno = ENOBUFS;
-        return FALSE;
+        return Fail(ENOBUFS);
     }
     memcpy(lpBuffer, name, length + 1);
     *lpnSize = static_cast<DWORD>(length);
@@ -99,8 +96,7 @@ BOOL vllGetUserName(LPSTR lpBuffer, LPDWORD lpnSize) {
 
 DWORD vllExpandEnvironmnentStrings(LPCSTR lpSrc, LPSTR lpBuffer, DWORD dwSize) {
     if (lpSrc == nullptr || (lpBuffer == nullptr && dwSize != 0)) {
-        errno = EINVAL;
-        return 0;
+        return Fail(EINVAL);
     }
     const Words words(lpSrc);
     if (words.error() != 0) {
@@ -109,8 +105,7 @@ DWORD vllExpandEnvironmnentStrings(LPCSTR lpSrc, LPSTR lpBuffer, DWORD dwSize) {
     }
     const DWORD size = words.size();
     if (size > dwSize) {
-        errno = ENOBUFS;
-        return size;
+        return Fail(ENOBUFS, size);
     }
     if (size == 0) {
         if (dwSize != 0) {
@@ -124,8 +119,7 @@ DWORD vllExpandEnvironmnentStrings(LPCSTR lpSrc, LPSTR lpBuffer, DWORD dwSize) {
 
 BOOL vllGetSystemInfo(struct utsname *lpSystemInfo) {
     if (lpSystemInfo == nullptr) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     return uname(lpSystemInfo) == 0;
 }

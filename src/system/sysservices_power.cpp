@@ -4,7 +4,7 @@
 #include <sys/wait.h>
 #include <cerrno>
 
-#include "base/internal_blocking.h"
+#include "base/blocking.h"
 #include "process/multitasking.h"
 #include "vwincompat/system.h"
 

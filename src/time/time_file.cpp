@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "base/failure.h"
 #include "time/time_convert.h"
 #include "vwincompat/datetime.h"
 
@@ -22,8 +23,7 @@ BOOL vllGetFileTime(HANDLE hFile, FILETIME *lpCreationTime, FILETIME *lpLastAcce
     };
     for (const auto &each : wanted) {
         if (each.out != nullptr && each.seconds != static_cast<FILETIME>(each.seconds)) {
-            errno = EOVERFLOW;
-            return FALSE;
+            return Fail(EOVERFLOW);
         }
     }
     for (const auto &each : wanted) {

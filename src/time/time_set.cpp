@@ -9,7 +9,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/internal.h"
+#include "base/failure.h"
+#include "base/guards.h"
 #include "time/time_convert.h"
 #include "vwincompat/datetime.h"
 #include "vwincompat/fileops.h"
@@ -37,8 +38,7 @@ BOOL run(const char *const *arguments) {
     const int error =
         posix_spawn(&pid, arguments[0], nullptr, nullptr, const_cast<char *const *>(arguments), environ);
     if (error != 0) {
-        errno = error;
-        return FALSE;
+        return Fail(error);
     }
     int status;
     while (waitpid(pid, &status, 0) == -1) {
@@ -77,8 +77,7 @@ BOOL vllSetLocalTime(const SYSTEMTIME *lpSystemTime) {
 
 BOOL vllSetTimeZoneInformation(const TIME_ZONE_INFORMATION *lpTimeZoneInformation) {
     if (!isZoneName(lpTimeZoneInformation->TimeZoneKeyName)) {
-        errno = EINVAL;
-        return FALSE;
+        return Fail(EINVAL);
     }
     char path[128];
     snprintf(path, sizeof path, "/usr/share/zoneinfo/%s", lpTimeZoneInformation->TimeZoneKeyName);
@@ -87,8 +86,7 @@ BOOL vllSetTimeZoneInformation(const TIME_ZONE_INFORMATION *lpTimeZoneInformatio
         return FALSE;
     }
     if (S_ISDIR(status.st_mode)) {
-        errno = EISDIR;
-        return FALSE;
+        return Fail(EISDIR);
     }
     // Stopped half-way, it would leave the root file system writable.
     const NoCancel no_cancel;

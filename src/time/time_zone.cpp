@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/internal.h"
+#include "base/descriptor.h"
+#include "base/guards.h"
 #include "time/time_convert.h"
 
 static_assert(sizeof(TIME_ZONE_INFORMATION) == 176, "record layout");

@@ -51,10 +51,10 @@ TEST_F(UtilTest, a_dump_has_a_line_for_each_frame_and_100_at_most) {
         errno = 77;
         EXPECT_EQ(dumpAtDepth(depth), depth);
         EXPECT_EQ(errno, 77);
-        const std::vector<LogLine> lines = TakeLog();
+        const std::vector<LogLine> lines = takeLog();
         ASSERT_GT(lines.size(), 2U);
         EXPECT_TRUE(depth == 0 || lines.size() == 101);
-        EXPECT_EQ(lines[0].text, Format("VLL: STACK: backtrace depth = %zu\n", lines.size() - 1));
+        EXPECT_EQ(lines[0].text, format("VLL: STACK: backtrace depth = %zu\n", lines.size() - 1));
         EXPECT_EQ(lines[0].priority, LOG_ERR);
         for (size_t i = 1; i < lines.size(); ++i) {
             const std::string &line = lines[i].text;
@@ -64,7 +64,7 @@ TEST_F(UtilTest, a_dump_has_a_line_for_each_frame_and_100_at_most) {
             const size_t open = line.rfind(" (0x");
             ASSERT_NE(open, std::string::npos) << line;
             EXPECT_EQ(sscanf(line.c_str() + open, " (0x%" SCNxPTR, &address), 1) << line;
-            EXPECT_EQ(line.substr(open), Format(" (0x%08" PRIXPTR ")\n", address));
+            EXPECT_EQ(line.substr(open), format(" (0x%08" PRIXPTR ")\n", address));
         }
     }
 }
@@ -73,7 +73,7 @@ TEST_F(UtilTest, a_dump_without_text_ends_after_the_depth) {
     const FailCall fail("backtrace_symbols", 1, ENOMEM);
     vlliPrintBacktrace();
     EXPECT_TRUE(fail.happened());
-    EXPECT_EQ(TakeLog().size(), 1U);
+    EXPECT_EQ(takeLog().size(), 1U);
 }
 
 }  // namespace

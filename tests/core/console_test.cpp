@@ -8,6 +8,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/syslog_capture.h"
 
 namespace {
@@ -20,7 +21,7 @@ class ConsoleTest : public LibraryTest {
     // Runs body in a child whose standard streams, the error stream apart, are a fresh terminal; the
     // argument is the side that types.
     void onTerminal(const std::function<void(int)> &body) {
-        ExpectInChild([&] {
+        expectInChild([&] {
             const int master = posix_openpt(O_RDWR | O_NOCTTY);
             if (master == -1 || grantpt(master) == -1 || unlockpt(master) == -1) {
                 return 1;
@@ -43,7 +44,7 @@ void type(int master, const char *text) {
 
 bool isPending(HANDLE console, DWORD expected) {
     DWORD count = 0;
-    return WaitUntil([&] {
+    return waitUntil([&] {
         EXPECT_TRUE(vllGetNumberOfConsoleInputEvents(console, &count));
         return count == expected;
     });
@@ -57,14 +58,11 @@ std::string readInput() {
 
 TEST_F(ConsoleTest, refuses_other_streams) {
     for (const DWORD number : {3U, 0U - 10U, 0U - 11U, 0U - 12U, 0x10000U}) {
-        errno = 0;
-        EXPECT_EQ(vllGetStdHandle(number), INVALID_HANDLE_VALUE);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllGetStdHandle(number), FailsWith(EINVAL, INVALID_HANDLE_VALUE));
     }
     {
         FailCall fail("dup", 1, EMFILE);
-        EXPECT_EQ(vllGetStdHandle(0), INVALID_HANDLE_VALUE);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_THAT(vllGetStdHandle(0), FailsWith(EMFILE, INVALID_HANDLE_VALUE));
         EXPECT_NE(fcntl(0, F_GETFD), -1);
     }
     std::vector<HANDLE> handles;
@@ -99,10 +97,8 @@ TEST_F(ConsoleTest, modes) {
         EXPECT_EQ(after.c_oflag, before.c_oflag);
         EXPECT_EQ(memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
 
-        EXPECT_FALSE(vllGetConsoleMode(console, nullptr));
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(vllGetNumberOfConsoleInputEvents(console, nullptr));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllGetConsoleMode(console, nullptr), FailsWith(EINVAL));
+        EXPECT_THAT(vllGetNumberOfConsoleInputEvents(console, nullptr), FailsWith(EINVAL));
         EXPECT_TRUE(vllCloseHandle(console));
     });
 }
@@ -153,46 +149,38 @@ TEST_F(ConsoleTest, handles_are_independent) {
             EXPECT_TRUE(vllCloseHandle(console));
         }
         EXPECT_EQ(readInput(), "line\n");
-        EXPECT_FALSE(vllSetConsoleMode(first, 0));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllSetConsoleMode(first, 0), FailsWith(EINVAL));
 
         const HANDLE output = vllGetStdHandle(STD_OUTPUT_HANDLE);
         DWORD mode = 0;
         EXPECT_TRUE(vllGetConsoleMode(output, &mode));
         FailCall fail("dup", 1, EMFILE);
-        EXPECT_EQ(vllDuplicateHandle(output), 0U);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_THAT(vllDuplicateHandle(output), FailsWith(EMFILE));
         EXPECT_TRUE(vllCloseHandle(output));
     });
 }
 
 TEST_F(ConsoleTest, what_is_no_terminal) {
-    ExpectInChild([] {
+    expectInChild([] {
         const int fd = open("/dev/null", O_RDWR);
         dup2(fd, STDIN_FILENO);
         const HANDLE console = vllGetStdHandle(STD_INPUT_HANDLE);
         DWORD value = 77;
-        EXPECT_FALSE(vllGetConsoleMode(console, &value));
-        EXPECT_EQ(errno, ENOTTY);
-        EXPECT_FALSE(vllSetConsoleMode(console, 0));
-        EXPECT_EQ(errno, ENOTTY);
-        EXPECT_FALSE(vllFlushConsoleInputBuffer(console));
-        EXPECT_EQ(errno, ENOTTY);
-        EXPECT_FALSE(vllGetNumberOfConsoleInputEvents(console, &value));
-        EXPECT_EQ(errno, ENOTTY);
+        EXPECT_THAT(vllGetConsoleMode(console, &value), FailsWith(ENOTTY));
+        EXPECT_THAT(vllSetConsoleMode(console, 0), FailsWith(ENOTTY));
+        EXPECT_THAT(vllFlushConsoleInputBuffer(console), FailsWith(ENOTTY));
+        EXPECT_THAT(vllGetNumberOfConsoleInputEvents(console, &value), FailsWith(ENOTTY));
         EXPECT_EQ(value, 77U);
         EXPECT_TRUE(vllCloseHandle(console));
         close(STDIN_FILENO);
-        EXPECT_EQ(vllGetStdHandle(STD_INPUT_HANDLE), INVALID_HANDLE_VALUE);
-        EXPECT_EQ(errno, EBADF);
+        EXPECT_THAT(vllGetStdHandle(STD_INPUT_HANDLE), FailsWith(EBADF, INVALID_HANDLE_VALUE));
         return 0;
     });
     // Any handle that opens is used: an event is no terminal either.
     const HANDLE event = vllCreateEvent(1, 0, nullptr);
-    EXPECT_FALSE(vllSetConsoleMode(event, 0));
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_THAT(vllSetConsoleMode(event, 0), FailsWith(ENOTTY));
     EXPECT_TRUE(vllCloseHandle(event));
-    EXPECT_TRUE(TakeErrors().empty());
+    EXPECT_TRUE(takeErrors().empty());
 }
 
 }  // namespace

@@ -1,4 +1,7 @@
 #include "core/internal_async.h"
+#include "base/counter.h"
+#include "base/descriptor.h"
+#include "base/guards.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -16,11 +19,11 @@
 #include <cstring>
 #include <memory>
 
-#include "base/internal.h"
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/private_machine.h"
 #include "support/syslog_capture.h"
@@ -46,12 +49,12 @@ class AsyncTest : public LibraryTest {
     void StartService() {
         service_ = vllCreateThread(0, vlliAsyncIo, nullptr, &service_id_, 0);
         ASSERT_NE(service_, 0U);
-        ASSERT_TRUE(WaitUntil([] { return serviceSet() != -1; }));
+        ASSERT_TRUE(waitUntil([] { return serviceSet() != -1; }));
     }
     void StopService() {
         if (service_ != 0) {
             EXPECT_TRUE(vllTerminateThread(service_, 0));
-            FinishThread(service_);
+            finishThread(service_);
             EXPECT_EQ(serviceSet(), -1);
             service_ = 0;
         }
@@ -93,11 +96,12 @@ struct Transfer {
         return vllWriteFile(asHandle(fd), bytes.data(), static_cast<DWORD>(bytes.size()), nullptr, &record);
     }
     bool reaches(uint32_t bytes) const {
-        return WaitUntil([&] { return __atomic_load_n(&record.transferred, __ATOMIC_ACQUIRE) == bytes; });
+        return waitUntil([&] { return __atomic_load_n(&record.transferred, __ATOMIC_ACQUIRE) == bytes; });
     }
     bool pending() {
         DWORD count = 0;
-        return Fails(vllGetOverlappedResult(&record, &count, FALSE), EINPROGRESS) && count == 0xFFFFFFFF;
+        errno = 0;
+        return !vllGetOverlappedResult(&record, &count, FALSE) && errno == EINPROGRESS && count == 0xFFFFFFFF;
     }
     // The result of the last call, or -2 when the transfer does not end.
     int64_t finish() {
@@ -194,7 +198,7 @@ TEST_F(AsyncTest, a_write_of_more_than_fits_goes_on_as_the_reader_takes_it) {
         Transfer write;
         ASSERT_TRUE(write.write(pair.writer, sent));
         EXPECT_TRUE(
-            WaitUntil([&] { return __atomic_load_n(&write.record.transferred, __ATOMIC_ACQUIRE) > 0; }));
+            waitUntil([&] { return __atomic_load_n(&write.record.transferred, __ATOMIC_ACQUIRE) > 0; }));
         EXPECT_TRUE(write.pending());
 
         // The service has not blocked: another transfer goes through.
@@ -236,7 +240,7 @@ TEST_F(AsyncTest, what_ends_a_transfer_early) {
             EXPECT_EQ(result, kind == Kind::terminal ? -1 : 0);
         }
         EXPECT_EQ(read.record.transferred, 3U);
-        EXPECT_TRUE(Fails(cancel(pair.reader), ENOENT));  // it has left the set
+        EXPECT_THAT(cancel(pair.reader), FailsWith(ENOENT));  // it has left the set
     }
     for (const Kind kind : {Kind::pipe, Kind::non_blocking_pipe, Kind::stream}) {
         // Nobody reads: the write fails, and no signal kills the process.
@@ -315,7 +319,7 @@ TEST_F(AsyncTest, a_terminal_that_waits_for_more_bytes_does_not_hold_up_the_serv
 
 // The service opens pipes once more to write without blocking, but no device: that may do something.
 TEST_F(AsyncTest, devices_are_not_reopened) {
-    const std::string directory = FreshDirectory();
+    const std::string directory = freshDirectory();
     const std::string pipe = directory + "/pipe";
     const std::string device = directory + "/device";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -326,7 +330,7 @@ TEST_F(AsyncTest, devices_are_not_reopened) {
         const Fd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
         ASSERT_NE(inotify_add_watch(watch.get(), path.c_str(), IN_OPEN), -1);
         Transfer write;
-        write.record.event = MakeManualEvent();
+        write.record.event = makeManualEvent();
         write.record.fd = fd.get();
         write.record.buffer = write.buffer.data();
         write.record.requested = 3;
@@ -355,12 +359,12 @@ TEST_F(AsyncTest, a_service_with_nothing_to_do_does_nothing) {
 
 TEST_F(AsyncTest, cancelled) {
     const Pair pair = makePair(Kind::pipe);
-    EXPECT_TRUE(Fails(cancel(pair.reader), ENOENT));
-    EXPECT_TRUE(Fails(vllCancelIo(9999), EBADF));
+    EXPECT_THAT(cancel(pair.reader), FailsWith(ENOENT));
+    EXPECT_THAT(vllCancelIo(9999), FailsWith(EBADF));
 
     Transfer read;
     ASSERT_TRUE(read.read(pair.reader, 50));
-    EXPECT_TRUE(Fails(read.read(pair.reader, 50), EEXIST));  // one at a time
+    EXPECT_THAT(read.read(pair.reader, 50), FailsWith(EEXIST));  // one at a time
     EXPECT_TRUE(cancel(pair.reader));
     writeText(pair.writer, "abc");
     EXPECT_TRUE(read.pending());
@@ -379,7 +383,7 @@ TEST_F(AsyncTest, cancelled) {
     EXPECT_STREQ(read.buffer.data(), "defg");
     // An event is used as it is, signalled or not.
     ASSERT_TRUE(read.read(pair.reader, 4));
-    EXPECT_TRUE(IsSignalled(event));
+    EXPECT_TRUE(isSignalled(event));
     EXPECT_TRUE(cancel(pair.reader));
 }
 
@@ -387,7 +391,7 @@ TEST_F(AsyncTest, cancelled) {
 TEST_F(AsyncTest, a_cancelled_record_may_be_freed_at_once) {
     const auto cancel_often = [] {
         const Pair pair = makePair(Kind::stream);
-        const Owned event(MakeManualEvent());
+        const Owned event(makeManualEvent());
         for (int i = 0; i < 1000; ++i) {
             const auto buffer = std::make_unique<std::array<char, 256>>();
             const auto record = std::make_unique<OverlappedRecord>();
@@ -399,10 +403,10 @@ TEST_F(AsyncTest, a_cancelled_record_may_be_freed_at_once) {
             recv(pair.reader.get(), buffer->data(), buffer->size(), MSG_DONTWAIT);  // what the service left
         }
     };
-    const std::array<HANDLE, 3> threads = {StartThread(cancel_often), StartThread(cancel_often),
-                                           StartThread(cancel_often)};
+    const std::array<HANDLE, 3> threads = {startThread(cancel_often), startThread(cancel_often),
+                                           startThread(cancel_often)};
     for (const HANDLE thread : threads) {
-        FinishThread(thread);
+        finishThread(thread);
     }
 }
 
@@ -412,7 +416,7 @@ TEST_F(AsyncTest, all_64_places_and_more_are_served) {
     std::vector<Pair> pairs;
     std::vector<OverlappedRecord> records(kCount);
     std::array<char, kCount> bytes = {};
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     for (size_t i = 0; i < kCount; ++i) {
         pairs.push_back(makePair(Kind::pipe));
         records[i].event = event;
@@ -426,25 +430,25 @@ TEST_F(AsyncTest, all_64_places_and_more_are_served) {
     }
     for (size_t i = 0; i < kCount; ++i) {
         EXPECT_TRUE(
-            WaitUntil([&] { return __atomic_load_n(&records[i].transferred, __ATOMIC_ACQUIRE) == 1; }));
+            waitUntil([&] { return __atomic_load_n(&records[i].transferred, __ATOMIC_ACQUIRE) == 1; }));
     }
-    EXPECT_TRUE(WaitUntil([&] { return !cancel(pairs.back().reader); }));
+    EXPECT_TRUE(waitUntil([&] { return !cancel(pairs.back().reader); }));
     EXPECT_EQ(std::string(bytes.begin(), bytes.end()), std::string(kCount, 'x'));
 }
 
 TEST_F(AsyncTest, what_cannot_be_registered) {
     Transfer transfer;
     const Fd file(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
-    EXPECT_TRUE(Fails(transfer.read(file, 8), EPERM));
-    EXPECT_TRUE(Fails(cancel(file), EPERM));
+    EXPECT_THAT(transfer.read(file, 8), FailsWith(EPERM));
+    EXPECT_THAT(cancel(file), FailsWith(EPERM));
     for (const HANDLE handle : {HANDLE{9999}, transfer.record.event}) {
-        EXPECT_TRUE(Fails(vllReadFile(handle, nullptr, 8, nullptr, &transfer.record), EBADF));
+        EXPECT_THAT(vllReadFile(handle, nullptr, 8, nullptr, &transfer.record), FailsWith(EBADF));
     }
     const Pair pair = makePair(Kind::pipe);
     Transfer other;
     {
         const FailCall fail("eventfd", 1, EMFILE);
-        EXPECT_TRUE(Fails(other.read(pair.reader, 8), EMFILE));
+        EXPECT_THAT(other.read(pair.reader, 8), FailsWith(EMFILE));
         EXPECT_EQ(other.record.event, 0U);
     }
     EXPECT_FALSE(cancel(pair.reader));
@@ -454,7 +458,7 @@ TEST_F(AsyncTest, what_cannot_be_registered) {
     EXPECT_NE(other.record.event, static_cast<HANDLE>(-1));
     EXPECT_EQ(count, 7U);
     EXPECT_TRUE(cancel(pair.reader));
-    TakeErrors();
+    takeErrors();
 }
 
 TEST_F(AsyncTest, an_event_closed_under_its_transfer_harms_nobody) {
@@ -465,15 +469,15 @@ TEST_F(AsyncTest, an_event_closed_under_its_transfer_harms_nobody) {
     writeText(pair.writer, "a");
     EXPECT_TRUE(transfer.reaches(1));
     Transfer next;
-    EXPECT_TRUE(WaitUntil([&] { return next.read(pair.reader, 1) != FALSE; }));
+    EXPECT_TRUE(waitUntil([&] { return next.read(pair.reader, 1) != FALSE; }));
     writeText(pair.writer, "b");
     EXPECT_EQ(next.finish(), 1);
-    TakeErrors();
+    takeErrors();
     for (const BOOL wait : {FALSE, TRUE}) {
         DWORD count = 0;
-        EXPECT_TRUE(Fails(vllGetOverlappedResult(&transfer.record, &count, wait), EINVAL));
+        EXPECT_THAT(vllGetOverlappedResult(&transfer.record, &count, wait), FailsWith(EINVAL));
         EXPECT_EQ(count, 0xFFFFFFFF);
-        EXPECT_EQ(TakeErrors().size(), 2U);  // those of the wait
+        EXPECT_EQ(takeErrors().size(), 2U);  // those of the wait
     }
     transfer.record.event = 0;
 }
@@ -482,18 +486,18 @@ TEST_F(AsyncTest, stopped_started_again_and_started_twice) {
     const Pair pair = makePair(Kind::pipe);
     Transfer forgotten;
     ASSERT_TRUE(forgotten.read(pair.reader, 1));
-    EXPECT_TRUE(Fails(vlliAsyncIo(nullptr), EBUSY));
+    EXPECT_THAT(vlliAsyncIo(nullptr), FailsWith(EBUSY));
     StopService();
 
     Transfer early;
-    EXPECT_TRUE(Fails(early.read(pair.reader, 1), EBADF));
+    EXPECT_THAT(early.read(pair.reader, 1), FailsWith(EBADF));
     EXPECT_EQ(early.record.fd, pair.reader.get());
     EXPECT_EQ(early.record.requested, 1U);
     EXPECT_NE(early.record.event, 0U);
-    EXPECT_TRUE(Fails(cancel(pair.reader), EBADF));
+    EXPECT_THAT(cancel(pair.reader), FailsWith(EBADF));
     {
         const FailCall fail("epoll_create", 1, EMFILE);
-        EXPECT_TRUE(Fails(vlliAsyncIo(nullptr), EMFILE));
+        EXPECT_THAT(vlliAsyncIo(nullptr), FailsWith(EMFILE));
         EXPECT_EQ(serviceSet(), -1);
     }
     StartService();
@@ -505,10 +509,10 @@ TEST_F(AsyncTest, stopped_started_again_and_started_twice) {
 
 TEST_F(AsyncTest, a_forked_child_starts_without_a_service) {
     const Pair pair = makePair(Kind::pipe);
-    const ChildResult result = RunInChild([&] {
+    const ChildResult result = runInChild([&] {
         Transfer transfer;
         EXPECT_EQ(serviceSet(), -1);
-        EXPECT_TRUE(Fails(transfer.read(pair.reader, 1), EBADF));
+        EXPECT_THAT(transfer.read(pair.reader, 1), FailsWith(EBADF));
         StartService();
         writeText(pair.writer, "a");
         EXPECT_TRUE(transfer.read(pair.reader, 1));
@@ -548,9 +552,9 @@ TEST_F(AsyncTest, serial_event_masks_count_as_results_of_a_wait) {
     DWORD count = 0;
     EXPECT_TRUE(vllGetOverlappedResult(&record, &count, TRUE));
     EXPECT_EQ(count, 0xFFFFFFFF);
-    EXPECT_TRUE(
-        Fails(vllGetOverlappedResult(&record, &count, FALSE), EIO));  // it looks at the mask only in a wait
-    EXPECT_TRUE(Fails(vllGetOverlappedResult(nullptr, &count, FALSE), EINVAL));
+    EXPECT_THAT(vllGetOverlappedResult(&record, &count, FALSE),
+                FailsWith(EIO));  // it looks at the mask only in a wait
+    EXPECT_THAT(vllGetOverlappedResult(nullptr, &count, FALSE), FailsWith(EINVAL));
 }
 
 // A thread cancelled while it waits for a transfer leaves the transfer as it is, and nothing behind.
@@ -559,9 +563,9 @@ TEST_F(AsyncTest, a_waiter_is_cancelled) {
     Transfer transfer;
     ASSERT_TRUE(transfer.read(pair.reader, 1));
     const auto wait = [&] { vllGetOverlappedResult(&transfer.record, nullptr, TRUE); };
-    const HANDLE waiter = StartThread(wait);
+    const HANDLE waiter = startThread(wait);
     EXPECT_TRUE(vllTerminateThread(waiter, 0));
-    FinishThread(waiter);
+    finishThread(waiter);
     writeText(pair.writer, "a");
     EXPECT_EQ(transfer.finish(), 1);
 }

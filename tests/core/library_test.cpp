@@ -3,10 +3,12 @@
 #include <memory>
 #include <thread>
 
+#include "base/allocate.h"
 #include "core/objmem.h"
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -19,24 +21,24 @@ TEST_F(LibraryCoreTest, start_sets_the_descriptor_limit_and_prepares_the_table_o
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_EQ(limit.rlim_cur, 256U);
     EXPECT_EQ(limit.rlim_max, 256U);
-    const Owned event(MakeManualEvent(TRUE));
+    const Owned event(makeManualEvent(TRUE));
     vllvwincompatMain();
-    EXPECT_TRUE(IsSignalled(event));
+    EXPECT_TRUE(isSignalled(event));
     vllvwincompatExit();
-    EXPECT_TRUE(IsSignalled(event)) << "an exit releases nothing";
+    EXPECT_TRUE(isSignalled(event)) << "an exit releases nothing";
     vllvwincompatExit();
     vllvwincompatMain();
-    EXPECT_TRUE(IsSignalled(event));
+    EXPECT_TRUE(isSignalled(event));
 }
 
 TEST(LibraryStartTest, without_start_no_handle_is_made) {
-    if (!InFreshProcess()) {
+    if (!inFreshProcess()) {
         return;
     }
-    EXPECT_RESULT(vllCreateEvent(1, 0, nullptr), 0U, ENOMEM);
-    EXPECT_EQ(TakeErrors(), Errors{"VLLI: AllocObject() error = ENOMEM\n"});
-    EXPECT_RESULT(vllCreateMutex(FALSE, nullptr), 0U, ENOMEM);
-    EXPECT_EQ(TakeErrors(), Errors{"VLLI: AllocMemObject() error = ENOMEM\n"});
+    EXPECT_THAT(vllCreateEvent(1, 0, nullptr), Yields(0U, ENOMEM));
+    EXPECT_EQ(takeErrors(), Errors{"VLLI: AllocObject() error = ENOMEM\n"});
+    EXPECT_THAT(vllCreateMutex(FALSE, nullptr), Yields(0U, ENOMEM));
+    EXPECT_EQ(takeErrors(), Errors{"VLLI: AllocMemObject() error = ENOMEM\n"});
 }
 
 TEST_F(LibraryCoreTest, start_says_nothing_when_the_table_cannot_be_locked) {
@@ -45,7 +47,7 @@ TEST_F(LibraryCoreTest, start_says_nothing_when_the_table_cannot_be_locked) {
     vllvwincompatMain();
     EXPECT_TRUE(fail.happened());
     EXPECT_EQ(errno, 0);
-    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_EQ(takeErrors(), Errors{});
 }
 
 TEST_F(LibraryCoreTest, last_error_is_the_threads_own) {
@@ -55,7 +57,7 @@ TEST_F(LibraryCoreTest, last_error_is_the_threads_own) {
         vllSetLastError(7);
         EXPECT_EQ(errno, 7);
     };
-    FinishThread(StartThread(body));
+    finishThread(startThread(body));
     vllSetLastError(5);
     EXPECT_EQ(vllGetLastError(), 5U);
     EXPECT_FALSE(vllSetEvent(0x50000));
@@ -96,7 +98,7 @@ TEST_F(LibraryCoreTest, formatErrorMessage_composes) {
 
 TEST_F(LibraryCoreTest, formatErrorMessage_without_memory) {
     char *message = nullptr;
-    ExpectFailure(
+    expectFailure(
         {"malloc", 1, ENOMEM, {}}, [&] { return vllFormatErrorMessage(&message, "p", EIO, "%d", 1); }, -1);
     EXPECT_EQ(message, nullptr);
 }
@@ -109,7 +111,7 @@ TEST_F(LibraryCoreTest, freeMemory_frees_what_is_not_null) {
 
 // Several threads start the library at once in a process that has not: one table, one handle each.
 TEST(LibraryStartTest, concurrent_start_prepares_one_table) {
-    if (!InFreshProcess()) {
+    if (!inFreshProcess()) {
         return;
     }
     HANDLE handles[8] = {};
@@ -117,7 +119,7 @@ TEST(LibraryStartTest, concurrent_start_prepares_one_table) {
     for (HANDLE &handle : handles) {
         threads.emplace_back([&handle] {
             vllvwincompatMain();
-            handle = MakeAutoEvent();
+            handle = makeAutoEvent();
         });
     }
     uint32_t seen = 0;

@@ -9,6 +9,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -20,22 +21,22 @@ constexpr char kNoObject[] = "VLLI: AllocObject() error = ENOMEM\n";
 constexpr char kNoMemObject[] = "VLLI: AllocMemObject() error = ENOMEM\n";
 
 std::string invalid(const char *operation, HANDLE handle) {
-    return Format("VLLI: %s( 0x%X ): Invalid handle value! \n", operation, handle);
+    return format("VLLI: %s( 0x%X ): Invalid handle value! \n", operation, handle);
 }
 
 TEST(ObjmemOrderTest, handles_of_a_fresh_process_come_in_order_and_return_late) {
-    if (!InFreshProcess()) {
+    if (!inFreshProcess()) {
         return;
     }
     vllvwincompatMain();
-    const Owned first(MakeManualEvent()), second(MakeManualEvent());
+    const Owned first(makeManualEvent()), second(makeManualEvent());
     EXPECT_EQ(HANDLE{first}, 0x10000U);
     EXPECT_EQ(HANDLE{second}, 0x10001U);
     for (HANDLE index = 2; index < kObjectCount; ++index) {
         const Owned timer(vllCreateWaitableTimer(nullptr));
         EXPECT_EQ(HANDLE{timer}, OBJ_WAITABLE_TIMER | index);
     }
-    const Owned third(MakeManualEvent());
+    const Owned third(makeManualEvent());
     EXPECT_EQ(HANDLE{third}, 0x10002U);
 }
 
@@ -48,7 +49,7 @@ TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
         EXPECT_EQ(vlliGetObjectAddress(handles[i])->mem->refCount, 1);
     }
     for (const uint32_t type : {OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE}) {
-        ExpectFailure(
+        expectFailure(
             {nullptr, 0, ENOMEM, {kNoMemObject}}, [&] { return vlliCreateObject(type); }, 0);
     }
     for (uint32_t i = kObjmemCount; i < kObjectCount; ++i) {
@@ -56,11 +57,11 @@ TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
         ASSERT_NE(handles[i], 0U);
         vlliGetObjectAddress(handles[i])->fd = -1;
     }
-    const std::function<HANDLE()> creations[] = {[] { return MakeAutoEvent(); },
+    const std::function<HANDLE()> creations[] = {[] { return makeAutoEvent(); },
                                                  [] { return vllCreateWaitableTimer(nullptr); },
                                                  [&] { return vllDuplicateHandle(handles[kObjmemCount]); }};
     for (const auto &create : creations) {
-        ExpectFailure({nullptr, 0, ENOMEM, {kNoObject}}, create, 0);
+        expectFailure({nullptr, 0, ENOMEM, {kNoObject}}, create, 0);
     }
     EXPECT_EQ(firstFreeObject, kNoNext);
     EXPECT_EQ(lastFreeObject, kNoNext);
@@ -71,49 +72,49 @@ TEST_F(ObjmemTest, the_129th_record_and_the_33rd_memory_record_are_refused) {
 
 TEST_F(ObjmemTest, create_refuses_what_is_no_type_code) {
     for (const uint32_t type : {0U, 0x50000U, 0x10001U, 0x300000U, 0x1300000U, 0xFFFF0000U}) {
-        EXPECT_RESULT(vlliCreateObject(type), 0U, EINVAL);
+        EXPECT_THAT(vlliCreateObject(type), Yields(0U, EINVAL));
     }
-    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_EQ(takeErrors(), Errors{});
 }
 
 TEST_F(ObjmemTest, invalid_handles_are_refused_with_their_lines) {
-    const Inventory before = TakeInventory();
+    const Inventory before = takeInventory();
     for (const HANDLE handle : {0x50000U, 0x10080U, 0x1FFFFU, 0xFFFFFFFFU}) {
         SCOPED_TRACE(handle);
-        EXPECT_RESULT(vlliOpenObject(handle), nullptr, EINVAL);
-        const std::vector<LogLine> log = TakeLog();
+        EXPECT_THAT(vlliOpenObject(handle), Yields(nullptr, EINVAL));
+        const std::vector<LogLine> log = takeLog();
         ASSERT_GE(log.size(), 3U) << "the stack follows";
         EXPECT_EQ(log[0].text, invalid("OpenObject", handle));
         EXPECT_EQ(log[1].text.compare(0, 29, "VLL: STACK: backtrace depth ="), 0);
 
-        EXPECT_RESULT(vllCloseHandle(handle), FALSE, EINVAL);
-        const std::vector<LogLine> closed = TakeLog();
+        EXPECT_THAT(vllCloseHandle(handle), Yields(FALSE, EINVAL));
+        const std::vector<LogLine> closed = takeLog();
         ASSERT_EQ(closed.size(), 1U) << "no stack";
         EXPECT_EQ(closed[0].text, invalid("CloseObject", handle));
 
-        EXPECT_RESULT(vllDuplicateHandle(handle), 0U, EINVAL);
-        EXPECT_EQ(TakeErrors(), Errors{invalid("OpenObject", handle)});
+        EXPECT_THAT(vllDuplicateHandle(handle), Yields(0U, EINVAL));
+        EXPECT_EQ(takeErrors(), Errors{invalid("OpenObject", handle)});
     }
-    EXPECT_EQ(TakeInventory(), before);
+    EXPECT_EQ(takeInventory(), before);
 }
 
 TEST_F(ObjmemTest, a_free_record_is_neither_opened_nor_closed) {
-    const HANDLE handle = MakeAutoEvent();
+    const HANDLE handle = makeAutoEvent();
     EXPECT_TRUE(vllCloseHandle(handle));
-    const Inventory before = TakeInventory();
-    EXPECT_RESULT(vlliOpenObject(handle), nullptr, EINVAL);
-    const std::vector<LogLine> log = TakeLog();
+    const Inventory before = takeInventory();
+    EXPECT_THAT(vlliOpenObject(handle), Yields(nullptr, EINVAL));
+    const std::vector<LogLine> log = takeLog();
     ASSERT_EQ(log.size(), 1U) << "no stack";
-    EXPECT_EQ(log[0].text, Format("VLLI: OpenObject( 0x%X ): Unused handle! \n", handle));
+    EXPECT_EQ(log[0].text, format("VLLI: OpenObject( 0x%X ): Unused handle! \n", handle));
     for (const auto close : {vllCloseHandle, vlliCloseObject}) {
-        EXPECT_RESULT(close(handle), FALSE, EINVAL);
+        EXPECT_THAT(close(handle), Yields(FALSE, EINVAL));
     }
-    const Owned live(MakeAutoEvent());
+    const Owned live(makeAutoEvent());
     for (const uint32_t index : {handle & kIndexMask, live & kIndexMask, kObjectCount, 0xFFFFFFFFU}) {
-        EXPECT_RESULT(vlliFreeObject(index), FALSE, EBUSY);
+        EXPECT_THAT(vlliFreeObject(index), Yields(FALSE, EBUSY));
     }
-    EXPECT_EQ(TakeErrors(), Errors{});
-    EXPECT_EQ(TakeInventory().free_objects, before.free_objects - 1);
+    EXPECT_EQ(takeErrors(), Errors{});
+    EXPECT_EQ(takeInventory().free_objects, before.free_objects - 1);
     EXPECT_EQ(vlliGetObjectAddress(handle)->refCount, 0);
 }
 
@@ -124,34 +125,34 @@ TEST_F(ObjmemTest, plain_descriptors) {
     ASSERT_GT(fd, 0);
     EXPECT_TRUE(vllCloseHandle(static_cast<HANDLE>(fd)));
     EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    EXPECT_RESULT(vllCloseHandle(static_cast<HANDLE>(fd)), FALSE, EBADF);
-    EXPECT_RESULT(vllDuplicateHandle(1), 0U, EINVAL);
-    EXPECT_EQ(TakeErrors(), Errors{invalid("OpenObject", 1)}) << "a descriptor is no table handle";
+    EXPECT_THAT(vllCloseHandle(static_cast<HANDLE>(fd)), Yields(FALSE, EBADF));
+    EXPECT_THAT(vllDuplicateHandle(1), Yields(0U, EINVAL));
+    EXPECT_EQ(takeErrors(), Errors{invalid("OpenObject", 1)}) << "a descriptor is no table handle";
 }
 
 // The handle's index is live, but the record was issued as another type.
 TEST_F(ObjmemTest, forged_type_codes_do_nothing) {
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     const HANDLE index = event & kIndexMask;
     for (const HANDLE type : {OBJ_WAITABLE_TIMER, OBJ_CONSOLE, OBJ_THREAD, OBJ_MUTEX, OBJ_SEMAPHORE,
                               OBJ_SHMEM, OBJ_NAMED_MUTEX, OBJ_NAMED_SEMAPHORE}) {
         const HANDLE forged = type | index;
         SCOPED_TRACE(type);
-        EXPECT_RESULT(vllCloseHandle(forged), FALSE, EINVAL);
-        EXPECT_RESULT(vllDuplicateHandle(forged), 0U, EINVAL);
-        EXPECT_RESULT(vllSetEvent(forged), FALSE, EINVAL);
-        EXPECT_RESULT(vllSetWaitableTimer(forged, 1), FALSE, EINVAL);
-        EXPECT_RESULT(vllResumeThread(forged), 0U, EINVAL);
-        EXPECT_RESULT(vllTerminateThread(forged, 1), FALSE, EINVAL);
-        EXPECT_RESULT(vllWaitForSingleObject(forged, 0), WAIT_FAILED, EINVAL);
-        EXPECT_RESULT(vllWaitForMultipleObjects(1, &forged, 0), WAIT_FAILED, EINVAL);
+        EXPECT_THAT(vllCloseHandle(forged), Yields(FALSE, EINVAL));
+        EXPECT_THAT(vllDuplicateHandle(forged), Yields(0U, EINVAL));
+        EXPECT_THAT(vllSetEvent(forged), Yields(FALSE, EINVAL));
+        EXPECT_THAT(vllSetWaitableTimer(forged, 1), Yields(FALSE, EINVAL));
+        EXPECT_THAT(vllResumeThread(forged), Yields(0U, EINVAL));
+        EXPECT_THAT(vllTerminateThread(forged, 1), Yields(FALSE, EINVAL));
+        EXPECT_THAT(vllWaitForSingleObject(forged, 0), Yields(WAIT_FAILED, EINVAL));
+        EXPECT_THAT(vllWaitForMultipleObjects(1, &forged, 0), Yields(WAIT_FAILED, EINVAL));
         ObjectRecord *record = vlliOpenObject(forged);  // opens, by contract
         EXPECT_EQ(record, vlliGetObjectAddress(event));
         EXPECT_TRUE(vlliCloseObject(forged));
     }
     EXPECT_EQ(vlliGetObjectAddress(event)->refCount, 1);
-    EXPECT_FALSE(IsSignalled(event));
-    TakeErrors();
+    EXPECT_FALSE(isSignalled(event));
+    takeErrors();
 }
 
 TEST_F(ObjmemTest, memory_records_count_their_users) {
@@ -164,21 +165,21 @@ TEST_F(ObjmemTest, memory_records_count_their_users) {
     EXPECT_TRUE(vlliDetachObjmem(mem));
     EXPECT_TRUE(vllCloseHandle(handle)) << "the last object record takes its memory record along";
     EXPECT_EQ(mem->refCount, 0);
-    const Inventory before = TakeInventory();
+    const Inventory before = takeInventory();
     EXPECT_FALSE(vlliAttachObjmem(mem));
     EXPECT_FALSE(vlliDetachObjmem(mem));
-    EXPECT_RESULT(vlliDetachObjmem(nullptr), FALSE, EINVAL);
-    const std::vector<LogLine> log = TakeLog();
+    EXPECT_THAT(vlliDetachObjmem(nullptr), Yields(FALSE, EINVAL));
+    const std::vector<LogLine> log = takeLog();
     ASSERT_GE(log.size(), 3U) << "the stack follows";
     EXPECT_EQ(log[0].text, "VLLI: DetachObjmem( mem = NUILL )\n");
     ObjmemRecord stranger[2] = {};
     stranger[0].refCount = stranger[1].refCount = 1;
     EXPECT_FALSE(vlliDetachObjmem(&stranger[0]));
-    EXPECT_EQ(TakeInventory(), before);
+    EXPECT_EQ(takeInventory(), before);
 }
 
 TEST_F(ObjmemTest, a_lock_that_cannot_be_taken_fails_cleanly) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     ObjmemRecord used = {};
     used.refCount = 1;
     const std::pair<std::function<int64_t()>, int64_t> rows[] = {
@@ -198,7 +199,7 @@ TEST_F(ObjmemTest, a_lock_that_cannot_be_taken_fails_cleanly) {
     };
     for (const auto &[operation, result] : rows) {
         SCOPED_TRACE(&operation - &rows[0].first);
-        ExpectFailure({"pthread_mutex_lock", 1, EDEADLK, {}}, operation, result);
+        expectFailure({"pthread_mutex_lock", 1, EDEADLK, {}}, operation, result);
     }
     EXPECT_EQ(vlliGetObjectAddress(event)->refCount, 1);
     // The real thing: the lock is error-checking, so its owner is told.
@@ -281,12 +282,12 @@ TEST_F(ObjmemTest, the_tables_survive_concurrent_use) {
     std::atomic<HANDLE> shared{0};
     const auto body = [&] {
         for (int i = 0; i < 300; ++i) {
-            const HANDLE event = MakeAutoEvent(TRUE);
+            const HANDLE event = makeAutoEvent(TRUE);
             ASSERT_NE(event, 0U);
             const HANDLE duplicate = vllDuplicateHandle(event);
             ASSERT_NE(duplicate, 0U);
             EXPECT_TRUE(vllCloseHandle(event));
-            EXPECT_TRUE(IsSignalled(duplicate));
+            EXPECT_TRUE(isSignalled(duplicate));
             const HANDLE before = shared.exchange(duplicate);
             if (before != 0) {
                 vllSetEvent(before);
@@ -296,13 +297,13 @@ TEST_F(ObjmemTest, the_tables_survive_concurrent_use) {
     };
     HANDLE threads[4];
     for (HANDLE &thread : threads) {
-        thread = StartThread(body);
+        thread = startThread(body);
     }
     for (const HANDLE thread : threads) {
-        FinishThread(thread);
+        finishThread(thread);
     }
     EXPECT_TRUE(vllCloseHandle(shared));
-    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_EQ(takeErrors(), Errors{});
 }
 
 TEST_F(ObjmemTest, a_forked_child_has_a_usable_table) {
@@ -310,21 +311,21 @@ TEST_F(ObjmemTest, a_forked_child_has_a_usable_table) {
     std::atomic<bool> stop{false};
     const auto body = [&] {
         while (!stop) {
-            const HANDLE event = MakeAutoEvent();
+            const HANDLE event = makeAutoEvent();
             vllCloseHandle(event);
         }
     };
-    const HANDLE thread = StartThread(body);
+    const HANDLE thread = startThread(body);
     for (int i = 0; i < 20; ++i) {
-        const ChildResult result = RunInChild([] {
-            const HANDLE event = MakeAutoEvent(TRUE);
-            return event != 0 && IsSignalled(event) && vllCloseHandle(event) ? 0 : 1;
+        const ChildResult result = runInChild([] {
+            const HANDLE event = makeAutoEvent(TRUE);
+            return event != 0 && isSignalled(event) && vllCloseHandle(event) ? 0 : 1;
         });
         EXPECT_TRUE(result.exited);
         EXPECT_EQ(result.status, 0);
     }
     stop = true;
-    FinishThread(thread);
+    finishThread(thread);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "support/clock.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 
 namespace {
@@ -95,7 +96,7 @@ std::vector<Record> split(const char *data, size_t size) {
 
 class EventLogTest : public LibraryTest {
   protected:
-    static void SetUpTestSuite() { CoverDirectory("/var/log", "256m"); }
+    static void SetUpTestSuite() { coverDirectory("/var/log", "256m"); }
     void SetUp() override {
         remove(kCurrent);
         remove(kOlder);
@@ -385,8 +386,8 @@ TEST_F(EventLogTest, every_buffer_size) {
         }
     }
     DWORD got = 7;
-    EXPECT_FAILS(ENOBUFS, vllReadEventLog(log, kSeek, 1, nullptr, 0, nullptr, nullptr));
-    EXPECT_FAILS(EINVAL, vllReadEventLog(log, kSeek, 1, nullptr, 1, &got, nullptr));
+    EXPECT_THAT(vllReadEventLog(log, kSeek, 1, nullptr, 0, nullptr, nullptr), FailsWith(ENOBUFS));
+    EXPECT_THAT(vllReadEventLog(log, kSeek, 1, nullptr, 1, &got, nullptr), FailsWith(EINVAL));
     EXPECT_EQ(got, 7U);
 }
 
@@ -480,9 +481,9 @@ TEST_F(EventLogTest, reads_from_anywhere_find_the_same_lines) {
 
 TEST_F(EventLogTest, files_that_cannot_be_read) {
     const auto expectFailure = [this](int reason, const char *what) {
-        EXPECT_FAILS(reason, vllOpenEventLog(nullptr, nullptr)) << what;
+        EXPECT_THAT(vllOpenEventLog(nullptr, nullptr), FailsWith(reason)) << what;
         DWORD number = 4711;
-        EXPECT_FAILS(reason, vllGetNumberOfEventLogRecords(nullptr, &number)) << what;
+        EXPECT_THAT(vllGetNumberOfEventLogRecords(nullptr, &number), FailsWith(reason)) << what;
         EXPECT_EQ(number, 4711U) << what;
     };
     ASSERT_EQ(mkdir(kCurrent, 0755), 0);
@@ -507,7 +508,7 @@ TEST_F(EventLogTest, files_that_cannot_be_read) {
     }
     {
         const FailCall fail("malloc", 1, ENOMEM);
-        EXPECT_FAILS(ENOMEM, vllOpenEventLog(nullptr, nullptr));
+        EXPECT_THAT(vllOpenEventLog(nullptr, nullptr), FailsWith(ENOMEM));
     }
 
     // A failure behind an open handle: what is still to be had is counted, and comes back.
@@ -522,7 +523,7 @@ TEST_F(EventLogTest, files_that_cannot_be_read) {
     EXPECT_EQ(messages(read(kSeekBack, 2)), (Texts{"b", "a"}));
     {
         const FailCall fail("munmap", 1, EINVAL);
-        EXPECT_FAILS(EINVAL, vllCloseEventLog(log));
+        EXPECT_THAT(vllCloseEventLog(log), FailsWith(EINVAL));
     }
     log = nullptr;
 }
@@ -537,8 +538,9 @@ TEST_F(EventLogTest, handles_that_are_none) {
     DWORD got;
     for (void *none :
          {static_cast<void *>(nullptr), static_cast<void *>(&local), closed, reinterpret_cast<void *>(-1)}) {
-        EXPECT_FAILS(EINVAL, vllCloseEventLog(none));
-        EXPECT_FAILS(EINVAL, vllReadEventLog(none, kForwards, 0, buffer, sizeof buffer, &got, &got));
+        EXPECT_THAT(vllCloseEventLog(none), FailsWith(EINVAL));
+        EXPECT_THAT(vllReadEventLog(none, kForwards, 0, buffer, sizeof buffer, &got, &got),
+                    FailsWith(EINVAL));
     }
     EXPECT_EQ(messages(readAll(kForwards)), Texts{"a"});  // the mappings were not given back
 }
@@ -572,14 +574,14 @@ TEST_F(EventLogTest, refreshes_see_every_change) {
     // Just written, it is looked into: the next change might not show in its time stamps. A file at rest is left alone.
     const char *const data = SyslogMappings[0].pData;
     const auto readsOfRefresh = [&] {
-        ResetCallCounts();
+        resetCallCounts();
         EXPECT_TRUE(vlliMapSyslogFiles(&changed));
-        return CallCount("pread64");
+        return callCount("pread64");
     };
     EXPECT_GT(readsOfRefresh(), 0U);
     const timespec past[2] = {{1000, 0}, {1000, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, kCurrent, past, 0), 0);
-    EXPECT_TRUE(WaitUntil([&] { return readsOfRefresh() == 0; }));
+    EXPECT_TRUE(waitUntil([&] { return readsOfRefresh() == 0; }));
     EXPECT_EQ(changed, 0);
     EXPECT_EQ(SyslogMappings[0].pData, data);
 }
@@ -630,7 +632,7 @@ int disturb() {
 }
 
 TEST_F(EventLogTest, files_that_change_under_readers) {
-    const pid_t other = StartChild(disturb);
+    const pid_t other = startChild(disturb);
     std::atomic<bool> done{false};
     const auto reader = [&](DWORD flags) {
         std::vector<char> buffer(5000);
@@ -650,15 +652,15 @@ TEST_F(EventLogTest, files_that_change_under_readers) {
     };
     std::thread forwards(reader, kForwards);
     std::thread backwards(reader, kBackwards);
-    const int64_t end = NowMs() + 1500;
-    while (NowMs() < end) {
+    const int64_t end = nowMs() + 1500;
+    while (nowMs() < end) {
         count();
     }
     done = true;
     forwards.join();
     backwards.join();
     kill(other, SIGKILL);
-    EXPECT_EQ(FinishChild(other).status, SIGKILL);
+    EXPECT_EQ(finishChild(other).status, SIGKILL);
 }
 
 TEST_F(EventLogTest, a_file_with_fewer_bytes_than_it_said) {

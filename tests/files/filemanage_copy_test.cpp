@@ -5,8 +5,10 @@
 #include <csignal>
 #include <tuple>
 
+#include "base/descriptor.h"
 #include "files/filemanage_test.h"
 #include "support/child.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 
 namespace {
@@ -43,25 +45,25 @@ std::string content(size_t size) {
 TEST_F(FileTest, copies_of_all_sizes) {
     for (const size_t size : {0U, 1U, 4095U, 4096U, 4097U, 65536U, 70000U}) {
         const std::string bytes = content(size);
-        WriteFile(kSource, bytes);
+        writeFile(kSource, bytes);
         ASSERT_EQ(chmod(kSource, 0640), 0);
         EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE)) << size;
-        EXPECT_TRUE(ReadFile(kTarget) == bytes) << size;
-        EXPECT_EQ(ModeOf(kTarget), 0640U);
+        EXPECT_TRUE(readFile(kTarget) == bytes) << size;
+        EXPECT_EQ(modeOf(kTarget), 0640U);
     }
 }
 
 TEST_F(FileTest, an_existing_target) {
-    WriteFile(kSource, "new");
-    WriteFile(kTarget, "old");
+    writeFile(kSource, "new");
+    writeFile(kTarget, "old");
     ASSERT_EQ(link(kTarget, "/var/tmp/other_link"), 0);
     ASSERT_EQ(chmod(kSource, 0600), 0);
-    EXPECT_TRUE(Fails(vllCopyFile(kSource, kTarget, TRUE), EEXIST));
-    EXPECT_EQ(ReadFile(kTarget), "old");
+    EXPECT_THAT(vllCopyFile(kSource, kTarget, TRUE), FailsWith(EEXIST));
+    EXPECT_EQ(readFile(kTarget), "old");
     EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
-    EXPECT_EQ(ReadFile(kTarget), "new");
-    EXPECT_EQ(ModeOf(kTarget), 0600U);
-    EXPECT_EQ(ReadFile("/var/tmp/other_link"), "old");
+    EXPECT_EQ(readFile(kTarget), "new");
+    EXPECT_EQ(modeOf(kTarget), 0600U);
+    EXPECT_EQ(readFile("/var/tmp/other_link"), "old");
     const struct {
         const char *source, *target;
         int error;
@@ -70,29 +72,29 @@ TEST_F(FileTest, an_existing_target) {
                    {"/var/tmp/none", kTarget, ENOENT},   {kSource, "/none/target", ENOENT},
                    {nullptr, kTarget, EINVAL},           {kSource, nullptr, EINVAL}};
     for (const auto &row : refused) {
-        EXPECT_TRUE(Fails(vllCopyFile(row.source, row.target, FALSE), row.error));
-        EXPECT_EQ(ReadFile(kTarget), "new");
+        EXPECT_THAT(vllCopyFile(row.source, row.target, FALSE), FailsWith(row.error));
+        EXPECT_EQ(readFile(kTarget), "new");
     }
 }
 
 TEST_F(FileTest, a_file_copied_to_itself_is_not_lost) {
-    WriteFile(kSource, "content");
+    writeFile(kSource, "content");
     ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
     ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
     for (const char *name : {kSource, "/var/tmp/../tmp/source", "/var/tmp/hard_link", "/var/tmp/symlink"}) {
-        EXPECT_TRUE(Fails(vllCopyFile(kSource, name, TRUE), EEXIST)) << name;
+        EXPECT_THAT(vllCopyFile(kSource, name, TRUE), FailsWith(EEXIST)) << name;
         EXPECT_TRUE(vllCopyFile(kSource, name, FALSE)) << name;
-        EXPECT_EQ(ReadFile(kSource), "content") << name;
-        EXPECT_EQ(ReadFile(name), "content") << name;
+        EXPECT_EQ(readFile(kSource), "content") << name;
+        EXPECT_EQ(readFile(name), "content") << name;
     }
     ASSERT_EQ(unlink("/var/tmp/symlink"), 0);
     ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
     EXPECT_TRUE(vllCopyFile("/var/tmp/symlink", kSource, FALSE));
-    EXPECT_EQ(ReadFile(kSource), "content");
+    EXPECT_EQ(readFile(kSource), "content");
 }
 
 TEST_F(FileTest, progress_is_told_after_every_16th_chunk) {
-    WriteFile(kSource, content(70000));
+    writeFile(kSource, content(70000));
     Routine routine;
     EXPECT_TRUE(vllCopyFileEx(kSource, kTarget, progress, &routine, nullptr, 0));
     EXPECT_EQ(routine.calls, (std::vector<Call>{{70000, 65536, 4096, 4096, 16, 0, true}}));
@@ -114,7 +116,7 @@ TEST_F(FileTest, what_the_routine_answers) {
         {{3}, 1, TRUE, kAll},          {{0, 3}, 2, TRUE, kAll},
     };
     const std::string bytes = content(kAll);
-    WriteFile(kSource, bytes);
+    writeFile(kSource, bytes);
     for (const Row &row : rows) {
         Routine routine;
         routine.answers = row.answers;
@@ -123,8 +125,8 @@ TEST_F(FileTest, what_the_routine_answers) {
         EXPECT_EQ(vllCopyFileEx(kSource, kTarget, progress, &routine, &cancel, 0), row.result);
         EXPECT_EQ(routine.calls.size(), row.calls);
         EXPECT_EQ(errno == EINTR, row.result == FALSE);
-        EXPECT_EQ(Exists(kTarget), row.target_size != 0);
-        EXPECT_TRUE(ReadFile(kTarget) == bytes.substr(0, row.target_size));
+        EXPECT_EQ(exists(kTarget), row.target_size != 0);
+        EXPECT_TRUE(readFile(kTarget) == bytes.substr(0, row.target_size));
     }
 }
 
@@ -135,36 +137,37 @@ TEST_F(FileTest, a_source_that_grows_or_shrinks) {
                                                                                   : PROGRESS_CONTINUE;
     };
     for (off_t size : {off_t{300000}, off_t{70000}, off_t{1}}) {
-        WriteFile(kSource, content(200000));
+        writeFile(kSource, content(200000));
         EXPECT_TRUE(vllCopyFileEx(kSource, kTarget, resize, &size, nullptr, 0));
-        EXPECT_EQ(ReadFile(kTarget).size(), std::max<size_t>(65536, static_cast<size_t>(size)));
+        EXPECT_EQ(readFile(kTarget).size(), std::max<size_t>(65536, static_cast<size_t>(size)));
     }
 }
 
 TEST_F(FileTest, sources_that_are_no_regular_files) {
     ASSERT_EQ(mkfifo("/var/tmp/fifo", 0666), 0);
-    const pid_t writer = StartChild([] {
-        WriteFile("/var/tmp/fifo", content(100000));
+    const pid_t writer = startChild([] {
+        writeFile("/var/tmp/fifo", content(100000));
         return 0;
     });
     Routine routine;
     EXPECT_TRUE(vllCopyFileEx("/var/tmp/fifo", kTarget, progress, &routine, nullptr, 0));
-    EXPECT_TRUE(FinishChild(writer).exited);
-    EXPECT_TRUE(ReadFile(kTarget) == content(100000));
+    EXPECT_TRUE(finishChild(writer).exited);
+    EXPECT_TRUE(readFile(kTarget) == content(100000));
     EXPECT_TRUE(vllCopyFile("/dev/null", kTarget, FALSE));
-    EXPECT_EQ(ReadFile(kTarget), "");
+    EXPECT_EQ(readFile(kTarget), "");
     // Without end, until the target is full.
     routine = {};
-    EXPECT_TRUE(Fails(vllCopyFileEx("/dev/zero", "/other/zeros", progress, &routine, nullptr, 0), ENOSPC));
-    EXPECT_FALSE(Exists("/other/zeros"));
+    EXPECT_THAT(vllCopyFileEx("/dev/zero", "/other/zeros", progress, &routine, nullptr, 0),
+                FailsWith(ENOSPC));
+    EXPECT_FALSE(exists("/other/zeros"));
     ASSERT_FALSE(routine.calls.empty());
     EXPECT_EQ(std::get<0>(routine.calls[0]), -1);
 }
 
 TEST_F(FileTest, failures_leave_no_target) {
-    WriteFile(kSource, content(2000000));
-    EXPECT_TRUE(Fails(vllCopyFile(kSource, "/other/target", FALSE), ENOSPC));
-    EXPECT_FALSE(Exists("/other/target"));
+    writeFile(kSource, content(2000000));
+    EXPECT_THAT(vllCopyFile(kSource, "/other/target", FALSE), FailsWith(ENOSPC));
+    EXPECT_FALSE(exists("/other/target"));
     struct Row {
         const char *call;
         int nth, error;
@@ -172,27 +175,27 @@ TEST_F(FileTest, failures_leave_no_target) {
     for (const Row &row : {Row{"read", 3, EIO}, Row{"write", 3, EDQUOT}, Row{"fsync", 1, EIO},
                            Row{"open64", 1, EMFILE}, Row{"open64", 2, EROFS}}) {
         const FailCall fail(row.call, row.nth, row.error);
-        EXPECT_TRUE(Fails(vllCopyFile(kSource, kTarget, FALSE), row.error)) << row.call;
-        EXPECT_FALSE(Exists(kTarget)) << row.call;
+        EXPECT_THAT(vllCopyFile(kSource, kTarget, FALSE), FailsWith(row.error)) << row.call;
+        EXPECT_FALSE(exists(kTarget)) << row.call;
     }
     for (const char *call : {"open64", "read", "write", "fsync"}) {
         const FailCall interrupted(call, 1, EINTR);
         EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE)) << call;
         EXPECT_TRUE(interrupted.happened());
-        EXPECT_TRUE(ReadFile(kTarget) == content(2000000)) << call;
+        EXPECT_TRUE(readFile(kTarget) == content(2000000)) << call;
     }
     const FailCall unsupported("fsync", 1, EINVAL);
     EXPECT_TRUE(vllCopyFile(kSource, kTarget, FALSE));
 }
 
 TEST_F(FileTest, a_write_that_is_cut_short_fails_the_copy) {
-    WriteFile(kSource, content(10000));
-    const ChildResult result = RunInChild([] {
+    writeFile(kSource, content(10000));
+    const ChildResult result = runInChild([] {
         const rlimit limit = {6000, 6000};
         signal(SIGXFSZ, SIG_IGN);
         EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
-        EXPECT_TRUE(Fails(vllCopyFile(kSource, kTarget, FALSE), ENOSPC));
-        EXPECT_FALSE(Exists(kTarget));
+        EXPECT_THAT(vllCopyFile(kSource, kTarget, FALSE), FailsWith(ENOSPC));
+        EXPECT_FALSE(exists(kTarget));
         return 0;
     });
     EXPECT_TRUE(result.exited && result.status == 0) << result.status;
@@ -211,33 +214,32 @@ TEST_F(FileTest, files_over_2_gib_are_copied_whole) {
     // And whole, between descriptors that are read from beyond 2 GiB.
     EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 0x7FFFFFFF, FILE_BEGIN), 0x7FFFFFFFU);
     EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 1, FILE_CURRENT), 0x80000000U);
-    EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(file.get()), 0, FILE_END), 0xFFFFFFFFU);
-    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_THAT(vllSetFilePointer(static_cast<HANDLE>(file.get()), 0, FILE_END),
+                FailsWith(EOVERFLOW, 0xFFFFFFFFU));
     EXPECT_EQ(lseek(file.get(), 0, SEEK_CUR), off_t{1} << 31);
-    EXPECT_EQ(vllGetFileSize(static_cast<HANDLE>(file.get())), 0xFFFFFFFFU);
-    EXPECT_EQ(errno, EOVERFLOW);
+    EXPECT_THAT(vllGetFileSize(static_cast<HANDLE>(file.get())), FailsWith(EOVERFLOW, 0xFFFFFFFFU));
     ASSERT_EQ(ftruncate(file.get(), 0xFFFFFFFE), 0);
     EXPECT_EQ(vllGetFileSize(static_cast<HANDLE>(file.get())), 0xFFFFFFFEU);
 }
 
 // A thread that is cancelled in the routine or in a read leaves neither descriptor nor target.
 TEST_F(FileTest, a_copy_is_cancelled) {
-    WriteFile(kSource, content(70000));
+    writeFile(kSource, content(70000));
     ASSERT_EQ(mkfifo("/var/tmp/fifo", 0666), 0);
     const Fd fifo(open("/var/tmp/fifo", O_RDWR | O_CLOEXEC));
     const LPPROGRESS_ROUTINE sleep = [](LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, DWORD,
                                         DWORD, HANDLE, HANDLE, LPVOID never) -> DWORD {
         return vllWaitForSingleObject(*static_cast<const HANDLE *>(never), INFINITE);
     };
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     HANDLE never = event;
     for (const char *source : {"/var/tmp/fifo", kSource}) {
         const auto copy = [&] { vllCopyFileEx(source, kTarget, sleep, &never, nullptr, 0); };
-        const HANDLE thread = StartThread(copy);
-        EXPECT_TRUE(WaitUntil([] { return Exists(kTarget); }));
+        const HANDLE thread = startThread(copy);
+        EXPECT_TRUE(waitUntil([] { return exists(kTarget); }));
         EXPECT_TRUE(vllTerminateThread(thread, 0));
-        FinishThread(thread);
-        EXPECT_FALSE(Exists(kTarget));
+        finishThread(thread);
+        EXPECT_FALSE(exists(kTarget));
     }
 }
 
@@ -267,8 +269,8 @@ TEST_F(FileTest, linked_or_copied) {
         {kSource, other, FALSE, true, 0},
         {"/var/tmp/much", other, TRUE, false, ENOSPC},
     };
-    WriteFile("/var/tmp/much", much);
-    WriteFile(kSource, "content");
+    writeFile("/var/tmp/much", much);
+    writeFile(kSource, "content");
     ASSERT_EQ(link(kSource, "/var/tmp/hard_link"), 0);
     ASSERT_EQ(symlink(kSource, "/var/tmp/symlink"), 0);
     ASSERT_EQ(symlink(kSource, "/other/symlink"), 0);
@@ -277,24 +279,24 @@ TEST_F(FileTest, linked_or_copied) {
         unlink(kTarget);
         unlink(other);
         if (row.exists) {
-            WriteFile(row.target, "old");
+            writeFile(row.target, "old");
         }
         errno = 0;
         EXPECT_EQ(vllLinkOrCopyFile(row.source, row.target, row.fail_if_exists), row.error == 0);
         EXPECT_EQ(row.error == 0 ? 0 : errno, row.error);
-        EXPECT_EQ(ReadFile(kSource), "content");
+        EXPECT_EQ(readFile(kSource), "content");
         if (row.error == 0 || row.exists) {
-            EXPECT_EQ(ReadFile(row.target), row.error == 0 ? "content" : "old");
+            EXPECT_EQ(readFile(row.target), row.error == 0 ? "content" : "old");
         }
         struct stat status;
         ASSERT_EQ(stat(kSource, &status), 0);
         EXPECT_EQ(status.st_nlink, row.error == 0 && row.target == kTarget ? 3U : 2U);
     }
-    EXPECT_FALSE(Exists(other));
+    EXPECT_FALSE(exists(other));
     // The second link fails as the first one did not.
-    WriteFile(kTarget, "old");
+    writeFile(kTarget, "old");
     const FailCall fail("link", 2, EMLINK);
-    EXPECT_TRUE(Fails(vllLinkOrCopyFile(kSource, kTarget, FALSE), EMLINK));
+    EXPECT_THAT(vllLinkOrCopyFile(kSource, kTarget, FALSE), FailsWith(EMLINK));
 }
 
 TEST_F(FileTest, moved) {
@@ -330,9 +332,9 @@ TEST_F(FileTest, moved) {
         SCOPED_TRACE(&row - rows);
         unlink(kTarget);
         unlink(other);
-        WriteFile(kSource, "moved");
+        writeFile(kSource, "moved");
         if (row.exists) {
-            WriteFile(row.target, "old");
+            writeFile(row.target, "old");
         }
         const auto flags = static_cast<DWORD>(row.flags);
         errno = 0;
@@ -340,27 +342,27 @@ TEST_F(FileTest, moved) {
                                                : vllMoveFileEx(kSource, row.target, flags);
         EXPECT_EQ(moved, row.error == 0);
         EXPECT_EQ(moved ? 0 : errno, row.error);
-        EXPECT_EQ(Exists(kSource), !moved);
+        EXPECT_EQ(exists(kSource), !moved);
         if (row.target != nullptr) {
-            EXPECT_EQ(ReadFile(row.target), moved ? "moved" : row.exists ? "old" : "");
+            EXPECT_EQ(readFile(row.target), moved ? "moved" : row.exists ? "old" : "");
         }
     }
 }
 
 TEST_F(FileTest, moves_that_go_wrong) {
-    EXPECT_TRUE(Fails(vllMoveFile(nullptr, kTarget), EINVAL));
-    EXPECT_TRUE(Fails(vllMoveFileEx(nullptr, kTarget, MOVE_DELAY_UNTIL_REBOOT), EINVAL));
-    EXPECT_TRUE(Fails(vllMoveFileEx("/var/tmp/none", kTarget, MOVE_COPY_ALLOWED), ENOENT));
-    WriteFile(kSource, "content");
+    EXPECT_THAT(vllMoveFile(nullptr, kTarget), FailsWith(EINVAL));
+    EXPECT_THAT(vllMoveFileEx(nullptr, kTarget, MOVE_DELAY_UNTIL_REBOOT), FailsWith(EINVAL));
+    EXPECT_THAT(vllMoveFileEx("/var/tmp/none", kTarget, MOVE_COPY_ALLOWED), FailsWith(ENOENT));
+    writeFile(kSource, "content");
     {
         const FailCall fail("unlink", 1, EPERM);  // then the new link goes again
-        EXPECT_TRUE(Fails(vllMoveFile(kSource, kTarget), EPERM));
+        EXPECT_THAT(vllMoveFile(kSource, kTarget), FailsWith(EPERM));
     }
-    EXPECT_FALSE(Exists(kTarget));
+    EXPECT_FALSE(exists(kTarget));
     // A directory moves only by rename; a copy of it costs nothing that exists.
-    WriteFile(kTarget, "target");
+    writeFile(kTarget, "target");
     EXPECT_FALSE(vllMoveFileEx("/var/tmp/upload", kTarget, MOVE_REPLACE_EXISTING | MOVE_COPY_ALLOWED));
-    EXPECT_EQ(ReadFile(kTarget), "target");
+    EXPECT_EQ(readFile(kTarget), "target");
     EXPECT_TRUE(vllMoveFileEx("/var/tmp/upload", "/var/tmp/moved", MOVE_REPLACE_EXISTING));
 }
 
@@ -375,7 +377,7 @@ TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
         for (const char *name : {kSource, symbolic_link, hard_link, other_link}) {
             unlink(name);
         }
-        WriteFile(kSource, "content");
+        writeFile(kSource, "content");
         EXPECT_EQ(link(kSource, hard_link), 0);
         EXPECT_EQ(symlink(kSource, symbolic_link), 0);
         EXPECT_EQ(symlink(kSource, other_link), 0);
@@ -403,50 +405,50 @@ TEST_F(FileTest, a_file_moved_to_itself_is_not_lost) {
         SCOPED_TRACE(std::string(row.from) + " to " + row.to);
         make_links();
         EXPECT_FALSE(vllMoveFile(row.from, row.to));
-        EXPECT_TRUE(Fails(vllMoveFileEx(row.from, row.to, 0), EINVAL));
-        EXPECT_TRUE(Fails(vllMoveFileEx(row.from, row.to, MOVE_COPY_ALLOWED), EEXIST));
-        EXPECT_EQ(ReadFile(row.from) + ReadFile(row.to), "contentcontent");
+        EXPECT_THAT(vllMoveFileEx(row.from, row.to, 0), FailsWith(EINVAL));
+        EXPECT_THAT(vllMoveFileEx(row.from, row.to, MOVE_COPY_ALLOWED), FailsWith(EEXIST));
+        EXPECT_EQ(readFile(row.from) + readFile(row.to), "contentcontent");
         EXPECT_TRUE(vllMoveFileEx(row.from, row.to, kReplaceOrCopy));
         struct stat status;
         EXPECT_EQ(lstat(row.from, &status) == -1, row.gone);
-        EXPECT_EQ(ReadFile(row.to), "content");
+        EXPECT_EQ(readFile(row.to), "content");
     }
     ASSERT_EQ(umount("/var/ulmex/mounted"), 0);
     // A name that cannot be removed stays, and costs neither link nor content.
     make_links();
     const FailCall fail("unlink", 1, EPERM);
-    EXPECT_TRUE(Fails(vllMoveFileEx(kSource, hard_link, kReplaceOrCopy), EPERM));
-    EXPECT_EQ(ReadFile(kSource) + ReadFile(hard_link), "contentcontent");
+    EXPECT_THAT(vllMoveFileEx(kSource, hard_link, kReplaceOrCopy), FailsWith(EPERM));
+    EXPECT_EQ(readFile(kSource) + readFile(hard_link), "contentcontent");
 }
 
 TEST_F(FileTest, deleted) {
-    WriteFile(kTarget, "");
+    writeFile(kTarget, "");
     EXPECT_TRUE(vllDeleteFile(kTarget));
-    EXPECT_TRUE(Fails(vllDeleteFile(kTarget), ENOENT));
+    EXPECT_THAT(vllDeleteFile(kTarget), FailsWith(ENOENT));
     EXPECT_TRUE(vllDeleteFile("/var/tmp/upload"));
-    EXPECT_TRUE(Fails(vllDeleteFile("/var/ulmex"), ENOTEMPTY));
-    EXPECT_TRUE(Fails(vllDeleteFile(nullptr), EINVAL));
+    EXPECT_THAT(vllDeleteFile("/var/ulmex"), FailsWith(ENOTEMPTY));
+    EXPECT_THAT(vllDeleteFile(nullptr), FailsWith(EINVAL));
 }
 
 TEST_F(FileTest, deferred_moves) {
     EXPECT_TRUE(vllMoveFileEx("/a/old", "/a/new", MOVE_DELAY_UNTIL_REBOOT | MOVE_REPLACE_EXISTING));
     EXPECT_TRUE(vllMoveFileEx("/b/old", "/b/new", MOVE_DELAY_UNTIL_REBOOT));
     EXPECT_TRUE(vllMoveFileEx("/c/old", nullptr, MOVE_DELAY_UNTIL_REBOOT));
-    EXPECT_TRUE(Fails(vllMoveFileEx("/d\n/old", "/d/new", MOVE_DELAY_UNTIL_REBOOT), EINVAL));
-    EXPECT_EQ(ReadFile("/etc/moved.conf"), "/a/old /a/new replace_existing\n/b/old  NULL\n/c/old  NULL\n");
+    EXPECT_THAT(vllMoveFileEx("/d\n/old", "/d/new", MOVE_DELAY_UNTIL_REBOOT), FailsWith(EINVAL));
+    EXPECT_EQ(readFile("/etc/moved.conf"), "/a/old /a/new replace_existing\n/b/old  NULL\n/c/old  NULL\n");
 
     // A full file system takes no half line.
     ASSERT_EQ(unlink("/etc/moved.conf"), 0);
     ASSERT_EQ(symlink("/other/moved.conf", "/etc/moved.conf"), 0);
-    WriteFile("/other/moved.conf", "/first  NULL\n");
+    writeFile("/other/moved.conf", "/first  NULL\n");
     EXPECT_FALSE(vllCopyFile("/dev/zero", "/other/filler", FALSE));
-    WriteFile("/other/filler", std::string(2 << 20, 'f'));
+    writeFile("/other/filler", std::string(2 << 20, 'f'));
     const std::string long_name = "/" + std::string(8000, 'l');
-    EXPECT_TRUE(Fails(vllMoveFileEx(long_name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT), ENOSPC));
-    EXPECT_EQ(ReadFile("/other/moved.conf"), "/first  NULL\n");
+    EXPECT_THAT(vllMoveFileEx(long_name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT), FailsWith(ENOSPC));
+    EXPECT_EQ(readFile("/other/moved.conf"), "/first  NULL\n");
     ASSERT_EQ(unlink("/etc/moved.conf"), 0);
     ASSERT_EQ(mkdir("/etc/moved.conf", 0755), 0);
-    EXPECT_TRUE(Fails(vllMoveFileEx("/b/old", nullptr, MOVE_DELAY_UNTIL_REBOOT), EISDIR));
+    EXPECT_THAT(vllMoveFileEx("/b/old", nullptr, MOVE_DELAY_UNTIL_REBOOT), FailsWith(EISDIR));
 }
 
 TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {
@@ -454,7 +456,7 @@ TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {
     constexpr int kLines = 200;
     std::array<pid_t, kProcesses> children;
     for (int i = 0; i < kProcesses; ++i) {
-        children[static_cast<size_t>(i)] = StartChild([i] {
+        children[static_cast<size_t>(i)] = startChild([i] {
             const std::string name(static_cast<size_t>(1000 + i), static_cast<char>('a' + i));
             for (int line = 0; line < kLines; ++line) {
                 if (!vllMoveFileEx(name.c_str(), nullptr, MOVE_DELAY_UNTIL_REBOOT)) {
@@ -465,7 +467,7 @@ TEST_F(FileTest, deferred_moves_of_several_processes_are_whole_lines) {
         });
     }
     for (const pid_t child : children) {
-        EXPECT_EQ(FinishChild(child).status, 0);
+        EXPECT_EQ(finishChild(child).status, 0);
     }
     std::ifstream file("/etc/moved.conf");
     int lines = 0;

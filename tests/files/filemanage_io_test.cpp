@@ -6,19 +6,21 @@
 #include <atomic>
 #include <cstring>
 
+#include "base/descriptor.h"
 #include "files/filemanage_test.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
 namespace {
 
 TEST_F(FileTest, windows_paths_are_converted_and_logged) {
-    WriteFile("/var/ulmex/logs/log.txt", "here");
-    TakeLog();
+    writeFile("/var/ulmex/logs/log.txt", "here");
+    takeLog();
     const HANDLE file = vllCreateFile("E:\\Logs\\Log.txt", O_RDONLY, 0, OPEN_EXISTING);
     ASSERT_NE(file, INVALID_HANDLE_VALUE);
     EXPECT_TRUE(vllCloseHandle(file));
-    const std::vector<LogLine> log = TakeLog();
+    const std::vector<LogLine> log = takeLog();
     ASSERT_EQ(log.size(), 1U);
     EXPECT_EQ(log[0].priority, LOG_INFO);
     EXPECT_EQ(log[0].text,
@@ -30,8 +32,7 @@ TEST_F(FileTest, windows_paths_are_converted_and_logged) {
         EXPECT_EQ(errno, strcmp(path, "\\") == 0 ? EISDIR : EACCES) << path;
     }
     const FailCall fail("malloc", 1, ENOMEM);
-    EXPECT_EQ(vllCreateFile("E:\\x", O_RDONLY, 0, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_THAT(vllCreateFile("E:\\x", O_RDONLY, 0, OPEN_EXISTING), FailsWith(ENOMEM, INVALID_HANDLE_VALUE));
 }
 
 TEST_F(FileTest, dispositions) {
@@ -55,23 +56,21 @@ TEST_F(FileTest, dispositions) {
         SCOPED_TRACE(row.disposition);
         unlink(path);
         if (row.exists) {
-            WriteFile(path, "old");
+            writeFile(path, "old");
         }
         errno = 0;
         const HANDLE file = vllCreateFile(path, O_RDWR, 0666, row.disposition);
         EXPECT_EQ(file == INVALID_HANDLE_VALUE, row.error != 0);
-        EXPECT_EQ(ReadFile(path), row.left);
+        EXPECT_EQ(readFile(path), row.left);
         if (row.error != 0) {
             EXPECT_EQ(errno, row.error);
         } else {
-            EXPECT_EQ(ModeOf(path), 0644U);
+            EXPECT_EQ(modeOf(path), 0644U);
             EXPECT_TRUE(vllCloseHandle(file));
         }
     }
-    EXPECT_EQ(vllCreateFile(nullptr, O_RDWR, 0666, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(vllCreateFile("", O_RDWR, 0666, CREATE_NEW), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(vllCreateFile(nullptr, O_RDWR, 0666, CREATE_NEW), FailsWith(EINVAL, INVALID_HANDLE_VALUE));
+    EXPECT_THAT(vllCreateFile("", O_RDWR, 0666, CREATE_NEW), FailsWith(ENOENT, INVALID_HANDLE_VALUE));
 }
 
 TEST_F(FileTest, read_write_position_size) {
@@ -89,20 +88,17 @@ TEST_F(FileTest, read_write_position_size) {
     EXPECT_TRUE(vllReadFile(file, buffer.data(), 16, nullptr, nullptr));
     EXPECT_TRUE(vllReadFile(file, buffer.data(), 16, &count, nullptr));
     EXPECT_EQ(count, 0U);
-    EXPECT_EQ(vllSetFilePointer(file, -11, FILE_END), 0xFFFFFFFFU);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(vllSetFilePointer(file, 0, 9), 0xFFFFFFFFU);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllSetFilePointer(file, -11, FILE_END), FailsWith(EINVAL, 0xFFFFFFFFU));
+    EXPECT_THAT(vllSetFilePointer(file, 0, 9), FailsWith(EINVAL, 0xFFFFFFFFU));
     EXPECT_TRUE(vllFlushFileBuffers(file));
     EXPECT_TRUE(vllCloseHandle(file));
 
     count = 5;
-    EXPECT_TRUE(Fails(vllReadFile(9999, buffer.data(), 16, &count, nullptr), EBADF));
+    EXPECT_THAT(vllReadFile(9999, buffer.data(), 16, &count, nullptr), FailsWith(EBADF));
     EXPECT_EQ(count, 0xFFFFFFFFU);
-    EXPECT_TRUE(Fails(vllWriteFile(9999, buffer.data(), 16, &count, nullptr), EBADF));
+    EXPECT_THAT(vllWriteFile(9999, buffer.data(), 16, &count, nullptr), FailsWith(EBADF));
     EXPECT_FALSE(vllFlushFileBuffers(9999));
-    EXPECT_EQ(vllGetFileSize(9999), 0xFFFFFFFFU);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(vllGetFileSize(9999), FailsWith(EBADF, 0xFFFFFFFFU));
     EXPECT_EQ(vllSetFilePointer(9999, 0, 0), 0xFFFFFFFFU);
 
     std::array<int, 2> pipe_fds;
@@ -111,11 +107,10 @@ TEST_F(FileTest, read_write_position_size) {
     const Fd writer(pipe_fds[1]);
     const Fd directory(open("/var", O_RDONLY | O_CLOEXEC));
     for (const Fd *fd : {&reader, &directory}) {
-        EXPECT_EQ(vllGetFileSize(static_cast<HANDLE>(fd->get())), 0xFFFFFFFFU);
-        EXPECT_EQ(errno, EISDIR);
+        EXPECT_THAT(vllGetFileSize(static_cast<HANDLE>(fd->get())), FailsWith(EISDIR, 0xFFFFFFFFU));
     }
-    EXPECT_EQ(vllSetFilePointer(static_cast<HANDLE>(reader.get()), 0, FILE_BEGIN), 0xFFFFFFFFU);
-    EXPECT_EQ(errno, ESPIPE);
+    EXPECT_THAT(vllSetFilePointer(static_cast<HANDLE>(reader.get()), 0, FILE_BEGIN),
+                FailsWith(ESPIPE, 0xFFFFFFFFU));
 }
 
 TEST_F(FileTest, times_of_an_open_file) {
@@ -134,15 +129,12 @@ TEST_F(FileTest, times_of_an_open_file) {
     if (sizeof(time_t) > sizeof(FILETIME)) {
         const timespec late[2] = {{0, 0}, {static_cast<time_t>(int64_t{1} << 32), 0}};
         ASSERT_EQ(futimens(fd, late), 0);
-        EXPECT_EQ(vllGetFileInformationByHandle(file, &info), nullptr);
-        EXPECT_EQ(errno, EOVERFLOW);
+        EXPECT_THAT(vllGetFileInformationByHandle(file, &info), FailsWith(EOVERFLOW));
         EXPECT_EQ(info.lastWriteTime, -5);
     }
-    EXPECT_EQ(vllGetFileInformationByHandle(file, nullptr), nullptr);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetFileInformationByHandle(file, nullptr), FailsWith(EINVAL));
     EXPECT_TRUE(vllCloseHandle(file));
-    EXPECT_EQ(vllGetFileInformationByHandle(9999, &info), nullptr);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(vllGetFileInformationByHandle(9999, &info), FailsWith(EBADF));
 }
 
 // Threads cancelled inside the blocking operations end, and leave nothing behind.
@@ -167,13 +159,13 @@ TEST_F(FileTest, blocked_operations_are_cancelled) {
             tid = gettid();
             body();
         };
-        const HANDLE thread = StartThread(run);
-        ASSERT_TRUE(WaitUntil([&] { return tid != 0; }));
-        EXPECT_TRUE(WaitUntilAsleep(tid));
+        const HANDLE thread = startThread(run);
+        ASSERT_TRUE(waitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(waitUntilAsleep(tid));
         EXPECT_TRUE(vllTerminateThread(thread, 0));
-        FinishThread(thread);
+        finishThread(thread);
     }
-    TakeLog();
+    takeLog();
 }
 
 }  // namespace

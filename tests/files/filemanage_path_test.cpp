@@ -9,6 +9,7 @@
 #include <set>
 
 #include "support/child.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 
 namespace {
@@ -27,14 +28,14 @@ void FileTest::SetUp() {
     static bool machine_is_ready = false;
     if (!machine_is_ready) {
         machine_is_ready = true;
-        EnterPrivateRoot();
+        enterPrivateRoot();
         umask(022);
         for (const char *path : {"/Ulmex", "/other"}) {
             ASSERT_EQ(mkdir(path, 0755), 0) << path;
         }
-        CoverDirectory("/var");
-        CoverDirectory("/etc");
-        CoverDirectory("/other", "1m");
+        coverDirectory("/var");
+        coverDirectory("/etc");
+        coverDirectory("/other", "1m");
     }
     for (const char *path : {"/Ulmex", "/var", "/etc", "/other"}) {
         makeEmpty(path);
@@ -50,7 +51,7 @@ void FileTest::AsUser(const std::function<void()> &body) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root";
     }
-    const ChildResult result = RunInChild([&] {
+    const ChildResult result = runInChild([&] {
         EXPECT_TRUE(setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0);
         body();
         return 0;
@@ -72,8 +73,8 @@ std::string convert(const std::string &path) {
 }
 
 TEST_F(FileTest, windows_paths_become_linux_paths) {
-    WriteFile("/var/tmp/Report.TXT", "");
-    WriteFile("/var/tmp/\xC3\x84.txt", "");
+    writeFile("/var/tmp/Report.TXT", "");
+    writeFile("/var/tmp/\xC3\x84.txt", "");
     struct Row {
         const char *windows;
         const char *linux_path;  // "" when it fails
@@ -112,23 +113,23 @@ TEST_F(FileTest, windows_paths_become_linux_paths) {
 
 TEST_F(FileTest, an_exact_name_wins_and_then_the_first_that_the_directory_lists) {
     ASSERT_EQ(mkdir("/var/tmp/case", 0777), 0);
-    WriteFile("/var/tmp/case/NAME", "");
-    WriteFile("/var/tmp/case/Name", "");
-    WriteFile("/var/tmp/case/name", "");
+    writeFile("/var/tmp/case/NAME", "");
+    writeFile("/var/tmp/case/Name", "");
+    writeFile("/var/tmp/case/name", "");
     EXPECT_EQ(convert("X:\\case\\Name"), "/var/tmp/case/Name");
     const auto first = std::filesystem::directory_iterator("/var/tmp/case")->path();
     EXPECT_EQ(convert("X:\\case\\nAmE"), first);
 }
 
 TEST_F(FileTest, a_right_path_costs_one_stat_per_component_and_no_scan) {
-    ResetCallCounts();
+    resetCallCounts();
     EXPECT_EQ(convert("E:\\a\\b"), "/var/ulmex/a/b");
-    EXPECT_EQ(CallCount("stat64"), 2U);
-    EXPECT_EQ(CallCount("opendir"), 0U);
-    ResetCallCounts();
+    EXPECT_EQ(callCount("stat64"), 2U);
+    EXPECT_EQ(callCount("opendir"), 0U);
+    resetCallCounts();
     EXPECT_EQ(convert("E:\\A\\b\\c"), "/var/ulmex/a/b/c");
-    EXPECT_EQ(CallCount("stat64"), 3U);
-    EXPECT_EQ(CallCount("opendir"), 2U);
+    EXPECT_EQ(callCount("stat64"), 3U);
+    EXPECT_EQ(callCount("opendir"), 2U);
 }
 
 TEST_F(FileTest, long_components_and_links) {
@@ -139,7 +140,7 @@ TEST_F(FileTest, long_components_and_links) {
     }
     const std::string upper(255, 'L');
     const std::string lower(255, 'l');
-    WriteFile("/var/tmp/" + upper, "");
+    writeFile("/var/tmp/" + upper, "");
     EXPECT_EQ(convert("X:\\" + lower), "/var/tmp/" + upper);
 
     ASSERT_EQ(symlink("/var/ulmex/a", "/var/tmp/Link"), 0);
@@ -162,7 +163,7 @@ TEST_F(FileTest, a_directory_of_50000_entries) {
 
 TEST_F(FileTest, an_unreadable_directory_has_no_other_spelling) {
     ASSERT_EQ(mkdir("/var/tmp/closed", 0711), 0);
-    WriteFile("/var/tmp/closed/File", "");
+    writeFile("/var/tmp/closed/File", "");
     AsUser([] {
         EXPECT_EQ(convert("X:\\closed\\File"), "/var/tmp/closed/File");
         EXPECT_EQ(convert("X:\\closed\\file"), "");
@@ -263,12 +264,12 @@ TEST_F(FileTest, free_space) {
     EXPECT_TRUE(vllGetDiskFreeSpaceEx("/other", &all_free, &total, nullptr));
 
     ASSERT_EQ(mkdir("/var/tmp/big", 0777), 0);
-    CoverDirectory("/var/tmp/big", "5g");
+    coverDirectory("/var/tmp/big", "5g");
     EXPECT_TRUE(vllGetDiskFreeSpaceEx("/var/tmp/big", &all_free, &total, nullptr));
     EXPECT_EQ(total, uint64_t{5} << 30);
     ASSERT_EQ(umount("/var/tmp/big"), 0);
-    EXPECT_TRUE(Fails(vllGetDiskFreeSpaceEx("/none", &all_free, &total, nullptr), ENOENT));
-    EXPECT_TRUE(Fails(vllGetDiskFreeSpaceEx(nullptr, &all_free, &total, nullptr), EINVAL));
+    EXPECT_THAT(vllGetDiskFreeSpaceEx("/none", &all_free, &total, nullptr), FailsWith(ENOENT));
+    EXPECT_THAT(vllGetDiskFreeSpaceEx(nullptr, &all_free, &total, nullptr), FailsWith(EINVAL));
 }
 
 TEST_F(FileTest, random_bytes) {
@@ -281,7 +282,7 @@ TEST_F(FileTest, random_bytes) {
     EXPECT_FALSE(vllCryptGenRandom(0, first.data()));
     for (const auto &[call, error] : {std::pair{"open64", ENOENT}, std::pair{"read", EIO}}) {
         const FailCall fail(call, 1, error);
-        EXPECT_TRUE(Fails(vllCryptGenRandom(16, first.data()), error));
+        EXPECT_THAT(vllCryptGenRandom(16, first.data()), FailsWith(error));
     }
     const FailCall interrupted("read", 1, EINTR);
     EXPECT_TRUE(vllCryptGenRandom(16, first.data()));

@@ -4,7 +4,10 @@
 #include <map>
 #include <set>
 
+#include "base/descriptor.h"
 #include "files/filemanage_test.h"
+
+#include "support/matchers.h"
 
 namespace {
 
@@ -21,7 +24,7 @@ Found search(const std::string &pattern) {
         found[data.name] = data;
     } while (vllFindNextFile(handle, &data));
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_TRUE(Fails(vllFindNextFile(handle, &data), ENOENT));
+    EXPECT_THAT(vllFindNextFile(handle, &data), FailsWith(ENOENT));
     EXPECT_TRUE(vllFindClose(handle));
     return found;
 }
@@ -37,12 +40,12 @@ std::set<std::string> names(const std::string &pattern) {
 TEST_F(FileTest, a_directory_is_searched) {
     ASSERT_EQ(mkdir("/var/log", 0755), 0);
     ASSERT_EQ(mkdir("/var/log/sub", 0755), 0);
-    WriteFile("/var/log/a.txt", "12345");
-    WriteFile("/var/log/.hidden", "");
-    WriteFile("/var/log/plain", "");
+    writeFile("/var/log/a.txt", "12345");
+    writeFile("/var/log/.hidden", "");
+    writeFile("/var/log/plain", "");
     ASSERT_EQ(symlink("sub", "/var/log/link"), 0);
     const std::string longest(255, 'n');
-    WriteFile("/var/log/" + longest, "");
+    writeFile("/var/log/" + longest, "");
     struct stat status;
     ASSERT_EQ(stat("/var/log/a.txt", &status), 0);
 
@@ -103,13 +106,11 @@ TEST_F(FileTest, searches_that_go_wrong) {
         EXPECT_EQ(vllFindFirstFile(row.pattern.c_str(), &data), INVALID_FIND_HANDLE) << row.pattern.size();
         EXPECT_EQ(errno, row.error) << row.pattern.size();
     }
-    EXPECT_EQ(vllFindFirstFile(nullptr, &data), INVALID_FIND_HANDLE);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(vllFindFirstFile("/var/*", nullptr), INVALID_FIND_HANDLE);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllFindFirstFile(nullptr, &data), FailsWith(EINVAL, INVALID_FIND_HANDLE));
+    EXPECT_THAT(vllFindFirstFile("/var/*", nullptr), FailsWith(EINVAL, INVALID_FIND_HANDLE));
     for (SearchRecord *handle : {static_cast<SearchRecord *>(nullptr), INVALID_FIND_HANDLE}) {
-        EXPECT_TRUE(Fails(vllFindNextFile(handle, &data), EINVAL));
-        EXPECT_TRUE(Fails(vllFindClose(handle), EINVAL));
+        EXPECT_THAT(vllFindNextFile(handle, &data), FailsWith(EINVAL));
+        EXPECT_THAT(vllFindClose(handle), FailsWith(EINVAL));
     }
     for (const auto &[code, error] : {std::pair{GLOB_NOSPACE, ENOMEM}, std::pair{GLOB_ABORTED, EACCES}}) {
         const FailCall fail("glob64", 1, code);
@@ -121,21 +122,20 @@ TEST_F(FileTest, searches_that_go_wrong) {
 TEST_F(FileTest, entries_that_vanish_during_a_search) {
     FindDataRecord data;
     ASSERT_EQ(mkdir("/var/tmp/some", 0755), 0);
-    WriteFile("/var/tmp/some/1", "");
-    WriteFile("/var/tmp/some/2", "");
-    WriteFile("/var/tmp/some/3", "");
+    writeFile("/var/tmp/some/1", "");
+    writeFile("/var/tmp/some/2", "");
+    writeFile("/var/tmp/some/3", "");
     SearchRecord *handle = vllFindFirstFile("/var/tmp/some/[123]", &data);
     ASSERT_NE(handle, INVALID_FIND_HANDLE);
     EXPECT_EQ(unlink(data.name[0] == '1' ? "/var/tmp/some/2" : "/var/tmp/some/1"), 0);
     const bool second = vllFindNextFile(handle, &data) != FALSE;
     EXPECT_TRUE(second || errno == ENOENT);
     EXPECT_EQ(vllFindNextFile(handle, &data), !second);
-    EXPECT_TRUE(Fails(vllFindNextFile(handle, &data), ENOENT));
+    EXPECT_THAT(vllFindNextFile(handle, &data), FailsWith(ENOENT));
     EXPECT_TRUE(vllFindClose(handle));
     // The first one: a link that leads nowhere.
     ASSERT_EQ(symlink("nowhere", "/var/tmp/some/link"), 0);
-    EXPECT_EQ(vllFindFirstFile("/var/tmp/some/link", &data), INVALID_FIND_HANDLE);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(vllFindFirstFile("/var/tmp/some/link", &data), FailsWith(ENOENT, INVALID_FIND_HANDLE));
 }
 
 TEST_F(FileTest, an_ordinary_user_sees_what_is_closed_to_him) {
@@ -148,13 +148,12 @@ TEST_F(FileTest, an_ordinary_user_sees_what_is_closed_to_him) {
                 {"/var/tmp/program", 0555, ATTR_REGULAR},
                 {"/var/tmp/secret", 0, ATTR_REGULAR}};
     for (const auto &row : rows) {
-        WriteFile(row.path, "");
+        writeFile(row.path, "");
         ASSERT_EQ(chmod(row.path, row.mode), 0);
     }
     AsUser([&] {
         FindDataRecord data;
-        EXPECT_EQ(vllFindFirstFile("/var/tmp/closed/*", &data), INVALID_FIND_HANDLE);
-        EXPECT_EQ(errno, EACCES);
+        EXPECT_THAT(vllFindFirstFile("/var/tmp/closed/*", &data), FailsWith(EACCES, INVALID_FIND_HANDLE));
         for (const auto &row : rows) {
             EXPECT_EQ(vllGetFileAttributes(row.path), row.attributes) << row.path;
         }
@@ -162,7 +161,7 @@ TEST_F(FileTest, an_ordinary_user_sees_what_is_closed_to_him) {
 }
 
 TEST_F(FileTest, attributes) {
-    WriteFile("/var/tmp/.dot", "");
+    writeFile("/var/tmp/.dot", "");
     ASSERT_EQ(symlink("/var/ulmex", "/var/tmp/link"), 0);
     EXPECT_EQ(vllGetFileAttributes("/var/tmp/.dot"), unsigned{ATTR_REGULAR});
     EXPECT_EQ(vllGetFileAttributes("/var/tmp/link"), unsigned{ATTR_DIRECTORY});
@@ -194,8 +193,8 @@ TEST_F(FileTest, every_search_is_freed) {
 
 TEST_F(FileTest, directories) {
     EXPECT_TRUE(vllCreateDirectory("/var/tmp/new"));
-    EXPECT_EQ(ModeOf("/var/tmp/new"), 0750U);
-    EXPECT_TRUE(Fails(vllCreateDirectory("/var/tmp/new"), EEXIST));
+    EXPECT_EQ(modeOf("/var/tmp/new"), 0750U);
+    EXPECT_THAT(vllCreateDirectory("/var/tmp/new"), FailsWith(EEXIST));
     EXPECT_TRUE(vllSetCurrentDirectory("/var/tmp/new"));
 
     const std::string path = "/var/tmp/new";
@@ -220,18 +219,17 @@ TEST_F(FileTest, directories) {
     EXPECT_EQ(vllGetFullPathName(nullptr, 64, buffer.data(), nullptr), 0U);
     {
         const FailCall fail("getcwd", 1, EACCES, 2);
-        EXPECT_EQ(vllGetCurrentDirectory(64, buffer.data()), 0U);
-        EXPECT_EQ(errno, EACCES);
+        EXPECT_THAT(vllGetCurrentDirectory(64, buffer.data()), FailsWith(EACCES));
         EXPECT_EQ(vllGetFullPathName("f", 64, buffer.data(), nullptr), 0U);
     }
     EXPECT_TRUE(vllRemoveDirectory("/var/tmp/new"));
     EXPECT_EQ(vllGetCurrentDirectory(64, buffer.data()), 0U);  // the directory is gone
     EXPECT_EQ(errno, ENOENT);
     EXPECT_TRUE(vllSetCurrentDirectory("/"));
-    EXPECT_TRUE(Fails(vllRemoveDirectory("/var/tmp/new"), ENOENT));
-    EXPECT_TRUE(Fails(vllSetCurrentDirectory("/none"), ENOENT));
+    EXPECT_THAT(vllRemoveDirectory("/var/tmp/new"), FailsWith(ENOENT));
+    EXPECT_THAT(vllSetCurrentDirectory("/none"), FailsWith(ENOENT));
     for (BOOL (*operation)(LPCSTR) : {vllCreateDirectory, vllRemoveDirectory, vllSetCurrentDirectory}) {
-        EXPECT_TRUE(Fails(operation(nullptr), EINVAL));
+        EXPECT_THAT(operation(nullptr), FailsWith(EINVAL));
     }
 }
 

@@ -1,4 +1,5 @@
 #include "net/commport.h"
+#include "base/descriptor.h"
 
 #include <fcntl.h>
 #include <linux/serial.h>
@@ -9,9 +10,9 @@
 #include <climits>
 #include <cstring>
 
-#include "base/internal.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 #include "support/syslog_capture.h"
 
@@ -45,7 +46,7 @@ class CommportTest : public LibraryTest {
         port_.reset(port);
         makeRaw(port);
         record_.event = vllCreateEvent(TRUE, FALSE, nullptr);
-        TakeLog();
+        takeLog();
     }
     void TearDown() override {
         if (!isIdle()) {
@@ -77,7 +78,7 @@ class CommportTest : public LibraryTest {
 TEST_F(CommportTest, purge) {
     // What was written has reached the peer's side, where a purge of the port no longer gets at it.
     ASSERT_EQ(write(port_.get(), "xyz", 3), 3);
-    ASSERT_TRUE(WaitUntil([&] { return pendingBytes(peer_.get()) == 3; }));
+    ASSERT_TRUE(waitUntil([&] { return pendingBytes(peer_.get()) == 3; }));
     struct Row {
         DWORD flags;
         int received;  // bytes left
@@ -85,28 +86,28 @@ TEST_F(CommportTest, purge) {
     for (const Row &row : {Row{3, 0}, Row{1, 0}, Row{2, 3}}) {
         tcflush(port_.get(), TCIFLUSH);
         send("abc");
-        ASSERT_TRUE(WaitUntil([&] { return pendingBytes(port_.get()) == 3; }));
+        ASSERT_TRUE(waitUntil([&] { return pendingBytes(port_.get()) == 3; }));
         EXPECT_TRUE(vllPurgeComm(port_.get(), row.flags));
         EXPECT_EQ(pendingBytes(port_.get()), row.received) << row.flags;
     }
     EXPECT_TRUE(vllPurgeComm(port_.get(), 3));
     EXPECT_EQ(pendingBytes(peer_.get()), 3);
     for (const DWORD flags : {0, 4}) {
-        EXPECT_FAILS(EINVAL, vllPurgeComm(port_.get(), flags));
+        EXPECT_THAT(vllPurgeComm(port_.get(), flags), FailsWith(EINVAL));
     }
     const Fd file(open("/dev/shm", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    EXPECT_FAILS(ENOTTY, vllPurgeComm(file.get(), 1));
-    EXPECT_FAILS(EBADF, vllPurgeComm(-1, 1));
+    EXPECT_THAT(vllPurgeComm(file.get(), 1), FailsWith(ENOTTY));
+    EXPECT_THAT(vllPurgeComm(-1, 1), FailsWith(EBADF));
 }
 
 TEST_F(CommportTest, modem_lines_are_refused_where_there_are_none) {
     DWORD status = 77;
-    EXPECT_FAILS(ENOTTY, vllGetCommModemStatus(port_.get(), &status));
+    EXPECT_THAT(vllGetCommModemStatus(port_.get(), &status), FailsWith(ENOTTY));
     EXPECT_EQ(status, 77U);
-    EXPECT_FAILS(EINVAL, vllGetCommModemStatus(port_.get(), nullptr));
-    EXPECT_FAILS(ENOTTY, vllEscapeCommFunction(port_.get(), SETDTR));
+    EXPECT_THAT(vllGetCommModemStatus(port_.get(), nullptr), FailsWith(EINVAL));
+    EXPECT_THAT(vllEscapeCommFunction(port_.get(), SETDTR), FailsWith(ENOTTY));
     for (const DWORD function : {0, 3, 5, 16}) {
-        EXPECT_FAILS(EINVAL, vllEscapeCommFunction(port_.get(), function));
+        EXPECT_THAT(vllEscapeCommFunction(port_.get(), function), FailsWith(EINVAL));
     }
 }
 
@@ -126,7 +127,7 @@ TEST_F(CommportTest, received_data_signal_the_event) {
     EXPECT_EQ(vllWaitForSingleObject(record_.event, kLimitMs), WAIT_OBJECT_0);
     EXPECT_TRUE(stop());
     EXPECT_TRUE(isIdle());
-    EXPECT_TRUE(TakeErrors().empty());
+    EXPECT_TRUE(takeErrors().empty());
 }
 
 TEST_F(CommportTest, stopping_in_every_state) {
@@ -167,21 +168,21 @@ TEST_F(CommportTest, set_up_that_fails_half_way) {
          {Row{"eventfd", 1, EMFILE, true}, Row{"eventfd", 2, EMFILE, false}, Row{"eventfd", 3, EMFILE, false},
           Row{"eventfd", 4, EMFILE, false}, Row{"pthread_create", 1, EAGAIN, false},
           Row{"pthread_create", 2, EAGAIN, false}}) {
-        TakeLog();
+        takeLog();
         {
             const FailCall fail(row.call, row.nth, row.error);
-            EXPECT_FAILS(row.error, vllSetCommMask(port_.get(), EV_RXCHAR | EV_CTS, &record_))
+            EXPECT_THAT(vllSetCommMask(port_.get(), EV_RXCHAR | EV_CTS, &record_), FailsWith(row.error))
                 << row.call << row.nth;
             EXPECT_TRUE(fail.happened());
         }
-        EXPECT_EQ(TakeErrors().back(), kSetUpFailed);
+        EXPECT_EQ(takeErrors().back(), kSetUpFailed);
         EXPECT_EQ(isIdle(), row.idle) << row.call << row.nth;
         if (!row.idle) {
             uint32_t events;
             EXPECT_FALSE(vllSetCommMask(port_.get(), EV_RXCHAR, &record_));
-            EXPECT_FAILS(EINVAL, vllWaitCommEvent(port_.get(), &events, &record_));
+            EXPECT_THAT(vllWaitCommEvent(port_.get(), &events, &record_), FailsWith(EINVAL));
             EXPECT_FALSE(stop());
-            EXPECT_EQ(TakeErrors(), (Errors{kSetUpFailed, kSetUpFailed}));
+            EXPECT_EQ(takeErrors(), (Errors{kSetUpFailed, kSetUpFailed}));
         }
         EXPECT_TRUE(isIdle());
     }
@@ -194,16 +195,14 @@ TEST_F(CommportTest, a_watcher_that_ended_before_it_was_stopped) {
     const HANDLE data = record_.dataThread;
     ASSERT_TRUE(vllTerminateThread(data, 0));
     ASSERT_EQ(vllWaitForSingleObject(data, kLimitMs), WAIT_OBJECT_0);
-    errno = 0;
-    EXPECT_FALSE(stop());
-    EXPECT_EQ(errno, ESRCH);
+    EXPECT_THAT(stop(), FailsWith(ESRCH));
     char line[200];
     snprintf(line, sizeof line,
              "VLL: SetCommMask: Failed to terminate WaitCommEvent background threads, data thread handle = "
              "%d, modem "
              "thread handle = %d\n",
              static_cast<int>(data), 0);
-    EXPECT_EQ(TakeErrors(), Errors{line});
+    EXPECT_EQ(takeErrors(), Errors{line});
     EXPECT_TRUE(isIdle());
 }
 
@@ -234,12 +233,12 @@ TEST_F(CommportTest, the_peer_hangs_up_while_watchers_block) {
 
 TEST_F(CommportTest, bad_arguments) {
     uint32_t events;
-    EXPECT_FAILS(EINVAL, vllSetCommMask(port_.get(), EV_RXCHAR, nullptr));
+    EXPECT_THAT(vllSetCommMask(port_.get(), EV_RXCHAR, nullptr), FailsWith(EINVAL));
     for (OverlappedRecord *record : {static_cast<OverlappedRecord *>(nullptr), &record_}) {
-        EXPECT_FAILS(EINVAL, vllWaitCommEvent(port_.get(), &events, record));
+        EXPECT_THAT(vllWaitCommEvent(port_.get(), &events, record), FailsWith(EINVAL));
     }
     ASSERT_TRUE(vllSetCommMask(port_.get(), EV_RXCHAR, &record_));
-    EXPECT_FAILS(EINVAL, vllWaitCommEvent(port_.get(), nullptr, &record_));
+    EXPECT_THAT(vllWaitCommEvent(port_.get(), nullptr, &record_), FailsWith(EINVAL));
     EXPECT_TRUE(stop());
 }
 
@@ -248,7 +247,7 @@ TEST_F(CommportTest, bad_arguments) {
 class ModemLinesTest : public CommportTest {
   protected:
     void SetUp() override {
-        if (!OnTarget()) {
+        if (!onTarget()) {
             GTEST_SKIP() << "modem lines exist on the emulated machine only";
         }
         CommportTest::SetUp();
@@ -258,7 +257,7 @@ class ModemLinesTest : public CommportTest {
         closePeer();
     }
     void TearDown() override {
-        if (OnTarget()) {
+        if (onTarget()) {
             CommportTest::TearDown();
         }
     }
@@ -273,11 +272,11 @@ class ModemLinesTest : public CommportTest {
         peer_.reset(open("/dev/ttyGS0", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         ASSERT_TRUE(peer_);
         makeRaw(peer_.get());
-        ASSERT_TRUE(WaitUntil([&] { return lines() == (MS_DSR_ON | MS_RLSD_ON); }));
+        ASSERT_TRUE(waitUntil([&] { return lines() == (MS_DSR_ON | MS_RLSD_ON); }));
     }
     void closePeer() {
         peer_.reset();
-        ASSERT_TRUE(WaitUntil([&] { return lines() == 0; }));
+        ASSERT_TRUE(waitUntil([&] { return lines() == 0; }));
     }
 };
 
@@ -392,7 +391,7 @@ TEST_F(ModemLinesTest, unplugged_while_the_watchers_block) {
     EXPECT_TRUE(isIdle());
     port_.reset();
     tellDriver("bind", interface);
-    ASSERT_TRUE(WaitUntil([&] {
+    ASSERT_TRUE(waitUntil([&] {
         port_.reset(open("/dev/ttyACM0", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         return static_cast<bool>(port_);
     })) << strerror(errno);

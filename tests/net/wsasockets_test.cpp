@@ -1,4 +1,5 @@
 #include "net/wsasockets.h"
+#include "base/descriptor.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -12,6 +13,7 @@
 
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -136,7 +138,7 @@ TEST_F(WsaSocketsTest, the_first_data_of_a_new_record_also_reports_the_connectio
 
 TEST_F(WsaSocketsTest, the_wait_blocks_until_activity_comes) {
     Connection connection;
-    const Owned event(MakeAutoEvent()), other(MakeAutoEvent());
+    const Owned event(makeAutoEvent()), other(makeAutoEvent());
     Selection selection(connection.local, event, FD_READ);
     const HANDLE handles[] = {other, event};
     DWORD result = WAIT_FAILED;
@@ -146,12 +148,12 @@ TEST_F(WsaSocketsTest, the_wait_blocks_until_activity_comes) {
     EXPECT_EQ(result, WAIT_OBJECT_0 + 1);
     EXPECT_EQ(selection.record.lPendingEvents, FD_READ);
     EXPECT_EQ(connection.receive(), "x");
-    EXPECT_FALSE(IsSignalled(event)) << "an auto-reset event is not left signalled";
+    EXPECT_FALSE(isSignalled(event)) << "an auto-reset event is not left signalled";
 }
 
 TEST_F(WsaSocketsTest, accepting) {
     const Listener listener;
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Selection selection(listener.socket, event, FD_ACCEPT);
     EXPECT_EQ(selection.next(0), -1);
     const Fd first = makeSocket(), second = makeSocket();
@@ -169,7 +171,7 @@ TEST_F(WsaSocketsTest, connecting_and_the_room_to_write_once) {
     const Listener listener;
     const Fd socket = makeNonBlocking();
     connectTo(socket, listener.address);
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Selection selection(socket, event, FD_CONNECT | FD_WRITE | FD_READ);
     EXPECT_EQ(selection.next(), FD_CONNECT | FD_WRITE);
     EXPECT_EQ(selection.events.iErrorCode[FD_CONNECT_BIT], 0);
@@ -187,7 +189,7 @@ TEST_F(WsaSocketsTest, connecting_and_the_room_to_write_once) {
     EXPECT_EQ(selection.next(10), -1) << "connected, and writing is not selected";
     EXPECT_EQ(send(listener.accept().get(), "x", 1, 0), 1);
     EXPECT_EQ(selection.next(), FD_READ);
-    EXPECT_EQ(TakeLog().size(), 0U);
+    EXPECT_EQ(takeLog().size(), 0U);
 }
 
 TEST_F(WsaSocketsTest, a_refused_connection_tells_its_error_with_the_connect) {
@@ -199,7 +201,7 @@ TEST_F(WsaSocketsTest, a_refused_connection_tells_its_error_with_the_connect) {
         }
         const Fd socket = makeNonBlocking();
         connectTo(socket, address);
-        const Owned event(MakeAutoEvent());
+        const Owned event(makeAutoEvent());
         Selection selection(socket, event, mask);
         const int32_t events = selection.next();
         EXPECT_EQ(events & (FD_CONNECT | FD_CLOSE), mask & (FD_CONNECT | FD_CLOSE));
@@ -234,7 +236,7 @@ TEST_F(WsaSocketsTest, unread_data_is_reported_before_the_close_or_with_it) {
         selection.peer.reset();
         if (hang_up) {
             EXPECT_EQ(shutdown(selection.socket, SHUT_WR), 0);
-            EXPECT_TRUE(WaitUntil([&] {
+            EXPECT_TRUE(waitUntil([&] {
                 EXPECT_NE(selection.next(), -1);
                 return (selection.events.lNetworkEvents & FD_CLOSE) != 0;
             }));
@@ -254,7 +256,7 @@ TEST_F(WsaSocketsTest, datagrams_without_bytes_are_data) {
     const Fd receiver = makeSocket(SOCK_DGRAM), sender = makeSocket(SOCK_DGRAM);
     const sockaddr_in address = bindToLoopback(receiver);
     const sockaddr_in from = bindToLoopback(sender);
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Selection selection(receiver, event, FD_READ | FD_CLOSE);
     const auto *to = reinterpret_cast<const sockaddr *>(&address);
     char buffer[8] = {};
@@ -279,7 +281,7 @@ TEST_F(WsaSocketsTest, datagrams_without_bytes_are_data) {
 
 TEST_F(WsaSocketsTest, reselection_moves_the_socket_and_keeps_what_is_pending) {
     Connection connection;
-    const Owned first(MakeAutoEvent()), second(MakeAutoEvent());
+    const Owned first(makeAutoEvent()), second(makeAutoEvent());
     Selection selection(connection.local, first, FD_READ);
     connection.sendByPeer("x");
     EXPECT_EQ(vllWaitForSingleObject(first, 20000), WAIT_OBJECT_0);
@@ -288,33 +290,33 @@ TEST_F(WsaSocketsTest, reselection_moves_the_socket_and_keeps_what_is_pending) {
     EXPECT_EQ(selection.record.lPendingEvents, FD_READ);
     EXPECT_EQ(selection.record.state, SOCK_STATE_NONE);
     EXPECT_EQ(selection.record.hEventObject, HANDLE{second});
-    EXPECT_FALSE(IsSignalled(first));
-    EXPECT_TRUE(IsSignalled(second));
+    EXPECT_FALSE(isSignalled(first));
+    EXPECT_TRUE(isSignalled(second));
 }
 
 TEST_F(WsaSocketsTest, a_record_taken_over_by_another_socket_loses_the_old_one_silently) {
     Connection one, two;
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Selection selection(one.local, event, FD_READ);
     one.sendByPeer("x");
-    EXPECT_TRUE(IsSignalled(event) || vllWaitForSingleObject(event, 20000) == WAIT_OBJECT_0);
+    EXPECT_TRUE(isSignalled(event) || vllWaitForSingleObject(event, 20000) == WAIT_OBJECT_0);
     EXPECT_EQ(vllWSAEventSelect(two.local.get(), event, FD_READ, &selection.record), 0);
     EXPECT_EQ(selection.record.lPendingEvents, 0);
-    EXPECT_FALSE(IsSignalled(event)) << "the old socket still has data";
+    EXPECT_FALSE(isSignalled(event)) << "the old socket still has data";
     two.sendByPeer("y");
     EXPECT_EQ(selection.next(), FD_READ);
     // Also when the old event is gone, or was never reached.
-    Owned gone(MakeAutoEvent());
+    Owned gone(makeAutoEvent());
     EXPECT_EQ(vllWSAEventSelect(two.local.get(), gone, FD_READ, &selection.record), 0);
     vllCloseHandle(gone.release());
     EXPECT_EQ(vllWSAEventSelect(one.local.get(), event, FD_READ, &selection.record), 0);
     EXPECT_EQ(selection.next(), FD_READ);
-    EXPECT_EQ(TakeLog().size(), 0U);
+    EXPECT_EQ(takeLog().size(), 0U);
 }
 
 // The number of a closed socket may come again, in another record.
 TEST_F(WsaSocketsTest, a_record_whose_socket_was_closed_takes_nothing_from_another) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Connection one, two, three;
     Selection first(one.local, event, FD_READ | FD_CLOSE);
     one.peer.reset();
@@ -328,36 +330,36 @@ TEST_F(WsaSocketsTest, a_record_whose_socket_was_closed_takes_nothing_from_anoth
 
 TEST_F(WsaSocketsTest, two_sockets_in_one_event_both_come_through) {
     Connection one, two;
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Selection first(one.local, event, FD_READ), second(two.local, event, FD_READ);
     one.sendByPeer("x");
     two.sendByPeer("y");
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(waitUntil([&] {
         vllWaitForSingleObject(event, 100);
         return first.record.lPendingEvents == FD_READ && second.record.lPendingEvents == FD_READ;
     })) << "neither starves the other";
     EXPECT_EQ(first.select(0), 0);
-    EXPECT_TRUE(IsSignalled(event));
+    EXPECT_TRUE(isSignalled(event));
     EXPECT_EQ(two.receive(), "y");
-    EXPECT_FALSE(IsSignalled(event));
+    EXPECT_FALSE(isSignalled(event));
 }
 
 TEST_F(WsaSocketsTest, an_event_closed_while_a_socket_is_selected) {
     Connection connection;
-    Owned event(MakeAutoEvent());
+    Owned event(makeAutoEvent());
     Selection selection(connection.local, event, FD_READ);
     EXPECT_TRUE(vllCloseHandle(event.release()));
     connection.sendByPeer("x");
     vllWSAEnableWriteEvent(&selection.record);
-    EXPECT_EQ(TakeErrors(), (Errors{Format("VLLI: OpenObject( 0x%X ): Unused handle! \n", selection.event),
-                                    Format("VLLI: WSAEnableWriteEvent: S%d unable to open E%08X\n",
+    EXPECT_EQ(takeErrors(), (Errors{format("VLLI: OpenObject( 0x%X ): Unused handle! \n", selection.event),
+                                    format("VLLI: WSAEnableWriteEvent: S%d unable to open E%08X\n",
                                            selection.socket, selection.event)}));
-    EXPECT_RESULT(vllWSAEnumNetworkEvents(&selection.record, selection.event, &selection.events),
-                  SOCKET_ERROR, EINVAL);
-    const Owned other(MakeAutoEvent());
+    EXPECT_THAT(vllWSAEnumNetworkEvents(&selection.record, selection.event, &selection.events),
+                Yields(SOCKET_ERROR, EINVAL));
+    const Owned other(makeAutoEvent());
     EXPECT_EQ(vllWSAEventSelect(connection.local.get(), other, FD_READ, &selection.record), 0);
-    EXPECT_TRUE(IsSignalled(other));
-    TakeErrors();
+    EXPECT_TRUE(isSignalled(other));
+    takeErrors();
 }
 
 TEST_F(WsaSocketsTest, cancelling) {
@@ -369,46 +371,46 @@ TEST_F(WsaSocketsTest, cancelling) {
     EXPECT_EQ(selection.select(0), 0) << "left already";
     WSASockData fresh = {};
     EXPECT_EQ(vllWSAEventSelect(selection.socket, selection.event, 0, &fresh), 0) << "never selected";
-    EXPECT_EQ(TakeLog().size(), 0U);
+    EXPECT_EQ(takeLog().size(), 0U);
 }
 
 TEST_F(WsaSocketsTest, bad_arguments) {
     Connection connection;
     const int socket = connection.local.get();
-    const Owned event(MakeAutoEvent()), other(MakeAutoEvent(TRUE)), timer(vllCreateWaitableTimer(nullptr));
+    const Owned event(makeAutoEvent()), other(makeAutoEvent(TRUE)), timer(vllCreateWaitableTimer(nullptr));
     WSASockData record = {};
     for (const int32_t mask : {32, -1, 0x40000001}) {
-        EXPECT_RESULT(vllWSAEventSelect(socket, event, mask, &record), SOCKET_ERROR, EINVAL);
-        EXPECT_EQ(TakeErrors(), Errors{Format("VLLI: WSAEventSelect: lNetworkEvent = 0x%08X\n",
+        EXPECT_THAT(vllWSAEventSelect(socket, event, mask, &record), Yields(SOCKET_ERROR, EINVAL));
+        EXPECT_EQ(takeErrors(), Errors{format("VLLI: WSAEventSelect: lNetworkEvent = 0x%08X\n",
                                               static_cast<unsigned>(mask))});
     }
     for (const HANDLE handle : {HANDLE{timer}, HANDLE{0}}) {
-        EXPECT_RESULT(vllWSAEventSelect(socket, handle, FD_READ, &record), SOCKET_ERROR, EINVAL);
+        EXPECT_THAT(vllWSAEventSelect(socket, handle, FD_READ, &record), Yields(SOCKET_ERROR, EINVAL));
         EXPECT_EQ(
-            TakeErrors(),
-            Errors{Format("VLLI: WSAEventSelect: hEventObject = 0x%08X, event = 0x00000000\n", handle)});
+            takeErrors(),
+            Errors{format("VLLI: WSAEventSelect: hEventObject = 0x%08X, event = 0x00000000\n", handle)});
     }
-    EXPECT_RESULT(vllWSAEventSelect(socket, event, FD_READ, nullptr), SOCKET_ERROR, EINVAL);
+    EXPECT_THAT(vllWSAEventSelect(socket, event, FD_READ, nullptr), Yields(SOCKET_ERROR, EINVAL));
 
     Selection selection(connection.local, event, FD_READ);
     WSANETWORKEVENTS events;
     selection.record.lPendingEvents = FD_READ;
-    EXPECT_RESULT(vllWSAEnumNetworkEvents(&selection.record, other, &events), SOCKET_ERROR, EINVAL);
+    EXPECT_THAT(vllWSAEnumNetworkEvents(&selection.record, other, &events), Yields(SOCKET_ERROR, EINVAL));
     EXPECT_EQ(events.lNetworkEvents, 0);
-    EXPECT_TRUE(IsSignalled(other)) << "a foreign event is not reset";
-    EXPECT_RESULT(vllWSAEnumNetworkEvents(nullptr, event, &events), SOCKET_ERROR, EINVAL);
-    EXPECT_RESULT(vllWSAEnumNetworkEvents(&selection.record, event, nullptr), SOCKET_ERROR, EINVAL);
+    EXPECT_TRUE(isSignalled(other)) << "a foreign event is not reset";
+    EXPECT_THAT(vllWSAEnumNetworkEvents(nullptr, event, &events), Yields(SOCKET_ERROR, EINVAL));
+    EXPECT_THAT(vllWSAEnumNetworkEvents(&selection.record, event, nullptr), Yields(SOCKET_ERROR, EINVAL));
     vllSetEvent(event);
     EXPECT_EQ(vllWSAEnumNetworkEvents(&selection.record, timer, &events), 0) << "no event: nothing is reset";
     EXPECT_EQ(events.lNetworkEvents, FD_READ);
-    EXPECT_TRUE(IsSignalled(event));
-    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_TRUE(isSignalled(event));
+    EXPECT_EQ(takeErrors(), Errors{});
     vllWSAEnableWriteEvent(nullptr);
-    EXPECT_EQ(TakeErrors(), Errors{"VLLI: WSAEnableWriteEvent: WSASockData == NULL\n"});
+    EXPECT_EQ(takeErrors(), Errors{"VLLI: WSAEnableWriteEvent: WSASockData == NULL\n"});
 }
 
 TEST_F(WsaSocketsTest, enumeration_hands_over_only_what_is_selected) {
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     WSASockData record = {0, FD_READ | FD_CLOSE, FD_READ | FD_WRITE, event, 0, {7, 8, 0, 0, 0}};
     WSANETWORKEVENTS events;
     EXPECT_EQ(vllWSAEnumNetworkEvents(&record, event, &events), 0);
@@ -423,7 +425,7 @@ TEST_F(WsaSocketsTest, enumeration_hands_over_only_what_is_selected) {
 TEST_F(WsaSocketsTest, failing_calls_of_a_selection) {
     Connection connection;
     const int socket = connection.local.get();
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     const int32_t efd = vlliGetObjectAddress(event)->efd;
     WSASockData record = {}, second = {};
     record.lPendingEvents = FD_READ;
@@ -432,7 +434,7 @@ TEST_F(WsaSocketsTest, failing_calls_of_a_selection) {
     };
     const auto failedChange = [=](const char *operation, const char *argument, int error) {
         return Errors{
-            Format("VLLI: WSAEventSelect: epoll_ctl( event->efd = %d, EPOLL_CTL_%s, sock = %d, %s ) = "
+            format("VLLI: WSAEventSelect: epoll_ctl( event->efd = %d, EPOLL_CTL_%s, sock = %d, %s ) = "
                    "-1, errno = %d\n",
                    efd, operation, socket, argument, error)};
     };
@@ -441,26 +443,26 @@ TEST_F(WsaSocketsTest, failing_calls_of_a_selection) {
         {"epoll_ctl", 1, ENOSPC, failedChange("ADD", "&eevent", ENOSPC)},
     };
     for (const Failure &failure : failures) {
-        ExpectFailure(failure, select(FD_READ, &record), SOCKET_ERROR);
+        expectFailure(failure, select(FD_READ, &record), SOCKET_ERROR);
         EXPECT_EQ(record.socket, 0);
         EXPECT_EQ(record.hEventObject, 0U);
         EXPECT_EQ(record.lPendingEvents, 0);
     }
     EXPECT_EQ(select(FD_READ, &record)(), 0);
-    ExpectFailure({"epoll_ctl", 1, ENOMEM, failedChange("DEL", "NULL", ENOMEM)}, select(0, &record),
+    expectFailure({"epoll_ctl", 1, ENOMEM, failedChange("DEL", "NULL", ENOMEM)}, select(0, &record),
                   SOCKET_ERROR);
-    ExpectFailure({nullptr, 0, EEXIST, failedChange("ADD", "&eevent", EEXIST)}, select(FD_READ, &second),
+    expectFailure({nullptr, 0, EEXIST, failedChange("ADD", "&eevent", EEXIST)}, select(FD_READ, &second),
                   SOCKET_ERROR);
     {
         const FailCall fail("epoll_ctl", 1, ENOMEM);
         vllWSAEnableWriteEvent(&record);
     }
-    EXPECT_EQ(TakeErrors(),
-              Errors{Format("VLLI: WSAEnableWriteEvent: epoll_ctl( event->efd = %d, EPOLL_CTL_MOD, "
+    EXPECT_EQ(takeErrors(),
+              Errors{format("VLLI: WSAEnableWriteEvent: epoll_ctl( event->efd = %d, EPOLL_CTL_MOD, "
                             "WSASockData->socket = %d, &eevent ) = -1, errno = 12\n",
                             efd, socket)});
-    EXPECT_RESULT(vllWSAEventSelect(-1, event, FD_READ, &second), SOCKET_ERROR, EBADF);
-    TakeErrors();
+    EXPECT_THAT(vllWSAEventSelect(-1, event, FD_READ, &second), Yields(SOCKET_ERROR, EBADF));
+    takeErrors();
 }
 
 // Readiness as the set would report it, also where the kernel cannot be made to.
@@ -511,7 +513,7 @@ TEST_F(WsaSocketsTest, processing_table) {
         epoll_event change = {};
         const int efd = vlliGetObjectAddress(selection.event)->efd;
         EXPECT_EQ(epoll_ctl(efd, EPOLL_CTL_MOD, selection.socket, &change), -row.leaves);
-        EXPECT_EQ(TakeErrors(), Errors{});
+        EXPECT_EQ(takeErrors(), Errors{});
     }
 }
 
@@ -521,8 +523,8 @@ TEST_F(WsaSocketsTest, failing_calls_of_a_wait) {
     for (const bool hang_up : {false, true}) {
         const FailCall fail("epoll_ctl", 1, ENOMEM);
         vlliWsaProcessNetworkEvents(&selection.record, record, hang_up ? EPOLLHUP : EPOLLOUT);
-        EXPECT_EQ(TakeErrors(),
-                  Errors{Format("VLLI: WsaProcessNetworkEvents: epoll_ctl( vevent->efd = %d, "
+        EXPECT_EQ(takeErrors(),
+                  Errors{format("VLLI: WsaProcessNetworkEvents: epoll_ctl( vevent->efd = %d, "
                                 "EPOLL_CTL_%s, pWsaSockData->socket = %d, %s ) = -1, errno = 12\n",
                                 record->efd, hang_up ? "DEL" : "MOD", selection.socket,
                                 hang_up ? "NULL" : "EPOLLIN")});
@@ -531,10 +533,10 @@ TEST_F(WsaSocketsTest, failing_calls_of_a_wait) {
     EXPECT_EQ(selection.select(FD_READ), 0);
     selection.sendByPeer("x");
     EXPECT_NE(selection.next(), -1);
-    ExpectFailure(
+    expectFailure(
         {"epoll_wait", 1, EFAULT, {}}, [&] { return vllWaitForSingleObject(selection.event, 0); },
         WAIT_FAILED);
-    EXPECT_EQ(References(selection.event), 1);
+    EXPECT_EQ(references(selection.event), 1);
     const FailCall interrupted("epoll_wait", 1, EINTR);
     EXPECT_EQ(selection.next(0), FD_READ);
 }
@@ -558,12 +560,12 @@ TEST_F(WsaSocketsTest, a_false_alarm_is_noticed) {
             const FailCall before_the_look("epoll_wait", 1, -SIGUSR1);
             EXPECT_EQ(vllWaitForSingleObject(selection.event, 0), WAIT_OBJECT_0);
         }
-        const std::vector<LogLine> log = TakeLog();
+        const std::vector<LogLine> log = takeLog();
         ASSERT_EQ(log.size(), 1U);
         EXPECT_EQ(log[0].priority, LOG_INFO);
-        EXPECT_EQ(log[0].text, Format("VLL: WaitForMultipleObjects: False alarm, E%08X\n", selection.event));
+        EXPECT_EQ(log[0].text, format("VLL: WaitForMultipleObjects: False alarm, E%08X\n", selection.event));
         EXPECT_EQ(selection.record.lPendingEvents, 0);
-        EXPECT_EQ(IsSignalled(selection.event), manual != 0);
+        EXPECT_EQ(isSignalled(selection.event), manual != 0);
     }
     sigaction(SIGUSR1, &old, nullptr);
 }
@@ -583,8 +585,8 @@ TEST_F(WsaSocketsTest, scatter_and_gather) {
     EXPECT_EQ(vllWSARecvFrom(connection.local.get(), in, 2, nullptr, nullptr, &length), 0);
     for (const int fd : {-1, 1000}) {
         count = 99;
-        EXPECT_RESULT(vllWSASend(fd, out, 2, &count), SOCKET_ERROR, EBADF);
-        EXPECT_RESULT(vllWSARecvFrom(fd, in, 2, &count, nullptr, nullptr), SOCKET_ERROR, EBADF);
+        EXPECT_THAT(vllWSASend(fd, out, 2, &count), Yields(SOCKET_ERROR, EBADF));
+        EXPECT_THAT(vllWSARecvFrom(fd, in, 2, &count, nullptr, nullptr), Yields(SOCKET_ERROR, EBADF));
         EXPECT_EQ(count, 99U);
     }
 }

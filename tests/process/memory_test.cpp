@@ -12,6 +12,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 
 namespace {
 
@@ -40,8 +41,7 @@ TEST_F(MemoryTest, allocation) {
     vllFreeMemory(vllAllocateMemory(10, 0));
     vllFreeMemory(vllReAllocateMemory(nullptr, 10));
     const FailCall fail("malloc", 1, ENOMEM);
-    EXPECT_EQ(vllAllocateMemory(10, 0), nullptr);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_THAT(vllAllocateMemory(10, 0), FailsWith(ENOMEM));
 }
 
 // Three pages, of which the middle one is writable and the others as a row wants them.
@@ -131,7 +131,7 @@ TEST_F(MemoryTest, probe_keeps_the_signal_mask) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which have handlers of their own
 // A real fault in another thread during a probe meets the program's own action once the probe is over.
 TEST_F(MemoryTest, fault_of_another_thread_is_not_swallowed) {
-    const ChildResult result = RunInChild([] {
+    const ChildResult result = runInChild([] {
         struct sigaction action = {};
         action.sa_handler = [](int) { _exit(42); };
         sigaction(SIGSEGV, &action, nullptr);
@@ -169,7 +169,7 @@ TEST_F(MemoryTest, probes_in_many_threads_and_children) {
         });
     }
     for (int i = 0; kMayForkBesideBusyThreads && i < 10; ++i) {
-        ExpectInChild([&] { return vllIsBadReadPtr(pages.page(2), 1) ? 0 : 1; });
+        expectInChild([&] { return vllIsBadReadPtr(pages.page(2), 1) ? 0 : 1; });
     }
     for (std::thread &thread : threads) {
         thread.join();

@@ -6,10 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/allocate.h"
 #include "process/multitasking.h"
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/files.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/shown_process.h"
 #include "support/syslog_capture.h"
@@ -87,7 +89,7 @@ bool hasNoChildren() {
 class ProcessTest : public LibraryTest {
   protected:
     void TearDown() override {
-        EXPECT_TRUE(WaitUntil(hasNoChildren)) << "a zombie or a child is left";
+        EXPECT_TRUE(waitUntil(hasNoChildren)) << "a zombie or a child is left";
         LibraryTest::TearDown();
     }
 
@@ -121,11 +123,11 @@ class ProcessTest : public LibraryTest {
     // Refused before the fork, with the record untouched.
     void expectRefused(const char *application, const char *command_line, const char *directory, int error) {
         PROCESS_INFORMATION process = {1, 2, 3, 4};
-        ResetCallCounts();
+        resetCallCounts();
         errno = 0;
         EXPECT_FALSE(vllCreateProcess(application, command_line, directory, &process));
         EXPECT_EQ(errno, error);
-        EXPECT_EQ(CallCount("fork"), 0U);
+        EXPECT_EQ(callCount("fork"), 0U);
         EXPECT_EQ(process.hProcess, 1U);
         EXPECT_EQ(process.dwProcessId, 3U);
     }
@@ -133,12 +135,12 @@ class ProcessTest : public LibraryTest {
     // The status of an unwatched child that has ended or is about to.
     DWORD statusOf(DWORD pid) {
         DWORD status = STILL_ACTIVE;
-        EXPECT_TRUE(WaitUntil([&] { return vllGetExitCodeProcess(pid, &status) && status != STILL_ACTIVE; }));
+        EXPECT_TRUE(waitUntil([&] { return vllGetExitCodeProcess(pid, &status) && status != STILL_ACTIVE; }));
         return status;
     }
 
-    const std::string directory_ = MakeProgramDirectory();
-    const std::string program_ = MakeShownProgram(directory_, "prog");
+    const std::string directory_ = makeProgramDirectory();
+    const std::string program_ = makeShownProgram(directory_, "prog");
     ShowProcesses show_;
 };
 
@@ -183,19 +185,18 @@ TEST_F(ProcessTest, a_megabyte_of_text) {
 
     // One argument of that size is more than the kernel takes: the child says so.
     EXPECT_EQ(run(program_.c_str(), std::string(1000000, 'a').c_str()).arguments, Strings{});
-    EXPECT_EQ(TakeErrors(), Strings{failureLine("exec", E2BIG)});
+    EXPECT_EQ(takeErrors(), Strings{failureLine("exec", E2BIG)});
 }
 
 TEST_F(ProcessTest, refuses_bad_arguments) {
     for (const char *line : {static_cast<const char *>(nullptr), "", "  \t"}) {
         expectRefused(nullptr, line, nullptr, EINVAL);
     }
-    EXPECT_FALSE(vllCreateProcess("/bin/true", nullptr, nullptr, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllCreateProcess("/bin/true", nullptr, nullptr, nullptr), FailsWith(EINVAL));
 }
 
 TEST_F(ProcessTest, path_gets_the_directory) {
-    const std::string empty = MakeProgramDirectory();
+    const std::string empty = makeProgramDirectory();
     struct {
         const char *path;
         std::string expected;
@@ -213,12 +214,12 @@ TEST_F(ProcessTest, path_gets_the_directory) {
         EXPECT_EQ(shown.path, row.expected);
         EXPECT_STREQ(getenv("PATH"), row.path);
     }
-    EXPECT_EQ(TakeErrors(), Strings{});
+    EXPECT_EQ(takeErrors(), Strings{});
 }
 
 TEST_F(ProcessTest, path_stays_without_a_directory) {
-    const std::string other = MakeProgramDirectory();
-    MakeShownProgram(other, "prog");
+    const std::string other = makeProgramDirectory();
+    makeShownProgram(other, "prog");
     for (const std::string &value :
          {"/nowhere:" + directory_, directory_ + ":/dev", "/nowhere::" + directory_}) {
         const Variable path("PATH", value.c_str());
@@ -251,16 +252,16 @@ TEST_F(ProcessTest, path_has_512_bytes) {
 
 TEST_F(ProcessTest, a_script_without_interpreter_runs_only_when_searched) {
     const std::string out = directory_ + "/out";
-    const std::string script = MakeScript(directory_, "vllscript", "echo \"$1|$2\" > " + out + "\n");
+    const std::string script = makeScript(directory_, "vllscript", "echo \"$1|$2\" > " + out + "\n");
     finish(start("vllscript", "one \"two three\"", directory_.c_str()).hProcess);
-    EXPECT_EQ(ReadFile(out), "one|two three\n");
-    EXPECT_EQ(TakeErrors(), Strings{});
+    EXPECT_EQ(readFile(out), "one|two three\n");
+    EXPECT_EQ(takeErrors(), Strings{});
     finish(start(script.c_str(), nullptr).hProcess);
-    EXPECT_EQ(TakeErrors(), Strings{failureLine("exec", ENOEXEC)});
+    EXPECT_EQ(takeErrors(), Strings{failureLine("exec", ENOEXEC)});
 }
 
 TEST_F(ProcessTest, the_child_reports_its_failure) {
-    const std::string plain = MakeScript(directory_, "plain", "");
+    const std::string plain = makeScript(directory_, "plain", "");
     chmod(plain.c_str(), 0644);
     const std::string long_name(300, 'n');
     struct {
@@ -280,7 +281,7 @@ TEST_F(ProcessTest, the_child_reports_its_failure) {
     };
     for (const auto &row : rows) {
         // A stranger to the library reaps the child, so that its status can be seen.
-        const ChildResult result = RunInChild([&] {
+        const ChildResult result = runInChild([&] {
             FailCall no_watcher("pthread_create", 1, EAGAIN);
             PROCESS_INFORMATION process;
             EXPECT_FALSE(vllCreateProcess(row.application, "x", row.directory, &process));
@@ -290,23 +291,22 @@ TEST_F(ProcessTest, the_child_reports_its_failure) {
         });
         EXPECT_TRUE(result.exited);
         EXPECT_EQ(result.status, row.error) << row.application;
-        EXPECT_EQ(TakeErrors(), (Strings{failureLine(row.call, row.error)})) << row.application;
+        EXPECT_EQ(takeErrors(), (Strings{failureLine(row.call, row.error)})) << row.application;
     }
 }
 
 TEST_F(ProcessTest, a_failure_is_logged_when_no_descriptor_is_left) {
-    const ChildResult result = RunInChild([] {
+    const ChildResult result = runInChild([] {
         while (dup(STDERR_FILENO) != -1) {
         }
         // Without a descriptor there is no watcher either.
         PROCESS_INFORMATION process = {};
-        EXPECT_FALSE(vllCreateProcess("/nowhere/prog", nullptr, nullptr, &process));
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_THAT(vllCreateProcess("/nowhere/prog", nullptr, nullptr, &process), FailsWith(EMFILE));
         waitpid(static_cast<pid_t>(process.dwProcessId), nullptr, 0);
         return 0;
     });
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(TakeErrors(), (Strings{failureLine("exec", ENOENT)}));
+    EXPECT_EQ(takeErrors(), (Strings{failureLine("exec", ENOENT)}));
 }
 
 TEST_F(ProcessTest, the_child_has_the_callers_signal_mask) {
@@ -328,14 +328,13 @@ TEST_F(ProcessTest, the_child_has_the_callers_signal_mask) {
 TEST_F(ProcessTest, fork_fails) {
     FailCall fail("fork", 1, EAGAIN);
     PROCESS_INFORMATION process = {1, 2, 3, 4};
-    EXPECT_FALSE(vllCreateProcess("/bin/true", "x", "/", &process));
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(TakeErrors(), (Strings{failureLine("fork", EAGAIN)}));
+    EXPECT_THAT(vllCreateProcess("/bin/true", "x", "/", &process), FailsWith(EAGAIN));
+    EXPECT_EQ(takeErrors(), (Strings{failureLine("fork", EAGAIN)}));
     EXPECT_EQ(process.hProcess, 1U);
 }
 
 TEST_F(ProcessTest, memory_runs_out) {
-    ResetCallCounts();
+    resetCallCounts();
     PROCESS_INFORMATION process = {};
     int failures = 0;
     for (int nth = 1;; ++nth) {
@@ -352,14 +351,13 @@ TEST_F(ProcessTest, memory_runs_out) {
         ++failures;
     }
     EXPECT_GE(failures, 3);
-    EXPECT_EQ(CallCount("fork"), 1U);
+    EXPECT_EQ(callCount("fork"), 1U);
 }
 
 TEST_F(ProcessTest, the_watcher_cannot_be_started) {
     FailCall fail("pthread_create", 1, EAGAIN);
     PROCESS_INFORMATION process = {1, 2, 3, 4};
-    EXPECT_FALSE(vllCreateProcess("/bin/sh", "-c \"exit 3\"", nullptr, &process));
-    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_THAT(vllCreateProcess("/bin/sh", "-c \"exit 3\"", nullptr, &process), FailsWith(EAGAIN));
     EXPECT_EQ(process.hProcess, 0U);
     EXPECT_EQ(process.hThread, 0U);
     EXPECT_EQ(process.dwThreadId, 0U);
@@ -375,16 +373,13 @@ TEST_F(ProcessTest, exit_codes) {
     EXPECT_EQ(status, STILL_ACTIVE);
     end(process);
     status = 77;
-    EXPECT_FALSE(vllGetExitCodeProcess(process.dwProcessId, &status));
-    EXPECT_EQ(errno, ECHILD);
+    EXPECT_THAT(vllGetExitCodeProcess(process.dwProcessId, &status), FailsWith(ECHILD));
     EXPECT_EQ(status, 77U);
 
     // 0 and negative numbers would be whole groups to waitpid(2): their children are not touched.
-    const auto own = static_cast<DWORD>(StartChild([] { return 9; }));
+    const auto own = static_cast<DWORD>(startChild([] { return 9; }));
     for (const DWORD pid : {DWORD{0}, DWORD{0xFFFFFFFF}, 0U - static_cast<DWORD>(getpgrp())}) {
-        errno = 0;
-        EXPECT_FALSE(vllGetExitCodeProcess(pid, &status));
-        EXPECT_EQ(errno, ECHILD);
+        EXPECT_THAT(vllGetExitCodeProcess(pid, &status), FailsWith(ECHILD));
     }
     EXPECT_FALSE(vllGetExitCodeProcess(own, nullptr));
     EXPECT_EQ(statusOf(own), 9U << 8);
@@ -437,7 +432,7 @@ TEST_F(ProcessTest, signals_with_handlers_do_not_disturb_the_watcher) {
     for (const PROCESS_INFORMATION &process : processes) {
         end(process);
     }
-    EXPECT_EQ(TakeErrors(), Strings{});
+    EXPECT_EQ(takeErrors(), Strings{});
 }
 
 TEST_F(ProcessTest, children_that_are_reaped_by_the_kernel) {
@@ -485,15 +480,15 @@ TEST_F(ProcessTest, many_children_while_others_allocate_and_log) {
         }
         for (const PROCESS_INFORMATION &process : processes) {
             while (vllWaitForSingleObject(process.hProcess, 10) == WAIT_TIMEOUT) {
-                failures += static_cast<int>(TakeErrors().size());  // or the log runs full
+                failures += static_cast<int>(takeErrors().size());  // or the log runs full
             }
             EXPECT_TRUE(vllCloseHandle(process.hProcess));
         }
-        failures += static_cast<int>(TakeErrors().size());
+        failures += static_cast<int>(takeErrors().size());
     }
     stop = true;
-    EXPECT_TRUE(WaitUntil([&] {
-        failures += static_cast<int>(TakeErrors().size());
+    EXPECT_TRUE(waitUntil([&] {
+        failures += static_cast<int>(takeErrors().size());
         return failures == kManyChildren / 2;
     }));
     for (std::thread &thread : threads) {
@@ -504,21 +499,18 @@ TEST_F(ProcessTest, many_children_while_others_allocate_and_log) {
 // ---- ending processes ----
 
 TEST_F(ProcessTest, terminate) {
-    EXPECT_FALSE(vllTerminateProcess(0, 0));
-    EXPECT_EQ(errno, ESRCH);
+    EXPECT_THAT(vllTerminateProcess(0, 0), FailsWith(ESRCH));
     for (const DWORD pid : {0xFFFFFFFFU, 0x80000000U, static_cast<DWORD>(INT_MAX)}) {
-        errno = 0;
-        EXPECT_FALSE(vllTerminateProcess(pid, 0));
-        EXPECT_EQ(errno, ESRCH);
+        EXPECT_THAT(vllTerminateProcess(pid, 0), FailsWith(ESRCH));
     }
-    ChildResult result = RunInChild([] {
+    ChildResult result = runInChild([] {
         atexit([] { _exit(1); });
         vllTerminateProcess(vllGetCurrentProcessId(), 42);
         return 2;
     });
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(result.status, 42);
-    result = RunInChild([] {
+    result = runInChild([] {
         static int code = 0;
         atexit([] { _exit(code); });
         code = 43;
@@ -531,10 +523,9 @@ TEST_F(ProcessTest, terminate) {
 
 TEST_F(ProcessTest, a_stranger_cannot_be_terminated) {
     const PROCESS_INFORMATION process = start("/bin/sleep", "60");
-    ExpectInChild([&] {
+    expectInChild([&] {
         EXPECT_EQ(setuid(65534), 0);
-        EXPECT_FALSE(vllTerminateProcess(process.dwProcessId, 0));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_THAT(vllTerminateProcess(process.dwProcessId, 0), FailsWith(EPERM));
         return 0;
     });
     end(process);

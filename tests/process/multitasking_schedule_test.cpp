@@ -8,6 +8,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/shown_process.h"
 #include "support/threads.h"
@@ -18,7 +19,7 @@ class ScheduleTest : public LibraryTest {};
 
 // Runs body in a child, where priorities and identity may change.
 void inChild(const std::function<void()> &body) {
-    ExpectInChild([&] {
+    expectInChild([&] {
         body();
         return 0;
     });
@@ -57,23 +58,18 @@ TEST_F(ScheduleTest, priority_class) {
                 EXPECT_EQ(parameter.sched_priority, row.priority);
             }
         }
-        EXPECT_FALSE(vllSetPriorityClass(0x7FFFFFFF, 0, 0));
-        EXPECT_EQ(errno, ESRCH);
+        EXPECT_THAT(vllSetPriorityClass(0x7FFFFFFF, 0, 0), FailsWith(ESRCH));
     });
 }
 
 TEST_F(ScheduleTest, without_privilege) {
     inChild([] {
         ASSERT_EQ(setuid(65534), 0);
-        EXPECT_FALSE(vllSetPriorityClass(self(), SCHED_FIFO, 1));
-        EXPECT_EQ(errno, EPERM);
-        EXPECT_FALSE(vllSetPriorityClass(1, SCHED_OTHER, 0));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_THAT(vllSetPriorityClass(self(), SCHED_FIFO, 1), FailsWith(EPERM));
+        EXPECT_THAT(vllSetPriorityClass(1, SCHED_OTHER, 0), FailsWith(EPERM));
         EXPECT_TRUE(vllSetPriorityClass(self(), SCHED_OTHER, 10));
-        EXPECT_FALSE(vllSetPriorityClass(self(), SCHED_OTHER, -5));
-        EXPECT_EQ(errno, EACCES);
-        EXPECT_FALSE(vllSetThreadPriority(vllGetCurrentThreadId(), SCHED_RR, 1));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_THAT(vllSetPriorityClass(self(), SCHED_OTHER, -5), FailsWith(EACCES));
+        EXPECT_THAT(vllSetThreadPriority(vllGetCurrentThreadId(), SCHED_RR, 1), FailsWith(EPERM));
     });
 }
 
@@ -89,17 +85,12 @@ TEST_F(ScheduleTest, thread_priority) {
         EXPECT_TRUE(vllGetThreadPriority(thread, &policy, &priority));
         EXPECT_EQ(policy, SCHED_RR);
         EXPECT_EQ(priority, 7);
-        EXPECT_FALSE(vllSetThreadPriority(thread, SCHED_RR, 0));
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(vllSetThreadPriority(thread, 77, 1));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllSetThreadPriority(thread, SCHED_RR, 0), FailsWith(EINVAL));
+        EXPECT_THAT(vllSetThreadPriority(thread, 77, 1), FailsWith(EINVAL));
 
-        EXPECT_FALSE(vllSetThreadPriority(0, SCHED_OTHER, 0));
-        EXPECT_EQ(errno, ESRCH);
-        EXPECT_FALSE(vllGetThreadPriority(0, &policy, &priority));
-        EXPECT_EQ(errno, ESRCH);
-        EXPECT_FALSE(vllGetThreadPriority(thread, nullptr, &priority));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllSetThreadPriority(0, SCHED_OTHER, 0), FailsWith(ESRCH));
+        EXPECT_THAT(vllGetThreadPriority(0, &policy, &priority), FailsWith(ESRCH));
+        EXPECT_THAT(vllGetThreadPriority(thread, nullptr, &priority), FailsWith(EINVAL));
         EXPECT_FALSE(vllGetThreadPriority(thread, &policy, nullptr));
         EXPECT_EQ(policy, SCHED_RR);
     });
@@ -112,33 +103,31 @@ class SleepTest : public LibraryTest {};
 TEST_F(SleepTest, for_the_time_asked) {
     EXPECT_EQ(vllSleep(0), 0);
     for (const DWORD ms : {1U, 30U, 1100U}) {
-        const int64_t start = NowMs();
+        const int64_t start = nowMs();
         EXPECT_EQ(vllSleep(ms), 0);
-        EXPECT_GE(NowMs() - start + 1, int64_t{ms});
+        EXPECT_GE(nowMs() - start + 1, int64_t{ms});
     }
 }
 
 TEST_F(SleepTest, refuses_what_is_negative) {
-    const int64_t start = NowMs();
+    const int64_t start = nowMs();
     for (const DWORD ms : {0xFFFFFFFFU, 0x80000000U, 0U - 1000U, 0U - 1500U}) {
-        errno = 0;
-        EXPECT_EQ(vllSleep(ms), -1);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllSleep(ms), FailsWith(EINVAL, -1));
     }
-    EXPECT_LT(NowMs() - start, 60000);
+    EXPECT_LT(nowMs() - start, 60000);
 }
 
 TEST_F(SleepTest, goes_on_after_signals) {
-    const SignalHandler handler(SIGALRM, IgnoreSignal);
+    const SignalHandler handler(SIGALRM, ignoreSignal);
     const itimerval every_5_ms = {{0, 5000}, {0, 5000}};
     setitimer(ITIMER_REAL, &every_5_ms, nullptr);
-    ResetCallCounts();
-    const int64_t start = NowMs();
+    resetCallCounts();
+    const int64_t start = nowMs();
     EXPECT_EQ(vllSleep(300), 0);
-    EXPECT_GE(NowMs() - start + 1, 300);
+    EXPECT_GE(nowMs() - start + 1, 300);
     const itimerval off = {};
     setitimer(ITIMER_REAL, &off, nullptr);
-    EXPECT_GE(CallCount("nanosleep"), 3U);  // it was interrupted
+    EXPECT_GE(callCount("nanosleep"), 3U);  // it was interrupted
 }
 
 // A thread that is cancelled in a blocking call unwinds: its clean-up is seen, and its handle is signalled.
@@ -153,11 +142,11 @@ void expectCancellable(void (*block)()) {
         tid = gettid();
         block();
     };
-    const HANDLE thread = StartThread(body);
-    ASSERT_TRUE(WaitUntil([&] { return tid != 0; }));
-    ASSERT_TRUE(WaitUntilAsleep(tid));
+    const HANDLE thread = startThread(body);
+    ASSERT_TRUE(waitUntil([&] { return tid != 0; }));
+    ASSERT_TRUE(waitUntilAsleep(tid));
     EXPECT_TRUE(vllTerminateThread(thread, 1));
-    FinishThread(thread);
+    finishThread(thread);
     EXPECT_TRUE(unwound);
 }
 
@@ -177,30 +166,30 @@ class DaemonTest : public LibraryTest {
 
     // A stand-in for pidof that writes its arguments to a file and prints an answer.
     void answer(const std::string &text) {
-        MakeScript(directory_, "pidof",
+        makeScript(directory_, "pidof",
                    "#!/bin/sh\nprintf '%s|' \"$@\" > " + directory_ + "/asked\nprintf '%b' '" + text + "'\n");
     }
     std::string asked() {
         const std::string file = directory_ + "/asked";
-        std::string text = ReadFile(file);
+        std::string text = readFile(file);
         unlink(file.c_str());
         return text;
     }
 
-    const std::string directory_ = MakeProgramDirectory();
+    const std::string directory_ = makeProgramDirectory();
     const Variable path_{"PATH", (directory_ + ":" + getenv("PATH")).c_str()};
 };
 
 TEST_F(DaemonTest, finds_a_real_program) {
     const std::string name = "vlltestdaemon" + std::to_string(getpid());
     EXPECT_EQ(vllGetDaemonPID(name.c_str()), -1);
-    MakeScript(directory_, name, ReadFile("/bin/sleep"));
+    makeScript(directory_, name, readFile("/bin/sleep"));
     PROCESS_INFORMATION process;
     ASSERT_TRUE(vllCreateProcess(nullptr, (name + " 60").c_str(), nullptr, &process));
-    EXPECT_TRUE(WaitUntil([&] { return vllGetDaemonPID(name.c_str()) != -1; }));
+    EXPECT_TRUE(waitUntil([&] { return vllGetDaemonPID(name.c_str()) != -1; }));
     EXPECT_EQ(vllGetDaemonPID(name.c_str()), static_cast<int32_t>(process.dwProcessId));
     EXPECT_TRUE(vllTerminateProcess(process.dwProcessId, 0));
-    FinishThread(process.hProcess);
+    finishThread(process.hProcess);
 }
 
 TEST_F(DaemonTest, reads_the_first_number_of_the_first_line) {
@@ -221,7 +210,7 @@ TEST_F(DaemonTest, reads_the_first_number_of_the_first_line) {
 TEST_F(DaemonTest, hostile_names_run_nothing) {
     answer("1\\n");
     const std::string touched = directory_ + "/touched";
-    ResetCallCounts();
+    resetCallCounts();
     const std::string names[] = {"",
                                  "a b",
                                  "a;touch " + touched,
@@ -251,13 +240,10 @@ TEST_F(DaemonTest, hostile_names_run_nothing) {
         EXPECT_EQ(vllGetDaemonPID(name.c_str()), -1) << name;
         EXPECT_EQ(errno, EINVAL) << name;
     }
-    errno = 0;
-    EXPECT_EQ(vllGetDaemonPID(nullptr), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(vllGetDaemonPID(std::string(44, 'a').c_str()), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_THAT(vllGetDaemonPID(nullptr), FailsWith(EINVAL, -1));
+    EXPECT_THAT(vllGetDaemonPID(std::string(44, 'a').c_str()), FailsWith(ENAMETOOLONG, -1));
     EXPECT_EQ(vllGetDaemonPID(std::string(100000, 'a').c_str()), -1);
-    EXPECT_EQ(CallCount("popen"), 0U);
+    EXPECT_EQ(callCount("popen"), 0U);
     EXPECT_EQ(asked(), "");
     EXPECT_EQ(access(touched.c_str(), F_OK), -1);
 
@@ -270,13 +256,11 @@ TEST_F(DaemonTest, hostile_names_run_nothing) {
 
 TEST_F(DaemonTest, no_pipe) {
     FailCall fail("popen", 1, EMFILE);
-    errno = 0;
-    EXPECT_EQ(vllGetDaemonPID("init"), -1);
-    EXPECT_EQ(errno, EMFILE);
+    EXPECT_THAT(vllGetDaemonPID("init"), FailsWith(EMFILE, -1));
 }
 
 TEST_F(DaemonTest, can_be_cancelled) {
-    MakeScript(directory_, "pidof", "#!/bin/sh\nexec sleep 2\n");
+    makeScript(directory_, "pidof", "#!/bin/sh\nexec sleep 2\n");
     expectCancellable([] { vllGetDaemonPID("init"); });
 }
 

@@ -10,6 +10,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 
 namespace {
@@ -77,8 +78,8 @@ class LogonTest : public LibraryTest {
             }
             ++id;
         }
-        CoverFile("/etc/passwd", passwd);
-        CoverFile("/etc/shadow", shadow);
+        coverFile("/etc/passwd", passwd);
+        coverFile("/etc/shadow", shadow);
         chmod("/etc/shadow", 0600);
     }
 };
@@ -105,9 +106,7 @@ TEST_F(LogonTest, accounts) {
             EXPECT_EQ(user.pw_name, nullptr);
         }
         for (const char *wrong : {"", "open sesam", "open sesame ", "*0"}) {
-            errno = 0;
-            EXPECT_FALSE(vllLogonUser(account.name.c_str(), wrong, &user));
-            EXPECT_EQ(errno, EACCES);
+            EXPECT_THAT(vllLogonUser(account.name.c_str(), wrong, &user), FailsWith(EACCES));
         }
         ++id;
     }
@@ -120,25 +119,20 @@ TEST_F(LogonTest, refuses) {
         EXPECT_FALSE(vllLogonUser(name, kPassword, &user)) << name;
         EXPECT_EQ(errno, EACCES) << name;
     }
-    EXPECT_FALSE(vllLogonUser("sha512", std::string(100000, 'p').c_str(), &user));
-    EXPECT_EQ(errno, EACCES);
-    EXPECT_FALSE(vllLogonUser(nullptr, kPassword, &user));
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_FALSE(vllLogonUser("sha512", nullptr, &user));
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_FALSE(vllLogonUser("sha512", kPassword, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllLogonUser("sha512", std::string(100000, 'p').c_str(), &user), FailsWith(EACCES));
+    EXPECT_THAT(vllLogonUser(nullptr, kPassword, &user), FailsWith(EINVAL));
+    EXPECT_THAT(vllLogonUser("sha512", nullptr, &user), FailsWith(EINVAL));
+    EXPECT_THAT(vllLogonUser("sha512", kPassword, nullptr), FailsWith(EINVAL));
 }
 
 TEST_F(LogonTest, without_privilege_the_shadow_hash_cannot_be_read) {
-    ExpectInChild([] {
+    expectInChild([] {
         passwd user;
         if (setgid(65534) != 0 || setuid(65534) != 0) {
             return 1;
         }
         EXPECT_TRUE(vllLogonUser("inpasswd", kPassword, &user));
-        EXPECT_FALSE(vllLogonUser("sha512", kPassword, &user));
-        EXPECT_EQ(errno, EACCES);
+        EXPECT_THAT(vllLogonUser("sha512", kPassword, &user), FailsWith(EACCES));
         return 0;
     });
 }

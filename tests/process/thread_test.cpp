@@ -9,6 +9,7 @@
 
 #include "support/child.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -17,7 +18,7 @@ namespace {
 class ThreadTest : public LibraryTest {};
 
 const ThreadData *dataOf(HANDLE thread) {
-    return &vlliGetObjectAddress(thread)->mem->thread;
+    return vlliThreadData(vlliGetObjectAddress(thread));
 }
 
 // The handle that the thread itself holds: the other record with the same state.
@@ -56,8 +57,8 @@ TEST_F(ThreadTest, runs_its_routine_and_stays_signalled) {
     EXPECT_EQ(dataOf(thread)->exitCode, 9U);
     const Owned duplicate(vllDuplicateHandle(thread));
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(IsSignalled(thread));
-        EXPECT_TRUE(IsSignalled(duplicate));
+        EXPECT_TRUE(isSignalled(thread));
+        EXPECT_TRUE(isSignalled(duplicate));
     }
     EXPECT_EQ(vllResumeThread(thread), 1U);
 }
@@ -71,14 +72,14 @@ TEST_F(ThreadTest, knows_itself) {
         seen_id = vllGetCurrentThreadId();
         own = vllGetCurrentThread();
         EXPECT_EQ(dataOf(own)->handle, own);
-        EXPECT_RESULT(vllCloseHandle(own), FALSE, EINVAL);
-        EXPECT_FALSE(IsSignalled(own));
+        EXPECT_THAT(vllCloseHandle(own), Yields(FALSE, EINVAL));
+        EXPECT_FALSE(isSignalled(own));
     };
-    const Owned thread(StartThread(body));
+    const Owned thread(startThread(body));
     waitForEnd(thread);
     EXPECT_EQ(seen_id, dataOf(thread)->threadId);
     EXPECT_NE(own, HANDLE{thread});
-    EXPECT_TRUE(WaitUntil([&] { return References(own) == 0; })) << "closed by the thread";
+    EXPECT_TRUE(waitUntil([&] { return references(own) == 0; })) << "closed by the thread";
 }
 
 TEST_F(ThreadTest, suspended_until_resumed) {
@@ -95,13 +96,13 @@ TEST_F(ThreadTest, suspended_until_resumed) {
 TEST_F(ThreadTest, terminated_while_suspended_runs_nothing) {
     std::atomic<int> runs{0};
     const Owned thread(vllCreateThread(0, routineThatReturns9, &runs, nullptr, 1));
-    ExpectFailure(
+    expectFailure(
         {"pthread_cancel", 1, EPERM, {}}, [&] { return vllTerminateThread(thread, 8); }, FALSE);
     EXPECT_EQ(dataOf(thread)->exitCode, 0U);
     EXPECT_TRUE(vllTerminateThread(thread, 5));
     waitForEnd(thread);
     EXPECT_EQ(runs, 0);
-    EXPECT_RESULT(vllTerminateThread(thread, 6), FALSE, ESRCH);
+    EXPECT_THAT(vllTerminateThread(thread, 6), Yields(FALSE, ESRCH));
     EXPECT_EQ(dataOf(thread)->exitCode, 5U);
 }
 
@@ -129,39 +130,39 @@ TEST_F(ThreadTest, stack_sizes) {
             return 0;
         },
         &size, nullptr, 0);
-    FinishThread(thread);
+    finishThread(thread);
     EXPECT_GE(size, 1U << 20);
     EXPECT_LE(size, (1U << 20) + (1U << 16));
-    EXPECT_RESULT(vllCreateThread(1, routineThatReturns9, nullptr, nullptr, 0), 0U, EINVAL);
-    EXPECT_EQ(TakeErrors(), Errors{"VLLI: CreateThread: pthread_attr_setstacksize() = 22\n"});
-    EXPECT_RESULT(vllCreateThread(0, nullptr, nullptr, nullptr, 0), 0U, EINVAL);
+    EXPECT_THAT(vllCreateThread(1, routineThatReturns9, nullptr, nullptr, 0), Yields(0U, EINVAL));
+    EXPECT_EQ(takeErrors(), Errors{"VLLI: CreateThread: pthread_attr_setstacksize() = 22\n"});
+    EXPECT_THAT(vllCreateThread(0, nullptr, nullptr, nullptr, 0), Yields(0U, EINVAL));
 }
 
 TEST_F(ThreadTest, handles_that_are_no_thread) {
-    const Owned event(MakeManualEvent());
-    const HANDLE closed = MakeManualEvent();
+    const Owned event(makeManualEvent());
+    const HANDLE closed = makeManualEvent();
     vllCloseHandle(closed);
     const HANDLE handles[] = {event,        closed, 0, 1, 0x50000, OBJ_THREAD | (closed & kIndexMask),
                               OBJ_MUTEX | 1};
     for (const HANDLE handle : handles) {
-        EXPECT_RESULT(vllResumeThread(handle), 0U, EINVAL);
-        EXPECT_RESULT(vllTerminateThread(handle, 1), FALSE, EINVAL);
+        EXPECT_THAT(vllResumeThread(handle), Yields(0U, EINVAL));
+        EXPECT_THAT(vllTerminateThread(handle, 1), Yields(FALSE, EINVAL));
     }
-    EXPECT_FALSE(IsSignalled(event));
-    TakeErrors();
+    EXPECT_FALSE(isSignalled(event));
+    takeErrors();
 }
 
 TEST_F(ThreadTest, terminating_a_record_without_a_thread) {
     const Owned bare(vlliCreateObject(OBJ_THREAD));
     ObjectRecord *record = vlliGetObjectAddress(bare);
     record->fd = -1;
-    EXPECT_RESULT(vllTerminateThread(bare, 1), FALSE, EFAULT);
-    EXPECT_EQ(TakeErrors(),
-              Errors{Format("VLL: TerminateThread(T%08X) ERROR: T%08X->threadId = 0!\n", HANDLE{bare}, 0)});
+    EXPECT_THAT(vllTerminateThread(bare, 1), Yields(FALSE, EFAULT));
+    EXPECT_EQ(takeErrors(),
+              Errors{format("VLL: TerminateThread(T%08X) ERROR: T%08X->threadId = 0!\n", HANDLE{bare}, 0)});
     ObjmemRecord *mem = record->mem;
     record->mem = nullptr;
-    EXPECT_RESULT(vllTerminateThread(bare, 1), FALSE, EFAULT);
-    EXPECT_EQ(TakeErrors(), Errors{Format("VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n",
+    EXPECT_THAT(vllTerminateThread(bare, 1), Yields(FALSE, EFAULT));
+    EXPECT_EQ(takeErrors(), Errors{format("VLL: TerminateThread(T%08X) ERROR: T%08X->pThreadData = NULL !\n",
                                           HANDLE{bare}, HANDLE{bare})});
     EXPECT_EQ(vllResumeThread(bare), 1U);
     record->mem = mem;
@@ -177,7 +178,7 @@ TEST_F(ThreadTest, failing_calls_of_a_creation) {
     };
     for (const Failure &failure : failures) {
         uintptr_t id = 1;
-        ExpectFailure(
+        expectFailure(
             failure, [&] { return vllCreateThread(0, routineThatReturns9, &runs, &id, 0); }, 0);
         EXPECT_EQ(id, 1U);
     }
@@ -194,17 +195,17 @@ TEST_F(ThreadTest, a_signal_at_a_suspended_thread) {
     const Owned thread(vllCreateThread(0, routineThatReturns9, &runs, &id, 1));
     const HANDLE own = ownHandleOf(thread);
     // The signal may come before the wait, which then is not broken.
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(waitUntil([&] {
         {
             const TableLock lock;  // a thread that cannot close its own handle exists
             if (vlliGetObjectAddress(own)->refCount != 0) {
                 pthread_kill(id, SIGUSR1);
             }
         }
-        return IsSignalled(thread);
+        return isSignalled(thread);
     }));
     EXPECT_EQ(runs, 0);
-    EXPECT_EQ(TakeErrors(), Errors{Format("VLLI: ThreadWrapper: T%08X, resume wait error %d [%s]\n", own,
+    EXPECT_EQ(takeErrors(), Errors{format("VLLI: ThreadWrapper: T%08X, resume wait error %d [%s]\n", own,
                                           EINTR, strerror(EINTR))});
     sigaction(SIGUSR1, &old, nullptr);
 }
@@ -212,9 +213,9 @@ TEST_F(ThreadTest, a_signal_at_a_suspended_thread) {
 // A thread as soon as there is room: the record of an ended thread is free a moment after its signal.
 HANDLE startWhenRoom(std::atomic<int> *runs) {
     HANDLE thread = 0;
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(waitUntil([&] {
         thread = vllCreateThread(0, routineThatReturns9, runs, nullptr, 0);
-        TakeErrors();
+        takeErrors();
         return thread != 0;
     }));
     return thread;
@@ -228,7 +229,7 @@ TEST_F(ThreadTest, a_thousand_threads_leave_nothing) {
         alive.push_back(startWhenRoom(&runs));
         if (alive.size() == kObjmemCount || i == 999) {
             for (const HANDLE thread : alive) {
-                FinishThread(thread);
+                finishThread(thread);
             }
             alive.clear();
         }
@@ -251,7 +252,7 @@ TEST_F(ThreadTest, ending_meets_close_resume_and_terminate) {
         }
         EXPECT_TRUE(vllCloseHandle(thread));
     }
-    EXPECT_TRUE(WaitUntil([] { return TakeInventory().free_objmem == kObjmemCount; }));
+    EXPECT_TRUE(waitUntil([] { return takeInventory().free_objmem == kObjmemCount; }));
     EXPECT_GE(runs, 400) << "a closed handle ends no thread";
 }
 
@@ -269,7 +270,7 @@ TEST_F(ThreadTest, a_thread_ends_itself_with_its_code_and_unwound) {
                 vllExitThread(12);
             }
         };
-        const Owned thread(StartThread(body));
+        const Owned thread(startThread(body));
         waitForEnd(thread);
         EXPECT_FALSE(went_on);
         EXPECT_EQ(destructed, 1);
@@ -279,7 +280,7 @@ TEST_F(ThreadTest, a_thread_ends_itself_with_its_code_and_unwound) {
 
 // Every operation that blocks: a thread cancelled inside it runs its destructors, is signalled and holds nothing.
 TEST_F(ThreadTest, cancelled_inside_every_blocking_operation) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     const Owned timer(vllCreateWaitableTimer(nullptr));
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
@@ -306,7 +307,7 @@ TEST_F(ThreadTest, cancelled_inside_every_blocking_operation) {
         for (const auto &[name, block] : blocking) {
             SCOPED_TRACE(name);
             std::atomic<int> destructed{0};
-            const Inventory before = TakeInventory();
+            const Inventory before = takeInventory();
             const std::function<void()> body = [&, &operation = block] {
                 const Destructed local{&destructed};
                 if (pending) {
@@ -316,25 +317,25 @@ TEST_F(ThreadTest, cancelled_inside_every_blocking_operation) {
                 ADD_FAILURE() << "not cancelled";
             };
             if (pending) {
-                FinishThread(StartThread(body));
+                finishThread(startThread(body));
             } else {
                 const Sleeper sleeper(body);
                 EXPECT_TRUE(vllTerminateThread(sleeper.handle(), 1));
             }
             EXPECT_EQ(destructed, 1);
             Inventory after;
-            EXPECT_TRUE(WaitUntil([&] { return (after = TakeInventory()) == before; })) << after << before;
-            EXPECT_EQ(References(event), 1);
+            EXPECT_TRUE(waitUntil([&] { return (after = takeInventory()) == before; })) << after << before;
+            EXPECT_EQ(references(event), 1);
         }
     }
     close(pair[0]);
     close(pair[1]);
-    TakeErrors();
+    takeErrors();
 }
 
 // A signal that was pending when the waiter was cancelled is still there for the next.
 TEST_F(ThreadTest, a_cancelled_wait_consumes_nothing) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     int lost = 0;
     for (int i = 0; i < 100; ++i) {
         std::atomic<bool> took{false};
@@ -342,28 +343,28 @@ TEST_F(ThreadTest, a_cancelled_wait_consumes_nothing) {
             const DWORD result = vllWaitForSingleObject(event, INFINITE);
             took = result == WAIT_OBJECT_0;
         };
-        const HANDLE thread = StartThread(body);
+        const HANDLE thread = startThread(body);
         for (volatile int spin = i * 100; spin > 0; spin = spin - 1) {
         }
         const bool cancelled = vllTerminateThread(thread, 0) != 0;
         EXPECT_TRUE(cancelled);
         vllSetEvent(event);
-        FinishThread(thread);
-        lost += took == IsSignalled(event);
+        finishThread(thread);
+        lost += took == isSignalled(event);
     }
     EXPECT_EQ(lost, 0);
 }
 
 // The threads of the parent do not run in a forked child. The one here sleeps by then: it holds no lock of a sanitizer.
 TEST_F(ThreadTest, a_forked_child_has_no_thread_of_its_parent) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Sleeper parents([&] { vllWaitForSingleObject(event, INFINITE); });
-    ExpectInChild([&] {
+    expectInChild([&] {
         const auto body = [] {};
         for (int i = 0; i < 2; ++i) {
-            EXPECT_RESULT(vllTerminateThread(parents.handle(), 1), FALSE, ESRCH);
+            EXPECT_THAT(vllTerminateThread(parents.handle(), 1), Yields(FALSE, ESRCH));
             EXPECT_EQ(vllWaitForSingleObject(parents.handle(), 0), WAIT_TIMEOUT);
-            FinishThread(StartThread(body));
+            finishThread(startThread(body));
         }
         return 0;
     });

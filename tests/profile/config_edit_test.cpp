@@ -12,6 +12,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/private_machine.h"
 
@@ -26,7 +27,7 @@ class ConfigEditTest : public LibraryTest {
   protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        file_ = FreshDirectory() + "/app.ini";
+        file_ = freshDirectory() + "/app.ini";
         copy_ = file_ + "copy";
         umask(022);
     }
@@ -144,57 +145,57 @@ const EditCase kEdits[] = {
 TEST_F(ConfigEditTest, bytes_of_every_edit) {
     for (const EditCase &row : kEdits) {
         SCOPED_TRACE(row.source_line);
-        WriteFile(file_, row.before);
-        WriteFile(copy_, "what an earlier edit left");
+        writeFile(file_, row.before);
+        writeFile(copy_, "what an earlier edit left");
         chmod(file_.c_str(), 0640);
         chmod(copy_.c_str(), 0777);
         errno = 0;
         EXPECT_EQ(row.edit(file_.c_str()), row.error == 0);
         EXPECT_EQ(row.error == 0 ? 0 : errno, row.error);
-        EXPECT_EQ(ReadFile(file_), row.error == 0 ? row.after : row.before);
-        EXPECT_FALSE(Exists(copy_));
+        EXPECT_EQ(readFile(file_), row.error == 0 ? row.after : row.before);
+        EXPECT_FALSE(exists(copy_));
     }
 }
 
 TEST_F(ConfigEditTest, permissions_of_the_new_file) {
-    WriteFile(file_, "[S]\n");
+    writeFile(file_, "[S]\n");
     chmod(file_.c_str(), 0600);
     EXPECT_FALSE(vllDeleteConfigValue(file_.c_str(), "S", "k"));
-    EXPECT_EQ(ModeOf(file_), 0600U);
+    EXPECT_EQ(modeOf(file_), 0600U);
     for (const mode_t mode : {0600U, 0666U}) {  // beyond the umask, too
         chmod(file_.c_str(), mode);
         EXPECT_TRUE(vllAddConfigSection(file_.c_str(), mode == 0600 ? "T" : "U"));
-        EXPECT_EQ(ModeOf(file_), mode);
+        EXPECT_EQ(modeOf(file_), mode);
     }
     EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
-    EXPECT_EQ(ModeOf(file_), 0644U);
+    EXPECT_EQ(modeOf(file_), 0644U);
 }
 
 TEST_F(ConfigEditTest, a_section_that_exists_leaves_the_copy) {
-    WriteFile(file_, "[S]\n");
-    EXPECT_TRUE(Fails(vllAddConfigSection(file_.c_str(), "s"), EEXIST));
-    EXPECT_EQ(ReadFile(copy_), "[S]\n");
+    writeFile(file_, "[S]\n");
+    EXPECT_THAT(vllAddConfigSection(file_.c_str(), "s"), FailsWith(EEXIST));
+    EXPECT_EQ(readFile(copy_), "[S]\n");
     EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
-    EXPECT_FALSE(Exists(copy_));
+    EXPECT_FALSE(exists(copy_));
 }
 
 TEST_F(ConfigEditTest, profile_operation_creates_the_file) {
     EXPECT_TRUE(vllWritePrivateProfileString("S", "k", "v", file_.c_str()));
-    EXPECT_EQ(ReadFile(file_), "\n[S]\nk=v\n");
+    EXPECT_EQ(readFile(file_), "\n[S]\nk=v\n");
     unlink(file_.c_str());
     EXPECT_TRUE(vllWritePrivateProfileString(nullptr, "k", "v", file_.c_str()));
-    EXPECT_EQ(ReadFile(file_), "k=v\n");
+    EXPECT_EQ(readFile(file_), "k=v\n");
     unlink(file_.c_str());
-    EXPECT_TRUE(Fails(vllWritePrivateProfileString("S", "k", nullptr, file_.c_str()), ENOENT));
-    EXPECT_EQ(ReadFile(file_), "\n[S]\n");
-    EXPECT_TRUE(Fails(vllWritePrivateProfileString("S", "k", "v", "/mnt/lost/app.ini"), ENOENT));
+    EXPECT_THAT(vllWritePrivateProfileString("S", "k", nullptr, file_.c_str()), FailsWith(ENOENT));
+    EXPECT_EQ(readFile(file_), "\n[S]\n");
+    EXPECT_THAT(vllWritePrivateProfileString("S", "k", "v", "/mnt/lost/app.ini"), FailsWith(ENOENT));
 }
 
 // At the first sync the copy is whole and the file is the old one, at the second it is the new one.
 TEST_F(ConfigEditTest, order_of_an_edit) {
-    WriteFile(file_, "[S]\n");
+    writeFile(file_, "[S]\n");
     std::vector<string> seen;
-    on_sync = [&] { seen.push_back(ReadFile(file_) + (Exists(copy_) ? "|" + ReadFile(copy_) : "")); };
+    on_sync = [&] { seen.push_back(readFile(file_) + (exists(copy_) ? "|" + readFile(copy_) : "")); };
     EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
     EXPECT_EQ(seen, (std::vector<string>{"[S]\n|[S]\nk=v\n", "[S]\nk=v\n"}));
     seen.clear();
@@ -204,7 +205,7 @@ TEST_F(ConfigEditTest, order_of_an_edit) {
 
 // A child runs the operation and is killed at its n-th stop; each system call has two. True when it was done before.
 bool KillAtStop(int n, const std::function<void()> &operation) {
-    const pid_t pid = StartChild([&] {
+    const pid_t pid = startChild([&] {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         raise(SIGSTOP);
         operation();
@@ -244,16 +245,16 @@ TEST_F(ConfigEditTest, killed_at_every_system_call) {
         auto step = row.steps.begin();
         int stops = 0;
         for (bool done = false; !done && !HasFailure(); ++stops) {
-            WriteFile(file_, before);
+            writeFile(file_, before);
             done = KillAtStop(stops, [&] { row.edit(file_.c_str()); });
-            EXPECT_TRUE(Exists(file_));
-            const string content = ReadFile(file_);
+            EXPECT_TRUE(exists(file_));
+            const string content = readFile(file_);
             step = std::find(step, row.steps.end(), content);
             EXPECT_NE(step, row.steps.end()) << "at stop " << stops;
             // Whatever is left there does not disturb the next edit.
             EXPECT_TRUE(vllAddConfigValue(file_.c_str(), nullptr, "next", "edit"));
-            EXPECT_EQ(ReadFile(file_), "next=edit\n" + content);
-            EXPECT_FALSE(Exists(copy_));
+            EXPECT_EQ(readFile(file_), "next=edit\n" + content);
+            EXPECT_FALSE(exists(copy_));
         }
         EXPECT_EQ(step, row.steps.end() - 1);
         EXPECT_GT(stops, 20);
@@ -264,14 +265,14 @@ TEST_F(ConfigEditTest, killed_at_every_system_call) {
 void expectAllFail(const string &file, int error) {
     const Operation edits[] = {Add("S", "k", "v"), Delete("S", "k"),     AddSection("T"),
                                DeleteSection("S"), Write("S", "k", "v"), Write("T", "k", "v")};
-    const string before = ReadFile(file);
-    const bool had_copy = Exists(file + "copy");
+    const string before = readFile(file);
+    const bool had_copy = exists(file + "copy");
     for (const Operation &edit : edits) {
         SCOPED_TRACE(&edit - edits);
         errno = 0;
-        EXPECT_TRUE(Fails(edit(file.c_str()), error));
-        EXPECT_TRUE(ReadFile(file) == before);
-        EXPECT_EQ(Exists(file + "copy"), had_copy);
+        EXPECT_THAT(edit(file.c_str()), FailsWith(error));
+        EXPECT_TRUE(readFile(file) == before);
+        EXPECT_EQ(exists(file + "copy"), had_copy);
     }
 }
 
@@ -279,7 +280,7 @@ TEST_F(ConfigEditTest, files_that_cannot_be_edited) {
     mkdir(file_.c_str(), 0755);
     expectAllFail(file_, EISDIR);
     rmdir(file_.c_str());
-    WriteFile(file_, "[S]\nk=1\n");
+    writeFile(file_, "[S]\nk=1\n");
     mkdir(copy_.c_str(), 0755);
     expectAllFail(file_, EEXIST);
     rmdir(copy_.c_str());
@@ -289,16 +290,16 @@ TEST_F(ConfigEditTest, files_that_cannot_be_edited) {
 
 TEST_F(ConfigEditTest, disk_full) {
     mkdir("/mnt/small", 0755);
-    CoverDirectory("/mnt/small", "64k");
+    coverDirectory("/mnt/small", "64k");
     const string file = "/mnt/small/app.ini";
-    WriteFile(file, "[S]\nk=1\n[Big]\n" + string(40000, ';') + "\n");
+    writeFile(file, "[S]\nk=1\n[Big]\n" + string(40000, ';') + "\n");
     expectAllFail(file, ENOSPC);
     umount2("/mnt/small", MNT_DETACH);
 }
 
 TEST_F(ConfigEditTest, failing_calls) {
-    WriteFile(file_, "[S]\nk=1\n" + string(9000, ';') + "\n");
-    const string before = ReadFile(file_);
+    writeFile(file_, "[S]\nk=1\n" + string(9000, ';') + "\n");
+    const string before = readFile(file_);
     const struct {
         const char *call;
         int nth;
@@ -310,9 +311,9 @@ TEST_F(ConfigEditTest, failing_calls) {
             const bool done = edit(file_.c_str());
             EXPECT_EQ(done, !fail.happened());
             EXPECT_EQ(done ? EIO : errno, EIO);
-            EXPECT_FALSE(Exists(copy_));
-            EXPECT_EQ(done || ReadFile(file_) == before, true);
-            WriteFile(file_, before);
+            EXPECT_FALSE(exists(copy_));
+            EXPECT_EQ(done || readFile(file_) == before, true);
+            writeFile(file_, before);
         }
     }
     for (const char *call : {"read", "write", "fsync"}) {
@@ -321,36 +322,36 @@ TEST_F(ConfigEditTest, failing_calls) {
         EXPECT_TRUE(interrupted.happened()) << call;
     }
     // A rename that fails is not told; the new content is in the copy.
-    WriteFile(file_, before);
+    writeFile(file_, before);
     const FailCall fail("rename", 1, EACCES);
     EXPECT_TRUE(vllDeleteConfigSection(file_.c_str(), "S"));
-    EXPECT_EQ(ReadFile(file_), before);
-    EXPECT_EQ(ReadFile(copy_), "");
+    EXPECT_EQ(readFile(file_), before);
+    EXPECT_EQ(readFile(copy_), "");
 }
 
 TEST_F(ConfigEditTest, file_names_that_leave_no_room_for_the_copy) {
     const string longest = "/mnt" + string(244, '/') + "app.ini";
     ASSERT_EQ(longest.size(), 255U);
-    WriteFile(longest, "[S]\nk=1\n");
+    writeFile(longest, "[S]\nk=1\n");
     EXPECT_TRUE(vllAddConfigValue(longest.c_str(), "S", "k", "v"));
     EXPECT_TRUE(vllAddConfigSection(longest.c_str(), "T"));
-    EXPECT_EQ(ReadFile(file_), "[S]\nk=v\n\n[T]\n");
+    EXPECT_EQ(readFile(file_), "[S]\nk=v\n\n[T]\n");
     expectAllFail("/" + longest, ENAMETOOLONG);
     unlink(file_.c_str());
     EXPECT_FALSE(vllWritePrivateProfileString("S", "k", "v", ("/" + longest).c_str()));
-    EXPECT_FALSE(Exists(file_));
+    EXPECT_FALSE(exists(file_));
 }
 
 // Names that would not be read back are refused: every edit would add them once more.
 TEST_F(ConfigEditTest, refused_names) {
     const string longest(1023, 'n');
     const string too_long(1024, 'n');
-    WriteFile(file_, "[S]\nk=1\n");
-    const string before = ReadFile(file_);
+    writeFile(file_, "[S]\nk=1\n");
+    const string before = readFile(file_);
     const auto refused = [&](BOOL result) {
-        const bool as_expected = !result && errno == EINVAL && ReadFile(file_) == before;
+        const bool as_expected = !result && errno == EINVAL && readFile(file_) == before;
         errno = 0;
-        return as_expected && !Exists(copy_);
+        return as_expected && !exists(copy_);
     };
     const char *const file = file_.c_str();
     for (const char *key : {"", "a=b", ";k", "#k", "[k]", "\"k\"", "'k", "k\n", "a\nb", "=", "a\" b", "k\r",
@@ -393,20 +394,20 @@ TEST_F(ConfigEditTest, not_a_cancellation_point) {
         done = vllWritePrivateProfileString("S", "k", "v", file_.c_str()) != 0 &&
                vllGetPrivateProfileInt("S", "k", 7, file_.c_str()) == 0;
     };
-    FinishThread(StartThread(body));
+    finishThread(startThread(body));
     EXPECT_TRUE(done);
-    EXPECT_EQ(ReadFile(file_), "\n[S]\nk=v\n");
+    EXPECT_EQ(readFile(file_), "\n[S]\nk=v\n");
 }
 
 // Standard output of a call in a child.
 string outputOf(const std::function<int()> &body) {
     const string output = "/mnt/output";
-    const ChildResult result = RunInChild([&] {
+    const ChildResult result = runInChild([&] {
         EXPECT_NE(freopen(output.c_str(), "w", stdout), nullptr);
         return body();
     });
     EXPECT_TRUE(result.exited);
-    return ReadFile(output) + std::to_string(result.status);
+    return readFile(output) + std::to_string(result.status);
 }
 
 TEST_F(ConfigEditTest, saving_the_configuration_store) {
@@ -414,7 +415,7 @@ TEST_F(ConfigEditTest, saving_the_configuration_store) {
     const string missing = std::to_string(ENOENT);
     EXPECT_EQ(outputOf([&] { return vllRegSaveKey(0, file, nullptr); }),
               "Cannot open source file (/proc/Ulmex/VConfig/data).\n" + missing);
-    EXPECT_FALSE(Exists(file_));
+    EXPECT_FALSE(exists(file_));
     EXPECT_EQ(vllRegSaveKey(0, nullptr, nullptr), EINVAL);
 
     const string source = file_ + ".source";
@@ -422,30 +423,28 @@ TEST_F(ConfigEditTest, saving_the_configuration_store) {
     for (size_t i = 0; i < content.size(); ++i) {
         content[i] = static_cast<char>(i * 31);
     }
-    WriteFile(source, content);
-    WriteFile(file_, "old");
+    writeFile(source, content);
+    writeFile(file_, "old");
     EXPECT_EQ(__CopyFile(source.c_str(), file, "w"), 0);
-    EXPECT_EQ(ReadFile(file_), content);
+    EXPECT_EQ(readFile(file_), content);
     EXPECT_EQ(outputOf([&] { return __CopyFile(source.c_str(), "/mnt/lost/x", "w"); }),
               "Cannot open destination file (/mnt/lost/x).\n1");
-    EXPECT_EQ(__CopyFile(source.c_str(), "/dev/full", "w"), 1);
-    EXPECT_EQ(errno, ENOSPC);
-    EXPECT_EQ(__CopyFile("/mnt", file, "w"), 1);
-    EXPECT_EQ(errno, EISDIR);
+    EXPECT_THAT(__CopyFile(source.c_str(), "/dev/full", "w"), FailsWith(ENOSPC, 1));
+    EXPECT_THAT(__CopyFile("/mnt", file, "w"), FailsWith(EISDIR, 1));
 
     // The store itself, where /proc can be covered.
     EXPECT_EQ(outputOf([&] {
-                  CoverDirectory("/proc");
+                  coverDirectory("/proc");
                   mkdir("/proc/Ulmex", 0755);
                   mkdir("/proc/Ulmex/VConfig", 0755);
-                  WriteFile("/proc/Ulmex/VConfig/data", "the store");
+                  writeFile("/proc/Ulmex/VConfig/data", "the store");
                   const LONG result = vllRegSaveKey(7, file, nullptr);
                   EXPECT_EQ(vllRegSaveKey(7, "/mnt/lost/x", nullptr), ENOENT);
                   umount2("/proc", MNT_DETACH);
                   return result;
               }),
               "Cannot open destination file (/mnt/lost/x).\n0");
-    EXPECT_EQ(ReadFile(file_), "the store");
+    EXPECT_EQ(readFile(file_), "the store");
 }
 
 }  // namespace

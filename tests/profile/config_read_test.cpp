@@ -7,6 +7,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 
 namespace {
@@ -19,10 +20,10 @@ class ConfigReadTest : public LibraryTest {
   protected:
     void SetUp() override {
         LibraryTest::SetUp();
-        file_ = FreshDirectory() + "/app.ini";
+        file_ = freshDirectory() + "/app.ini";
     }
     const char *put(const string &content) {
-        WriteFile(file_, content);
+        writeFile(file_, content);
         errno = 0;
         return file_.c_str();
     }
@@ -148,7 +149,7 @@ TEST_F(ConfigReadTest, lists_in_buffers_of_every_size) {
     const char *const with = put(
         "[Net]\na=1\nflag\n'quoted key' = 'x ' ;\n[Audio]\n[net]\nz=1\n[E]\n; none\n[A long section name]\n");
     const string without = file_ + "2";
-    WriteFile(without, "");
+    writeFile(without, "");
     for (DWORD size = 0; size <= 48; ++size) {
         SCOPED_TRACE(size);
         EXPECT_EQ(withBuffer(size, Sections(with, "dflt")),
@@ -202,9 +203,8 @@ TEST_F(ConfigReadTest, profile_string_chooses_what_to_list) {
     EXPECT_EQ(memcmp(buffer, "Net\0Audio\0", 11), 0);
     EXPECT_EQ(vllGetPrivateProfileString("Net", nullptr, nullptr, buffer, sizeof buffer, file), 4U);
     EXPECT_EQ(memcmp(buffer, "a\0b\0", 5), 0);
-    errno = 0;
-    EXPECT_EQ(vllGetPrivateProfileString(nullptr, nullptr, "d", buffer, sizeof buffer, file), kFailed);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetPrivateProfileString(nullptr, nullptr, "d", buffer, sizeof buffer, file),
+                FailsWith(EINVAL, kFailed));
     EXPECT_EQ(vllGetPrivateProfileString("Net", "lost", nullptr, buffer, sizeof buffer, file), 0U);
     EXPECT_STREQ(buffer, "");
 }
@@ -234,8 +234,7 @@ TEST_F(ConfigReadTest, profile_int) {
     EXPECT_EQ(errno, ENOBUFS);
     EXPECT_EQ(static_cast<int32_t>(vllGetPrivateProfileInt("S", "lost", -5, file_.c_str())), -5);
     EXPECT_EQ(static_cast<int32_t>(vllGetPrivateProfileInt("S", nullptr, -6, file_.c_str())), -6);
-    EXPECT_EQ(vllGetPrivateProfileInt("S", "timeout", 7, "/mnt/lost.ini"), 7U);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(vllGetPrivateProfileInt("S", "timeout", 7, "/mnt/lost.ini"), FailsWith(ENOENT, 7U));
 }
 
 // Pieces of 4095 bytes are lines of their own; a line of 4095 bytes with its newline is still one.
@@ -275,8 +274,7 @@ TEST_F(ConfigReadTest, big_file) {
     EXPECT_EQ(value("section 0", "key"), "value");
     std::vector<char> list(4 << 20);
     const DWORD size = static_cast<DWORD>(list.size());
-    EXPECT_EQ(vllReadAllSections(nullptr, list.data(), size, file_.c_str()), size - 2);
-    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_THAT(vllReadAllSections(nullptr, list.data(), size, file_.c_str()), FailsWith(ENOBUFS, size - 2));
 }
 
 // What cannot be read: nothing is stored in lists, and a single value is its default.
@@ -320,12 +318,12 @@ TEST_F(ConfigReadTest, null_arguments) {
     const char *const file = put("[S]\nk=v\n");
     char buffer[8];
     DWORD size = sizeof buffer;
-    EXPECT_TRUE(Fails(vllReadConfigValue(file, "S", nullptr, buffer, &size), EINVAL));
-    EXPECT_TRUE(Fails(vllReadConfigValue(file, "S", "k", buffer, nullptr), EINVAL));
+    EXPECT_THAT(vllReadConfigValue(file, "S", nullptr, buffer, &size), FailsWith(EINVAL));
+    EXPECT_THAT(vllReadConfigValue(file, "S", "k", buffer, nullptr), FailsWith(EINVAL));
     for (const Read &read : {Value(file, "S", "k"), Sections(file, nullptr), Keys(file, "S", nullptr),
                              Entries(file, "S"), ProfileString(file, "S", "k", nullptr)}) {
         errno = 0;
-        EXPECT_TRUE(Fails(read(nullptr, &size), EINVAL));
+        EXPECT_THAT(read(nullptr, &size), FailsWith(EINVAL));
     }
 }
 

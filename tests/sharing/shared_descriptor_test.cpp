@@ -1,4 +1,6 @@
 #include "sharing/shared_descriptor.h"
+#include "base/descriptor.h"
+#include "base/guards.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,10 +12,10 @@
 #include <cstring>
 #include <thread>
 
-#include "base/internal.h"
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 
 namespace {
@@ -117,7 +119,7 @@ class SharedDescriptorTest : public LibraryTest {
     // hang on ThreadSanitizer's own locks.
     void publish(const char *name, int fd) {
         ASSERT_TRUE(vllSetSharedFileDescriptor(fd, name));
-        ASSERT_TRUE(WaitUntil(
+        ASSERT_TRUE(waitUntil(
             [] { return vllGetSharedFileDescriptor("nobody published this") == -1 && errno == ENOENT; }));
     }
     Fd file_;
@@ -128,13 +130,13 @@ TEST_F(SharedDescriptorTest, another_process_gets_the_same_open_file) {
     publish("a", file_.get());
     publish("b", other.get());
     publish("a", other.get());  // the older one of a name is found
-    const ChildResult child = RunInChild([&] {
+    const ChildResult child = runInChild([&] {
         const Fd fetched(vllGetSharedFileDescriptor("a"));
         EXPECT_TRUE(sameOpenFile(file_.get(), fetched.get()));
         const Fd null(vllGetSharedFileDescriptor("b"));
         EXPECT_TRUE(null);
         EXPECT_FALSE(sameOpenFile(file_.get(), null.get()));
-        EXPECT_FAILS(ENOENT, vllGetSharedFileDescriptor("c") != -1);
+        EXPECT_THAT(vllGetSharedFileDescriptor("c") != -1, FailsWith(ENOENT));
         return 0;
     });
     EXPECT_EQ(child.status, 0);
@@ -142,20 +144,20 @@ TEST_F(SharedDescriptorTest, another_process_gets_the_same_open_file) {
     EXPECT_TRUE(sameOpenFile(file_.get(), own.get()));
     EXPECT_EQ(vllDeallocateSharedFdList(), 0);
     EXPECT_EQ(server_thread_id, static_cast<uintptr_t>(-1));
-    EXPECT_FAILS(ECONNREFUSED, vllGetSharedFileDescriptor("a") != -1);
+    EXPECT_THAT(vllGetSharedFileDescriptor("a") != -1, FailsWith(ECONNREFUSED));
     EXPECT_NE(fcntl(file_.get(), F_GETFD), -1);
     EXPECT_EQ(vllDeallocateSharedFdList(), 0);  // of an empty registry
 }
 
 TEST_F(SharedDescriptorTest, refusals) {
-    EXPECT_FAILS(EBADF, vllSetSharedFileDescriptor(250, "a"));
-    EXPECT_FAILS(EINVAL, vllSetSharedFileDescriptor(0, nullptr));
-    EXPECT_FAILS(ENAMETOOLONG, vllSetSharedFileDescriptor(0, std::string(1024, 'n').c_str()));
-    EXPECT_FAILS(EINVAL, vllGetSharedFileDescriptor(nullptr) != -1);
+    EXPECT_THAT(vllSetSharedFileDescriptor(250, "a"), FailsWith(EBADF));
+    EXPECT_THAT(vllSetSharedFileDescriptor(0, nullptr), FailsWith(EINVAL));
+    EXPECT_THAT(vllSetSharedFileDescriptor(0, std::string(1024, 'n').c_str()), FailsWith(ENAMETOOLONG));
+    EXPECT_THAT(vllGetSharedFileDescriptor(nullptr) != -1, FailsWith(EINVAL));
     for (const auto &[call, error] : {std::pair("malloc", ENOMEM), std::pair("strdup", ENOMEM),
                                       std::pair("pthread_create", EAGAIN), std::pair("eventfd", EMFILE)}) {
         const FailCall fail(call, 1, error);
-        EXPECT_FAILS(error, vllSetSharedFileDescriptor(0, "a")) << call;
+        EXPECT_THAT(vllSetSharedFileDescriptor(0, "a"), FailsWith(error)) << call;
         EXPECT_EQ(shared_fd_list, nullptr) << call;
         EXPECT_EQ(server_thread_id, static_cast<uintptr_t>(-1)) << call;
     }
@@ -202,7 +204,7 @@ TEST_F(SharedDescriptorTest, requests_byte_for_byte) {
         const Fd vanishes = rawSocket(false);
         EXPECT_EQ(send(vanishes.get(), "name", 5, MSG_NOSIGNAL), 5);
     }
-    EXPECT_FAILS(EBADE, vllGetSharedFileDescriptor(std::string(3000, 'n').c_str()) != -1);
+    EXPECT_THAT(vllGetSharedFileDescriptor(std::string(3000, 'n').c_str()) != -1, FailsWith(EBADE));
 }
 
 TEST_F(SharedDescriptorTest, responses_byte_for_byte) {
@@ -254,7 +256,7 @@ TEST_F(SharedDescriptorTest, a_closed_descriptor_is_not_handed_out) {
     Fd copy(fcntl(file_.get(), F_DUPFD_CLOEXEC, 200));  // a number that is not used again at once
     publish("a", copy.get());
     copy.reset();
-    EXPECT_FAILS(EAGAIN, vllGetSharedFileDescriptor("a") != -1);
+    EXPECT_THAT(vllGetSharedFileDescriptor("a") != -1, FailsWith(EAGAIN));
 }
 
 TEST_F(SharedDescriptorTest, a_silent_client_does_not_hold_up_the_emptying) {
@@ -263,9 +265,9 @@ TEST_F(SharedDescriptorTest, a_silent_client_does_not_hold_up_the_emptying) {
         const Fd silent = rawSocket(false);
         ASSERT_EQ(send(silent.get(), request, strlen(request), MSG_NOSIGNAL),
                   static_cast<ssize_t>(strlen(request)));
-        const int64_t start = NowMs();
+        const int64_t start = nowMs();
         EXPECT_EQ(vllDeallocateSharedFdList(), 0);
-        EXPECT_LT(NowMs() - start, kLimitMs);
+        EXPECT_LT(nowMs() - start, kLimitMs);
         EXPECT_TRUE(rawSocket(true));  // the address is free
     }
 }
@@ -274,7 +276,7 @@ TEST_F(SharedDescriptorTest, publish_empty_publish_again) {
     for (int round = 0; round < 200; ++round) {
         ASSERT_TRUE(vllSetSharedFileDescriptor(file_.get(), "a"));
         if (round % 3 == 0) {
-            ASSERT_TRUE(WaitUntil([] { return Fd(vllGetSharedFileDescriptor("a")).get() != -1; })) << round;
+            ASSERT_TRUE(waitUntil([] { return Fd(vllGetSharedFileDescriptor("a")).get() != -1; })) << round;
         }
         ASSERT_EQ(vllDeallocateSharedFdList(), 0);
     }
@@ -284,11 +286,11 @@ TEST_F(SharedDescriptorTest, publish_empty_publish_again) {
 TEST_F(SharedDescriptorTest, a_child_forked_while_the_server_starts_does_not_keep_the_address) {
     for (int round = 0; round < 100; ++round) {
         ASSERT_TRUE(vllSetSharedFileDescriptor(file_.get(), "a"));
-        const pid_t child = StartChild([] { return pause(); });
+        const pid_t child = startChild([] { return pause(); });
         EXPECT_EQ(vllDeallocateSharedFdList(), 0);
         publish("a", file_.get());
         kill(child, SIGKILL);
-        EXPECT_EQ(FinishChild(child).status, SIGKILL);
+        EXPECT_EQ(finishChild(child).status, SIGKILL);
         EXPECT_EQ(vllDeallocateSharedFdList(), 0);
     }
 }
@@ -296,15 +298,15 @@ TEST_F(SharedDescriptorTest, a_child_forked_while_the_server_starts_does_not_kee
 
 TEST_F(SharedDescriptorTest, a_second_publisher_is_not_found) {
     publish("a", file_.get());
-    const ChildResult child = RunInChild([&] {
+    const ChildResult child = runInChild([&] {
         EXPECT_EQ(shared_fd_list, nullptr);  // a child starts with an empty registry
         EXPECT_TRUE(vllSetSharedFileDescriptor(file_.get(), "b"));
         // Its server cannot have the address, ends, and says so.
-        EXPECT_TRUE(WaitUntil([] {
+        EXPECT_TRUE(waitUntil([] {
             const MutexLock lock(&list_mutex);
             return server_thread_id == static_cast<uintptr_t>(-1);
         }));
-        EXPECT_FAILS(ENOENT, vllGetSharedFileDescriptor("b") != -1);
+        EXPECT_THAT(vllGetSharedFileDescriptor("b") != -1, FailsWith(ENOENT));
         EXPECT_EQ(vllDeallocateSharedFdList(), 0);
         return 0;
     });
@@ -318,7 +320,7 @@ TEST_F(SharedDescriptorTest, lookups_from_many_processes) {
     ASSERT_EQ(pipe(gate), 0);
     std::vector<pid_t> children;
     for (int i = 0; i < 8; ++i) {
-        children.push_back(StartChild([&] {
+        children.push_back(startChild([&] {
             close(gate[1]);
             char byte;
             EXPECT_EQ(read(gate[0], &byte, 1), 0);
@@ -332,7 +334,7 @@ TEST_F(SharedDescriptorTest, lookups_from_many_processes) {
     close(gate[0]);
     close(gate[1]);
     for (const pid_t child : children) {
-        EXPECT_EQ(FinishChild(child).status, 0);
+        EXPECT_EQ(finishChild(child).status, 0);
     }
 }
 
@@ -347,11 +349,11 @@ TEST_F(SharedDescriptorTest, cancelled_in_a_lookup) {
     };
     const auto cancelLookup = [&] {
         tid = 0;
-        const HANDLE thread = StartThread(lookup);
-        EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
-        EXPECT_TRUE(WaitUntilAsleep(tid));
+        const HANDLE thread = startThread(lookup);
+        EXPECT_TRUE(waitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(waitUntilAsleep(tid));
         EXPECT_TRUE(vllTerminateThread(thread, 1));
-        FinishThread(thread);
+        finishThread(thread);
     };
     name = "a";
     cancelLookup();  // waits for the answer

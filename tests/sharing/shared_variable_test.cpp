@@ -8,6 +8,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 
 namespace {
@@ -36,7 +37,7 @@ TEST_F(SharedVariableTest, another_process_reads_what_one_wrote) {
     EXPECT_EQ(memcmp(zeros, "\0\0\0\0\0\0\0\0", 8), 0);
     char value[8] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
     EXPECT_EQ(vllSharedVarManipulate(value, variable, SHVAR_WRITE), 1);
-    const ChildResult child = RunInChild([&] {
+    const ChildResult child = runInChild([&] {
         SharedVar *opened = make(8, SHVAR_OPEN);
         char read[8] = {};
         EXPECT_EQ(vllSharedVarManipulate(read, opened, SHVAR_READ), 1);
@@ -47,9 +48,7 @@ TEST_F(SharedVariableTest, another_process_reads_what_one_wrote) {
     });
     EXPECT_EQ(child.status, 0);
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
-    errno = 0;
-    EXPECT_EQ(make(8, SHVAR_OPEN), nullptr);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(make(8, SHVAR_OPEN), FailsWith(ENOENT));
 }
 
 TEST_F(SharedVariableTest, creating_anew_empties_it_for_everyone) {
@@ -83,7 +82,8 @@ TEST_F(SharedVariableTest, bad_arguments) {
         {__LINE__, kName, 8, SHVAR_OPEN, ENOENT},
     };
     for (const auto &row : rows) {
-        EXPECT_FAILS(row.error, vllSharedVarInit(row.name, row.size, row.mode)) << "line " << row.line;
+        EXPECT_THAT(vllSharedVarInit(row.name, row.size, row.mode), FailsWith(row.error))
+            << "line " << row.line;
     }
     EXPECT_FALSE(nameExists());
     // Too large for some machines.
@@ -92,9 +92,7 @@ TEST_F(SharedVariableTest, bad_arguments) {
     EXPECT_FALSE(nameExists());
     SharedVar *variable = make(4);
     char buffer[4] = {'k', 'e', 'e', 'p'};
-    errno = 0;
-    EXPECT_EQ(vllSharedVarManipulate(buffer, variable, 5), 0);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllSharedVarManipulate(buffer, variable, 5), FailsWith(EINVAL));
     EXPECT_EQ(memcmp(buffer, "keep", 4), 0);
     EXPECT_EQ(vllSharedVarManipulate(nullptr, variable, SHVAR_READ), 0);
     EXPECT_EQ(vllSharedVarManipulate(buffer, nullptr, SHVAR_READ), 0);
@@ -142,7 +140,7 @@ TEST_F(SharedVariableTest, failing_locks_and_closes) {
     }
     {
         const FailCall fail("shm_unlink", 1, EACCES);
-        EXPECT_FAILS(EACCES, vllSharedVarDeallocate(variable, SHVAR_CREATE));
+        EXPECT_THAT(vllSharedVarDeallocate(variable, SHVAR_CREATE), FailsWith(EACCES));
     }
     // The second try finishes what the first left.
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
@@ -153,7 +151,7 @@ TEST_F(SharedVariableTest, waiting_for_a_lock) {
     SharedVar *variable = make(4);
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
-    const pid_t holder = StartChild([&] {
+    const pid_t holder = startChild([&] {
         const int fd = shm_open(kName, O_RDWR, 0);
         struct flock lock = {};
         lock.l_type = F_WRLCK;
@@ -179,22 +177,22 @@ TEST_F(SharedVariableTest, waiting_for_a_lock) {
     };
     const auto startWaiting = [&](auto &body) {
         tid = 0;
-        const HANDLE thread = StartThread(body);
-        EXPECT_TRUE(WaitUntil([&] { return tid != 0; }));
-        EXPECT_TRUE(WaitUntilAsleep(tid));
+        const HANDLE thread = startThread(body);
+        EXPECT_TRUE(waitUntil([&] { return tid != 0; }));
+        EXPECT_TRUE(waitUntilAsleep(tid));
         return thread;
     };
     // A cancelled waiter leaves nothing behind.
     for (const HANDLE thread : {startWaiting(reads), startWaiting(makes)}) {
         EXPECT_TRUE(vllTerminateThread(thread, 0));
-        FinishThread(thread);
+        finishThread(thread);
     }
     // A killed holder does not keep the lock.
     const HANDLE reader = startWaiting(reads);
     EXPECT_EQ(result, 0);
     kill(holder, SIGKILL);
-    FinishChild(holder);
-    FinishThread(reader);
+    finishChild(holder);
+    finishThread(reader);
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }
@@ -206,12 +204,12 @@ TEST_F(SharedVariableTest, readers_never_see_a_mixed_block) {
     SharedVar *variable = make(kSize);
     std::vector<pid_t> children;
     for (int i = 0; i < 9; ++i) {
-        children.push_back(StartChild([&, i] {
+        children.push_back(startChild([&, i] {
             SharedVar *mine = make(kSize, SHVAR_OPEN);
             const std::unique_ptr<char[]> block(new char[kSize]);
-            const int64_t end = NowMs() + 2000;
+            const int64_t end = nowMs() + 2000;
             bool mixed = false;
-            for (int round = 0; round < 400 && NowMs() < end; ++round) {
+            for (int round = 0; round < 400 && nowMs() < end; ++round) {
                 if (i == 8) {
                     EXPECT_TRUE(vllSharedVarDeallocate(make(kSize), SHVAR_OPEN));
                 } else if (i % 2 == 0) {
@@ -227,7 +225,7 @@ TEST_F(SharedVariableTest, readers_never_see_a_mixed_block) {
         }));
     }
     for (const pid_t child : children) {
-        EXPECT_EQ(FinishChild(child).status, 0);
+        EXPECT_EQ(finishChild(child).status, 0);
     }
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }

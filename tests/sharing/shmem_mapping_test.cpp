@@ -12,6 +12,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -44,7 +45,7 @@ TEST_F(ShmemMappingTest, named_memory_lives_as_long_as_its_users) {
     char *view = MapWhole(mapping, 2 * kPage);
     ASSERT_NE(view, nullptr);
     strcpy(view, "shared");
-    ExpectInChild([&] {
+    expectInChild([&] {
         const HANDLE other = CreateMemory(17, kName);
         EXPECT_EQ(errno, EEXIST);
         char *second = static_cast<char *>(vllMapViewOfFile(other, kReadWrite, 0, 2 * kPage));
@@ -80,8 +81,7 @@ TEST_F(ShmemMappingTest, many_views_in_any_order) {
         views.push_back(MapWhole(mapping, kPage));
         ASSERT_NE(views.back(), nullptr) << i;
     }
-    EXPECT_FALSE(vllUnmapViewOfFile(views[0] + 1));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllUnmapViewOfFile(views[0] + 1), FailsWith(EINVAL));
     EXPECT_FALSE(vllUnmapViewOfFile(nullptr));
     EXPECT_TRUE(vllCloseHandle(mapping));
     views[0][7] = 'v';
@@ -113,7 +113,7 @@ TEST_F(ShmemMappingTest, anonymous_memory_is_private_and_nameless) {
         EXPECT_EQ(two[0], 0);
         EXPECT_EQ(names(), before);
         // A child of fork() shares it.
-        ExpectInChild([&] {
+        expectInChild([&] {
             strcat(MapWhole(first, kPage), " too");
             return 0;
         });
@@ -124,8 +124,7 @@ TEST_F(ShmemMappingTest, anonymous_memory_is_private_and_nameless) {
         EXPECT_TRUE(vllCloseHandle(first));
         EXPECT_TRUE(vllCloseHandle(second));
     }
-    EXPECT_EQ(CreateMemory(kPage, nullptr, O_WRONLY), 0U);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(CreateMemory(kPage, nullptr, O_WRONLY), FailsWith(EBADF));
     EXPECT_EQ(names(), before);
 }
 
@@ -155,8 +154,7 @@ TEST_F(ShmemMappingTest, anonymous_memory_does_not_join_others) {
     // A name that cannot be removed is somebody else's for good.
     const FailCall exists("shm_open", 1, EEXIST);
     const FailCall kept("shm_unlink", 1, EPERM);
-    EXPECT_EQ(CreateMemory(kPage), 0U);
-    EXPECT_EQ(errno, EEXIST);
+    EXPECT_THAT(CreateMemory(kPage), FailsWith(EEXIST));
 }
 
 TEST_F(ShmemMappingTest, file_backed) {
@@ -183,15 +181,13 @@ TEST_F(ShmemMappingTest, file_backed) {
     EXPECT_FALSE(vllIsBadReadPtr(view, kPage));
     EXPECT_TRUE(vllUnmapViewOfFile(view));
     unlink(path);
-    EXPECT_EQ(vllCreateFileMapping(static_cast<HANDLE>(again), O_RDWR, 1, nullptr), 0U);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(vllCreateFileMapping(OBJ_EVENT, O_RDWR, 1, nullptr), 0U);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(vllCreateFileMapping(static_cast<HANDLE>(again), O_RDWR, 1, nullptr), FailsWith(EBADF));
+    EXPECT_THAT(vllCreateFileMapping(OBJ_EVENT, O_RDWR, 1, nullptr), FailsWith(EBADF));
 }
 
 TEST_F(ShmemMappingTest, refused_views) {
     const Owned mapping(CreateMemory(2 * kPage));
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     const Owned mutex(vllCreateMutex(0, kName));
     const HANDLE closed = CreateMemory(kPage);
     vllCloseHandle(closed);
@@ -219,7 +215,7 @@ TEST_F(ShmemMappingTest, refused_views) {
         {without_file, kReadWrite, 0, kPage, EBADF},
         {0, kReadWrite, 0, kPage, EINVAL},
     };
-    const Inventory before = TakeInventory();
+    const Inventory before = takeInventory();
     for (const auto &row : rows) {
         errno = 0;
         EXPECT_EQ(vllMapViewOfFile(row.handle, row.protection, row.offset, row.length), nullptr);
@@ -227,12 +223,11 @@ TEST_F(ShmemMappingTest, refused_views) {
     }
     std::ostringstream unused;
     unused << "VLLI: OpenObject( 0x" << std::uppercase << std::hex << closed << " ): Unused handle! \n";
-    EXPECT_EQ(TakeErrors(), (Errors{unused.str(), "VLLI: OpenObject( 0x0 ): Invalid handle value! \n"}));
-    EXPECT_EQ(TakeInventory(), before);
+    EXPECT_EQ(takeErrors(), (Errors{unused.str(), "VLLI: OpenObject( 0x0 ): Invalid handle value! \n"}));
+    EXPECT_EQ(takeInventory(), before);
     {
         const FailCall fail("mmap64", 1, ENOMEM);
-        EXPECT_EQ(MapWhole(mapping, kPage), nullptr);
-        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_THAT(MapWhole(mapping, kPage), FailsWith(ENOMEM));
     }
     // A view's handle is the library's: guessing it closes nothing.
     char *view = MapWhole(mapping, kPage);
@@ -248,23 +243,21 @@ TEST_F(ShmemMappingTest, refused_views) {
 
 TEST_F(ShmemMappingTest, access_modes) {
     for (const DWORD access : {DWORD{3}, DWORD{O_RDWR | O_TRUNC}, DWORD{O_RDWR | O_EXCL}, 0xFFFFFFFFU}) {
-        EXPECT_EQ(CreateMemory(kPage, kName, access), 0U);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(CreateMemory(kPage, kName, access), FailsWith(EINVAL));
     }
     // Read-only beside read-write: a user like any other, in this process and in others.
     HANDLE writer = CreateMemory(kPage, kName);
     const HANDLE reader = CreateMemory(kPage, kName, O_RDONLY);
     ASSERT_NE(reader, 0U);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(MapWhole(reader, kPage), nullptr);
-    EXPECT_EQ(errno, EACCES);
+    EXPECT_THAT(MapWhole(reader, kPage), FailsWith(EACCES));
     auto *view = static_cast<const char *>(vllMapViewOfFile(reader, PROT_READ, 0, kPage));
     char *writable = MapWhole(writer, kPage);
     writable[9] = '9';
     EXPECT_TRUE(vllUnmapViewOfFile(writable));
     EXPECT_TRUE(vllCloseHandle(writer));
     EXPECT_EQ(view[9], '9');
-    ExpectInChild([] {
+    expectInChild([] {
         const HANDLE other = CreateMemory(kPage, kName);
         EXPECT_EQ(errno, EEXIST);
         vllCloseHandle(other);
@@ -280,15 +273,13 @@ TEST_F(ShmemMappingTest, access_modes) {
     const HANDLE idle = CreateMemory(kPage, kName, O_RDONLY);
     EXPECT_EQ(errno, EEXIST);
     EXPECT_TRUE(vllCloseHandle(idle));
-    EXPECT_EQ(CreateMemory(kPage, kName, O_WRONLY), 0U);
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(CreateMemory(kPage, kName, O_WRONLY), FailsWith(EBADF));
 }
 
 TEST_F(ShmemMappingTest, failing_creation_leaves_nothing) {
     for (const int nth : {1, 2}) {
         const FailCall fail("ftruncate64", nth, ENOSPC);
-        EXPECT_EQ(CreateMemory(kPage, kName), 0U);
-        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_THAT(CreateMemory(kPage, kName), FailsWith(ENOSPC));
         EXPECT_TRUE(fail.happened());
     }
     std::vector<HANDLE> handles;
@@ -296,10 +287,8 @@ TEST_F(ShmemMappingTest, failing_creation_leaves_nothing) {
         handles.push_back(CreateMemory(kPage, kName));
         ASSERT_NE(handles.back(), 0U) << i;
     }
-    EXPECT_EQ(CreateMemory(kPage, kName), 0U);
-    EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(MapWhole(handles[0], kPage), nullptr);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_THAT(CreateMemory(kPage, kName), FailsWith(ENOMEM));
+    EXPECT_THAT(MapWhole(handles[0], kPage), FailsWith(ENOMEM));
     for (const HANDLE handle : handles) {
         EXPECT_TRUE(vllCloseHandle(handle));
     }

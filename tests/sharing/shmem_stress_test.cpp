@@ -48,8 +48,8 @@ class ShmemStressTest : public LibraryTest {
     void everywhere(Body body) {
         std::vector<pid_t> children;
         for (int p = 0; p < kProcesses; ++p) {
-            children.push_back(StartChild([&] {
-                const Inventory before = TakeInventory();
+            children.push_back(startChild([&] {
+                const Inventory before = takeInventory();
                 std::vector<std::thread> threads;
                 for (int t = 0; t < kThreads; ++t) {
                     threads.emplace_back(body);
@@ -57,12 +57,12 @@ class ShmemStressTest : public LibraryTest {
                 for (std::thread &thread : threads) {
                     thread.join();
                 }
-                EXPECT_TRUE(WaitUntil([&] { return TakeInventory() == before; })) << TakeInventory();
+                EXPECT_TRUE(waitUntil([&] { return takeInventory() == before; })) << takeInventory();
                 return 0;
             }));
         }
         for (const pid_t child : children) {
-            ExpectSuccess(child, 110000);
+            expectSuccess(child, 110000);
         }
     }
 };
@@ -162,7 +162,7 @@ TEST_F(ShmemStressTest, forks_among_openers) {
         });
     }
     for (int i = 0; i < 30; ++i) {
-        ExpectInChild([&] {
+        expectInChild([&] {
             const HANDLE again = vllCreateSemaphore(9, "vll_stress_kept");
             EXPECT_EQ(errno, EEXIST);
             EXPECT_EQ(vllWaitForSingleObject(again, 0), WAIT_OBJECT_0);

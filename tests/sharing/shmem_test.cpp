@@ -8,6 +8,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/files.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/threads.h"
 
@@ -37,7 +38,7 @@ int classicLock(int fd, short type) {
     return fcntl(fd, F_SETLK, &lock);
 }
 
-// Waits until a child of StartChild() has stopped itself.
+// Waits until a child of startChild() has stopped itself.
 void waitUntilStopped(pid_t child) {
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, WUNTRACED), child);
@@ -49,7 +50,7 @@ TEST_F(ShmemTest, second_process_gets_the_same_object) {
     ASSERT_NE(mutex, 0U);
     EXPECT_EQ(errno, 0);
     EXPECT_EQ(objectLength(kName), static_cast<off_t>(sizeof(pthread_mutex_t)));
-    ExpectInChild([&] {
+    expectInChild([&] {
         vllCloseHandle(mutex);
         const HANDLE again = vllCreateMutex(1, kName);
         EXPECT_NE(again, 0U);
@@ -81,12 +82,11 @@ TEST_F(ShmemTest, several_handles_in_one_process) {
     EXPECT_TRUE(vllReleaseMutex(third));
     for (const HANDLE handle : {first, second}) {
         EXPECT_TRUE(vllCloseHandle(handle));
-        ExpectInChild([&] {
+        expectInChild([&] {
             vllCloseHandle(third);
             const HANDLE other = vllCreateMutex(0, kName);
             EXPECT_EQ(errno, EEXIST);
-            EXPECT_EQ(vllWaitForSingleObject(other, 0), WAIT_FAILED);
-            EXPECT_EQ(errno, EBUSY);
+            EXPECT_THAT(vllWaitForSingleObject(other, 0), FailsWith(EBUSY, WAIT_FAILED));
             vllCloseHandle(other);
             return 0;
         });
@@ -94,18 +94,18 @@ TEST_F(ShmemTest, several_handles_in_one_process) {
     EXPECT_TRUE(vllReleaseMutex(third));
     EXPECT_EQ(vllWaitForSingleObject(third, 0), WAIT_OBJECT_0);
     // The owner closes the last handle of its process: nobody is told of a dead owner.
-    const pid_t waiter = StartChild([&] {
+    const pid_t waiter = startChild([&] {
         EXPECT_EQ(vllWaitForSingleObject(third, 60000), WAIT_OBJECT_0);
         return 0;
     });
-    EXPECT_TRUE(WaitUntilAsleep(waiter));
+    EXPECT_TRUE(waitUntilAsleep(waiter));
     EXPECT_TRUE(vllCloseHandle(third));
-    ExpectSuccess(waiter);
+    expectSuccess(waiter);
 }
 
 TEST_F(ShmemTest, killed_owner_abandons_its_mutex) {
     const Doorbell owned;
-    const pid_t owner = StartChild([&] {
+    const pid_t owner = startChild([&] {
         const HANDLE mutex = vllCreateMutex(1, kName);
         EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
         owned.ring();
@@ -119,7 +119,7 @@ TEST_F(ShmemTest, killed_owner_abandons_its_mutex) {
     std::atomic<int> acquired{0};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 3; ++i) {
-        waiters.push_back(StartAsleep([&] {
+        waiters.push_back(startAsleep([&] {
             const DWORD result = vllWaitForSingleObject(mutex, INFINITE);
             abandoned += result == WAIT_ABANDONED;
             acquired += result == WAIT_OBJECT_0;
@@ -132,7 +132,7 @@ TEST_F(ShmemTest, killed_owner_abandons_its_mutex) {
     }
     EXPECT_EQ(abandoned, 1);
     EXPECT_EQ(acquired, 2);
-    EXPECT_EQ(FinishChild(owner).status, SIGKILL);
+    EXPECT_EQ(finishChild(owner).status, SIGKILL);
 }
 
 struct Step {
@@ -147,13 +147,13 @@ TEST_F(ShmemTest, creator_killed_while_it_initialises) {
                              Step{"ftruncate64", 1, false}, Step{"flock", 2, false},
                              Step{"pwrite64", 1, false}, Step{"mmap64", 1, true}, Step{"fcntl64", 2, true}}) {
         SCOPED_TRACE(std::string(step.call) + " " + std::to_string(step.nth));
-        const pid_t creator = StartChild([&] {
+        const pid_t creator = startChild([&] {
             const FailCall stop(step.call, step.nth, -SIGSTOP);
             vllCreateMutex(1, kName);
             return 1;
         });
         waitUntilStopped(creator);
-        const pid_t opener = StartChild([&] {
+        const pid_t opener = startChild([&] {
             const HANDLE mutex = vllCreateMutex(0, kName);
             EXPECT_NE(mutex, 0U);
             EXPECT_EQ(errno, step.complete ? EEXIST : 0);
@@ -165,11 +165,11 @@ TEST_F(ShmemTest, creator_killed_while_it_initialises) {
             return 0;
         });
         if (strcmp(step.call, "flock") != 0 || step.nth != 1) {
-            EXPECT_TRUE(WaitUntilAsleep(opener));
+            EXPECT_TRUE(waitUntilAsleep(opener));
         }
         kill(creator, SIGKILL);
-        EXPECT_EQ(FinishChild(creator).status, SIGKILL);
-        ExpectSuccess(opener);
+        EXPECT_EQ(finishChild(creator).status, SIGKILL);
+        expectSuccess(opener);
         const HANDLE next = vllCreateMutex(0, kName);
         EXPECT_EQ(errno, 0);
         EXPECT_TRUE(vllCloseHandle(next));
@@ -178,12 +178,12 @@ TEST_F(ShmemTest, creator_killed_while_it_initialises) {
 }
 
 TEST_F(ShmemTest, user_killed_leaves_nothing_in_use) {
-    const pid_t user = StartChild([] {
+    const pid_t user = startChild([] {
         vllCreateSemaphore(3, kName);
         raise(SIGKILL);
         return 1;
     });
-    EXPECT_EQ(FinishChild(user).status, SIGKILL);
+    EXPECT_EQ(finishChild(user).status, SIGKILL);
     EXPECT_NE(objectLength(kName), 0);
     const HANDLE semaphore = vllCreateSemaphore(0, kName);
     EXPECT_EQ(errno, 0);
@@ -194,14 +194,14 @@ TEST_F(ShmemTest, user_killed_leaves_nothing_in_use) {
 // Programs that use F_SETLK by themselves see the library's users, and are seen.
 TEST_F(ShmemTest, classic_record_locks_take_part) {
     const HANDLE mutex = vllCreateMutex(0, kName);
-    ExpectInChild([] {
+    expectInChild([] {
         const int fd = shm_open(kName, O_RDWR, 0);
         EXPECT_EQ(classicLock(fd, F_WRLCK), -1);
         EXPECT_EQ(classicLock(fd, F_RDLCK), 0);
         return 0;
     });
     const Doorbell locked;
-    const pid_t user = StartChild([&] {
+    const pid_t user = startChild([&] {
         EXPECT_EQ(classicLock(shm_open(kName, O_RDWR, 0), F_RDLCK), 0);
         locked.ring();
         pause();
@@ -213,7 +213,7 @@ TEST_F(ShmemTest, classic_record_locks_take_part) {
     const HANDLE again = vllCreateMutex(0, kName);
     EXPECT_EQ(errno, EEXIST);
     kill(user, SIGKILL);
-    FinishChild(user);
+    finishChild(user);
     EXPECT_TRUE(vllCloseHandle(again));
     EXPECT_EQ(objectLength(kName), 0);
 }
@@ -224,17 +224,17 @@ TEST_F(ShmemTest, emptied_under_a_waiting_opener) {
     const int fd = shm_open(kName, O_RDWR, 0);
     ASSERT_EQ(ftruncate(fd, 24), 0);
     ASSERT_EQ(classicLock(fd, F_WRLCK), 0);
-    const pid_t opener = StartChild([] {
+    const pid_t opener = startChild([] {
         const HANDLE mutex = vllCreateMutex(1, kName);
         EXPECT_EQ(errno, 0);
         EXPECT_TRUE(vllReleaseMutex(mutex));
         vllCloseHandle(mutex);
         return 0;
     });
-    EXPECT_TRUE(WaitUntilAsleep(opener));
+    EXPECT_TRUE(waitUntilAsleep(opener));
     EXPECT_EQ(ftruncate(fd, 0), 0);
     EXPECT_EQ(classicLock(fd, F_UNLCK), 0);
-    ExpectSuccess(opener);
+    expectSuccess(opener);
     close(fd);
 }
 
@@ -245,14 +245,14 @@ TEST_F(ShmemTest, fork_counts) {
         const Doorbell parent_left;
         const HANDLE semaphore = vllCreateSemaphore(5, kName);
         EXPECT_EQ(errno, 0);
-        const pid_t child = StartChild([&] {
+        const pid_t child = startChild([&] {
             if (!child_first) {
                 parent_left.wait();
             }
             EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
             const HANDLE again = vllCreateSemaphore(0, kName);
             EXPECT_EQ(errno, EEXIST);
-            ExpectInChild([&] {  // and so is the child's child
+            expectInChild([&] {  // and so is the child's child
                 vllCloseHandle(again);
                 EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
                 vllCloseHandle(semaphore);
@@ -266,14 +266,14 @@ TEST_F(ShmemTest, fork_counts) {
             return 0;
         });
         if (child_first) {
-            ExpectSuccess(child);
+            expectSuccess(child);
             EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
         }
         EXPECT_TRUE(vllCloseHandle(semaphore));
         EXPECT_EQ(objectLength(kName) == 0, child_first);
         if (!child_first) {
             parent_left.ring();
-            ExpectSuccess(child);
+            expectSuccess(child);
         }
         EXPECT_EQ(objectLength(kName), 0);
     }
@@ -287,7 +287,7 @@ TEST_F(ShmemTest, fork_without_descriptors) {
     for (int fd = dup(0); fd != -1; fd = dup(0)) {
         filler.push_back(fd);
     }
-    const pid_t child = StartChild([&] {
+    const pid_t child = startChild([&] {
         close(filler.back());
         parent_left.wait();
         EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
@@ -302,7 +302,7 @@ TEST_F(ShmemTest, fork_without_descriptors) {
     }
     EXPECT_TRUE(vllCloseHandle(semaphore));
     parent_left.ring();
-    ExpectSuccess(child);
+    expectSuccess(child);
     const Owned fresh(vllCreateSemaphore(1, kName));
     EXPECT_EQ(errno, 0);
 }
@@ -310,19 +310,19 @@ TEST_F(ShmemTest, fork_without_descriptors) {
 TEST_F(ShmemTest, nothing_is_held_after_exec) {
     const HANDLE mutex = vllCreateMutex(0, kName);
     const HANDLE duplicate = vllDuplicateHandle(mutex);
-    const pid_t child = StartChild([] {
+    const pid_t child = startChild([] {
         execlp("sleep", "sleep", "60", nullptr);
         return 127;
     });
     // The new program sleeps; what the old one had open is closed for good.
-    EXPECT_TRUE(WaitUntil([&] {
-        return ReadFile("/proc/" + std::to_string(child) + "/comm") == "sleep\n" && WaitUntilAsleep(child);
+    EXPECT_TRUE(waitUntil([&] {
+        return readFile("/proc/" + std::to_string(child) + "/comm") == "sleep\n" && waitUntilAsleep(child);
     }));
     EXPECT_TRUE(vllCloseHandle(mutex));
     EXPECT_TRUE(vllCloseHandle(duplicate));
     EXPECT_EQ(objectLength(kName), 0);
     kill(child, SIGKILL);
-    EXPECT_EQ(FinishChild(child).status, SIGKILL);
+    EXPECT_EQ(finishChild(child).status, SIGKILL);
 }
 
 // The last handle goes while another thread owns: its robust list stays sound, and so does the mutex.
@@ -333,26 +333,25 @@ TEST_F(ShmemTest, last_handle_closed_while_a_thread_owns) {
     std::thread owner([&] {
         EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
         owned = true;
-        WaitUntil([&] { return step == 1; });
+        waitUntil([&] { return step == 1; });
         const HANDLE other = vllCreateMutex(1, nullptr);  // touches its neighbours in the list
         EXPECT_TRUE(vllReleaseMutex(other));
         EXPECT_TRUE(vllCloseHandle(other));
         step = 2;
-        WaitUntil([&] { return step == 3; });
+        waitUntil([&] { return step == 3; });
     });
-    WaitUntil([&] { return owned.load(); });
+    waitUntil([&] { return owned.load(); });
     EXPECT_TRUE(vllCloseHandle(mutex));
     step = 1;
-    WaitUntil([&] { return step == 2; });
+    waitUntil([&] { return step == 2; });
     const HANDLE again = vllCreateMutex(0, kName);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(vllWaitForSingleObject(again, 0), WAIT_FAILED);
-    EXPECT_EQ(errno, EBUSY);
+    EXPECT_THAT(vllWaitForSingleObject(again, 0), FailsWith(EBUSY, WAIT_FAILED));
     EXPECT_TRUE(vllCloseHandle(again));
-    ExpectInChild([&] { return 0; });
+    expectInChild([&] { return 0; });
     step = 3;
     owner.join();
-    WaitUntil([&] { return TakeInventory().threads == 1; });
+    waitUntil([&] { return takeInventory().threads == 1; });
     const HANDLE fresh = vllCreateMutex(0, kName);
     EXPECT_EQ(errno, 0);
     EXPECT_EQ(vllWaitForSingleObject(fresh, 0), WAIT_OBJECT_0);
@@ -367,7 +366,7 @@ TEST_F(ShmemTest, names) {
           std::string("vll/inner"), std::string("/"), std::string("."), std::string("vll space\xff"), longest,
           longest + "n", "/" + longest}) {
         SCOPED_TRACE(name);
-        const Inventory before = TakeInventory();
+        const Inventory before = takeInventory();
         errno = 0;
         const int raw = shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
         const int expected = raw == -1 ? errno : 0;
@@ -385,7 +384,7 @@ TEST_F(ShmemTest, names) {
             }
         }
         shm_unlink(name.c_str());
-        EXPECT_EQ(TakeInventory(), before);
+        EXPECT_EQ(takeInventory(), before);
     }
 }
 
@@ -409,15 +408,12 @@ TEST_F(ShmemTest, one_name_for_a_mutex_and_a_mapping) {
     for (const DWORD size : {0U, 1U, static_cast<DWORD>(sizeof(pthread_mutex_t)) - 1}) {
         const Owned small(vllCreateFileMapping(INVALID_HANDLE_VALUE, O_RDWR, size, kName));
         EXPECT_EQ(errno, 0);
-        EXPECT_EQ(vllCreateMutex(0, kName), 0U);
-        EXPECT_EQ(errno, EINVAL);
-        EXPECT_EQ(vllOpenMutex(kName), 0U);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllCreateMutex(0, kName), FailsWith(EINVAL));
+        EXPECT_THAT(vllOpenMutex(kName), FailsWith(EINVAL));
         EXPECT_EQ(objectLength(kName), static_cast<off_t>(size));
     }
     const Owned semaphore(vllCreateSemaphore(0, kName));
-    EXPECT_EQ(vllCreateMutex(0, kName), 0U);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllCreateMutex(0, kName), FailsWith(EINVAL));
 }
 
 TEST_F(ShmemTest, failing_calls) {
@@ -439,7 +435,7 @@ TEST_F(ShmemTest, failing_calls) {
             const Doorbell opened, may_close;
             pid_t user = -1;
             if (exists) {
-                user = StartChild([&] {
+                user = startChild([&] {
                     const HANDLE held = vllCreateMutex(0, kName);
                     opened.ring();
                     may_close.wait();
@@ -448,18 +444,18 @@ TEST_F(ShmemTest, failing_calls) {
                 });
                 opened.wait();
             }
-            const Inventory before = TakeInventory();
+            const Inventory before = takeInventory();
             {
                 const FailCall fail(row.call, row.nth, row.error);
                 EXPECT_EQ(vllCreateMutex(1, kName), 0U);
                 EXPECT_EQ(errno, row.error);
                 EXPECT_TRUE(fail.happened());
             }
-            EXPECT_EQ(TakeInventory(), before);
+            EXPECT_EQ(takeInventory(), before);
             EXPECT_EQ(objectLength(kName) > 0, exists);
             if (exists) {
                 may_close.ring();
-                ExpectSuccess(user);
+                expectSuccess(user);
             }
             const Owned mutex(vllCreateMutex(0, kName));
             EXPECT_EQ(errno, 0);
@@ -468,8 +464,7 @@ TEST_F(ShmemTest, failing_calls) {
     const HANDLE mutex = vllCreateMutex(0, kName);
     {
         const FailCall fail("fcntl64", 1, EMFILE);
-        EXPECT_EQ(vllDuplicateHandle(mutex), 0U);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_THAT(vllDuplicateHandle(mutex), FailsWith(EMFILE));
     }
     // O_CREAT is refused on another user's object (fs.protected_regular), which may be opened all the same.
     for (const int error : {EINTR, EACCES}) {
@@ -479,8 +474,7 @@ TEST_F(ShmemTest, failing_calls) {
         EXPECT_TRUE(vllCloseHandle(again));
     }
     EXPECT_TRUE(vllCloseHandle(mutex));
-    EXPECT_EQ(vlliCreateNamedObject(OBJ_EVENT, kName, 0), 0U);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vlliCreateNamedObject(OBJ_EVENT, kName, 0), FailsWith(EINVAL));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 
 #include "core/objmem.h"
 
-pid_t StartChild(const std::function<int()> &body) {
+pid_t startChild(const std::function<int()> &body) {
     fflush(nullptr);
     const pid_t parent = getpid();
     const pid_t pid = fork();
@@ -31,7 +31,7 @@ pid_t StartChild(const std::function<int()> &body) {
     _exit(status);
 }
 
-ChildResult FinishChild(pid_t pid, int limit_ms) {
+ChildResult finishChild(pid_t pid, int limit_ms) {
     const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     pollfd ended = {pidfd, POLLIN, 0};
     const bool in_time = pidfd != -1 && poll(&ended, 1, limit_ms) == 1;
@@ -50,22 +50,22 @@ ChildResult FinishChild(pid_t pid, int limit_ms) {
     return {false, WTERMSIG(status)};
 }
 
-ChildResult RunInChild(const std::function<int()> &body, int limit_ms) {
-    const pid_t pid = StartChild(body);
+ChildResult runInChild(const std::function<int()> &body, int limit_ms) {
+    const pid_t pid = startChild(body);
     if (pid == -1) {
         return {false, errno};
     }
-    return FinishChild(pid, limit_ms);
+    return finishChild(pid, limit_ms);
 }
 
-void ExpectSuccess(pid_t pid, int limit_ms) {
-    const ChildResult result = FinishChild(pid, limit_ms);
+void expectSuccess(pid_t pid, int limit_ms) {
+    const ChildResult result = finishChild(pid, limit_ms);
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(result.status, 0);
 }
 
-void ExpectInChild(const std::function<int()> &body) {
-    ExpectSuccess(StartChild(body));
+void expectInChild(const std::function<int()> &body) {
+    expectSuccess(startChild(body));
 }
 
 Doorbell::Doorbell() {
@@ -88,13 +88,13 @@ void Doorbell::wait() const {
     EXPECT_EQ(read(ends_[0], &byte, 1), 1);
 }
 
-bool InFreshProcess() {
+bool inFreshProcess() {
     if (bInitialized == 0) {
         return true;
     }
     const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
-    const ChildResult result = RunInChild([&] {
+    const ChildResult result = runInChild([&] {
         execl("/proc/self/exe", "test", filter.c_str(), "--gtest_repeat=1", nullptr);
         return 97;
     });

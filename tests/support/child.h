@@ -24,19 +24,19 @@ struct ChildResult {
 
 // Runs body in a child and waits for it; its result is the child's exit status. A child that is not done
 // after limit_ms is killed. EXPECT_... failures in the child make its status 99 when body returns 0.
-ChildResult RunInChild(const std::function<int()> &body, int limit_ms = 60000);
+ChildResult runInChild(const std::function<int()> &body, int limit_ms = 60000);
 
 // Starts body in a child. It ends with its result as exit status, and dies with the parent.
-pid_t StartChild(const std::function<int()> &body);
+pid_t startChild(const std::function<int()> &body);
 
-// Waits for a child of StartChild().
-ChildResult FinishChild(pid_t pid, int limit_ms = 60000);
+// Waits for a child of startChild().
+ChildResult finishChild(pid_t pid, int limit_ms = 60000);
 
 // Starts body in a child and waits for it: it must end with 0, without a failure.
-void ExpectInChild(const std::function<int()> &body);
+void expectInChild(const std::function<int()> &body);
 
-// Waits for a child of StartChild() that must end so.
-void ExpectSuccess(pid_t pid, int limit_ms = 60000);
+// Waits for a child of startChild() that must end so.
+void expectSuccess(pid_t pid, int limit_ms = 60000);
 
 // By which one process waits for another that was forked later or earlier.
 class Doorbell {
@@ -55,4 +55,4 @@ class Doorbell {
 
 // For tests of a process that has not started the library. True in such a process; otherwise the current test is
 // run alone in a new one, fails when it fails there, and has nothing more to do.
-bool InFreshProcess();
+bool inFreshProcess();

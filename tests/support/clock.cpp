@@ -55,7 +55,7 @@ time_t __wrap_time(time_t *out) {
 int __real_settimeofday(const timeval *value, const struct timezone *zone);
 int __wrap_settimeofday(const timeval *value, const struct timezone *zone) {
     if (catcher == nullptr) {
-        if (!OnTarget()) {
+        if (!onTarget()) {
             abort();
         }
         return __real_settimeofday(value, zone);

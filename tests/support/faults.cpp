@@ -1,4 +1,5 @@
 #include "support/faults.h"
+#include "base/counter.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -21,8 +22,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "base/internal.h"
 
 namespace {
 
@@ -108,11 +107,11 @@ bool FailCall::happened() const {
     return states[call_].happened;
 }
 
-uint64_t CallCount(const char *call) {
+uint64_t callCount(const char *call) {
     return states[findCall(call)].count;
 }
 
-void ResetCallCounts() {
+void resetCallCounts() {
     for (State &state : states) {
         state.count = 0;
     }

@@ -24,6 +24,6 @@ class FailCall {
     int call_;
 };
 
-// How often the calling thread made a call since the last ResetCallCounts().
-uint64_t CallCount(const char *call);
-void ResetCallCounts();
+// How often the calling thread made a call since the last resetCallCounts().
+uint64_t callCount(const char *call);
+void resetCallCounts();

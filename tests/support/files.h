@@ -10,31 +10,24 @@
 #include <sstream>
 #include <string>
 
-inline void WriteFile(const std::string &path, const std::string &content) {
+inline void writeFile(const std::string &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
 }
 
 // Empty when it cannot be read.
-inline std::string ReadFile(const std::string &path) {
+inline std::string readFile(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
 }
 
-inline bool Exists(const std::string &path) {
+inline bool exists(const std::string &path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
 // Permission bits, or 0 when there is no such file.
-inline mode_t ModeOf(const std::string &path) {
+inline mode_t modeOf(const std::string &path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
-}
-
-// Whether an operation was refused, with 0 and this last error.
-inline testing::AssertionResult Fails(int64_t result, int error) {
-    const int last_error = errno;
-    return (result == 0 && last_error == error ? testing::AssertionSuccess() : testing::AssertionFailure())
-           << "result " << result << ", errno " << last_error << " for " << error;
 }

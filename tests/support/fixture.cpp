@@ -56,8 +56,8 @@ uint32_t countFree(const Record *records, uint32_t first) {
 
 }  // namespace
 
-Inventory TakeInventory() {
-    TakeLog();  // connections of the log are accepted here
+Inventory takeInventory() {
+    takeLog();  // connections of the log are accepted here
     Inventory inventory = {};
     {
         const TableLock lock;
@@ -88,26 +88,26 @@ std::ostream &operator<<(std::ostream &out, const Inventory &inventory) {
 
 void LibraryTest::SetUp() {
     vllvwincompatMain();
-    before_ = TakeInventory();
+    before_ = takeInventory();
     errno = 0;
 }
 
 void LibraryTest::TearDown() {
     Inventory after;
     // A thread that has signalled its end takes a moment to disappear.
-    WaitUntil(
+    waitUntil(
         [&] {
-            after = TakeInventory();
+            after = takeInventory();
             return after == before_;
         },
         5000);
     EXPECT_EQ(after, before_);
 }
 
-bool WaitUntil(const std::function<bool()> &condition, int limit_ms) {
-    const int64_t end = NowMs() + limit_ms;
+bool waitUntil(const std::function<bool()> &condition, int limit_ms) {
+    const int64_t end = nowMs() + limit_ms;
     while (!condition()) {
-        if (NowMs() >= end) {
+        if (nowMs() >= end) {
             return condition();
         }
         usleep(1000);
@@ -115,9 +115,9 @@ bool WaitUntil(const std::function<bool()> &condition, int limit_ms) {
     return true;
 }
 
-bool WaitUntilAsleep(pid_t tid, int limit_ms) {
+bool waitUntilAsleep(pid_t tid, int limit_ms) {
     const std::string path = "/proc/" + std::to_string(tid) + "/stat";
-    return WaitUntil(
+    return waitUntil(
         [&] {
             std::ifstream file(path);
             std::string stat;
@@ -128,7 +128,7 @@ bool WaitUntilAsleep(pid_t tid, int limit_ms) {
         limit_ms);
 }
 
-int64_t NowMs() {
+int64_t nowMs() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;

@@ -20,7 +20,7 @@ struct Inventory {
     bool operator==(const Inventory &other) const;
 };
 
-Inventory TakeInventory();
+Inventory takeInventory();
 std::ostream &operator<<(std::ostream &out, const Inventory &inventory);
 
 // Starts the library and checks at the end that every record, descriptor and thread that the test made is gone.
@@ -33,17 +33,11 @@ class LibraryTest : public testing::Test {
     Inventory before_;
 };
 
-// Expects that a call fails: its result is false or null, and errno tells why.
-#define EXPECT_FAILS(error, call) \
-    errno = 0;                    \
-    EXPECT_FALSE(call);           \
-    EXPECT_EQ(errno, error) << #call << " "
-
 // Polls a condition every millisecond until it holds: true, or false after the limit.
-bool WaitUntil(const std::function<bool()> &condition, int limit_ms = 20000);
+bool waitUntil(const std::function<bool()> &condition, int limit_ms = 20000);
 
 // True once the thread (a kernel thread id, gettid(), or a child's process id) sleeps in the kernel.
-bool WaitUntilAsleep(pid_t tid, int limit_ms = 20000);
+bool waitUntilAsleep(pid_t tid, int limit_ms = 20000);
 
 // Milliseconds on the monotonic clock.
-int64_t NowMs();
+int64_t nowMs();

@@ -25,8 +25,8 @@ extern "C" __attribute__((no_sanitize_address)) int sigaltstack(const stack_t *s
 int main(int argc, char **argv) {
     testing::InitGoogleTest(&argc, argv);
     if (!testing::GTEST_FLAG(list_tests)) {
-        EnterPrivateMachine();
-        StartSyslogCapture();
+        enterPrivateMachine();
+        startSyslogCapture();
 #if defined(__SANITIZE_THREAD__)
         std::thread([] {}).join();  // its own background thread starts with the first, and is not a test's
 #endif

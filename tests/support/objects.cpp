@@ -1,4 +1,5 @@
 #include "support/objects.h"
+#include "support/matchers.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -10,7 +11,7 @@
 #include "support/fixture.h"
 #include "support/syslog_capture.h"
 
-std::string Format(const char *format, ...) {
+std::string format(const char *format, ...) {
     char line[256];
     va_list arguments;
     va_start(arguments, format);
@@ -25,37 +26,37 @@ Sleeper::Sleeper(std::function<void()> body)
           tid_ = gettid();
           run();
       }),
-      handle_(StartThread(body_)) {
-    EXPECT_TRUE(WaitUntil([this] { return tid_ != 0; }));
-    EXPECT_TRUE(WaitUntilAsleep(tid_));
+      handle_(startThread(body_)) {
+    EXPECT_TRUE(waitUntil([this] { return tid_ != 0; }));
+    EXPECT_TRUE(waitUntilAsleep(tid_));
 }
 
 void Sleeper::finish() {
     if (handle_ != 0) {
-        FinishThread(handle_);
+        finishThread(handle_);
         handle_ = 0;
     }
 }
 
-void ExpectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result) {
-    SCOPED_TRACE(Format("%s number %d", failure.call != nullptr ? failure.call : "no call", failure.nth));
-    const Inventory before = TakeInventory();
-    TakeErrors();
+void expectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result) {
+    SCOPED_TRACE(format("%s number %d", failure.call != nullptr ? failure.call : "no call", failure.nth));
+    const Inventory before = takeInventory();
+    takeErrors();
     {
         std::optional<FailCall> fail;
         if (failure.call != nullptr) {
             fail.emplace(failure.call, failure.nth, failure.error);
         }
-        EXPECT_RESULT(operation(), result, failure.error);
+        EXPECT_THAT(operation(), Yields(result, failure.error));
         EXPECT_TRUE(!fail || fail->happened());
     }
-    EXPECT_EQ(TakeErrors(), failure.log);
+    EXPECT_EQ(takeErrors(), failure.log);
     Inventory after;
-    WaitUntil([&] { return (after = TakeInventory()) == before; }, 5000);
+    waitUntil([&] { return (after = takeInventory()) == before; }, 5000);
     EXPECT_EQ(after, before);
 }
 
-int32_t References(HANDLE handle) {
+int32_t references(HANDLE handle) {
     const TableLock lock;
     return vlliGetObjectAddress(handle)->refCount;
 }

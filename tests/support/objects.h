@@ -12,16 +12,8 @@
 
 using Errors = std::vector<std::string>;
 
-// Runs an operation with the last error at 0, and expects this result and this last error of it.
-#define EXPECT_RESULT(operation, result, error) \
-    do {                                        \
-        errno = 0;                              \
-        EXPECT_EQ(operation, result);           \
-        EXPECT_EQ(errno, error);                \
-    } while (false)
-
 // printf(3) into a string, for the lines that are expected in the log.
-std::string Format(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // A handle that is closed at the end of its scope.
 class Owned {
@@ -45,21 +37,21 @@ class Owned {
     HANDLE handle_;
 };
 
-inline HANDLE MakeAutoEvent(BOOL signalled = FALSE) {
+inline HANDLE makeAutoEvent(BOOL signalled = FALSE) {
     return vllCreateEvent(FALSE, signalled, nullptr);
 }
 
-inline HANDLE MakeManualEvent(BOOL signalled = FALSE) {
+inline HANDLE makeManualEvent(BOOL signalled = FALSE) {
     return vllCreateEvent(TRUE, signalled, nullptr);
 }
 
-inline bool IsSignalled(HANDLE handle) {
+inline bool isSignalled(HANDLE handle) {
     return vllWaitForSingleObject(handle, 0) == WAIT_OBJECT_0;
 }
 
 // Starts a thread of the library that runs body, which must outlive it.
 template <typename Body>
-HANDLE StartThread(const Body &body, DWORD flags = 0) {
+HANDLE startThread(const Body &body, DWORD flags = 0) {
     return vllCreateThread(
         0,
         [](LPVOID argument) -> uint32_t {
@@ -70,7 +62,7 @@ HANDLE StartThread(const Body &body, DWORD flags = 0) {
 }
 
 // Waits for the end of a thread and closes its handle.
-inline void FinishThread(HANDLE thread) {
+inline void finishThread(HANDLE thread) {
     EXPECT_EQ(vllWaitForSingleObject(thread, 60000), WAIT_OBJECT_0);
     EXPECT_TRUE(vllCloseHandle(thread));
 }
@@ -95,10 +87,10 @@ class Sleeper {
 };
 
 // The references on a handle's record.
-int32_t References(HANDLE handle);
+int32_t references(HANDLE handle);
 
 // The descriptor that the next open call will get.
-inline int NextFd() {
+inline int nextFd() {
     const int fd = dup(0);
     close(fd);
     return fd;
@@ -114,4 +106,4 @@ struct Failure {
 
 // Runs operation, with the call failing: the result, the last error and the log are the expected ones, and
 // nothing is left behind.
-void ExpectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result);
+void expectFailure(const Failure &failure, const std::function<int64_t()> &operation, int64_t result);

@@ -85,12 +85,12 @@ void makeDev() {
 
 }  // namespace
 
-void EnterPrivateMachine() {
+void enterPrivateMachine() {
     enterNamespaces();
     makeDev();
 }
 
-void EnterPrivateRoot() {
+void enterPrivateRoot() {
     std::string root = "/mnt";
     for (const char *path : {"/mnt", "/media", "/srv", "/tmp"}) {
         if (access(path, F_OK) == 0) {
@@ -101,7 +101,7 @@ void EnterPrivateRoot() {
     const std::unique_ptr<char, void (*)(void *)> cwd(getcwd(nullptr, 0), free);
     const std::unique_ptr<DIR, int (*)(DIR *)> old_root(opendir("/"), closedir);
     check(cwd != nullptr && old_root != nullptr, "/");
-    CoverDirectory(root);
+    coverDirectory(root);
     while (const dirent *entry = readdir(old_root.get())) {
         const std::string path = std::string("/") + entry->d_name;
         if (entry->d_name[0] != '.' && path != root) {
@@ -111,12 +111,12 @@ void EnterPrivateRoot() {
     check(chroot(root.c_str()) == 0 && chdir(cwd.get()) == 0, "chroot");
 }
 
-void CoverDirectory(const std::string &path, const char *size) {
+void coverDirectory(const std::string &path, const char *size) {
     const std::string options = size != nullptr ? std::string("mode=0755,size=") + size : "mode=0755";
     check(mount("cover", path.c_str(), "tmpfs", 0, options.c_str()) == 0, "cover " + path);
 }
 
-void CoverFile(const std::string &path, const std::string &content) {
+void coverFile(const std::string &path, const std::string &content) {
     const std::string copy = "/dev/cover" + std::to_string(getpid());
     writeFile(copy, content);
     umount2(path.c_str(), MNT_DETACH);  // the last one's, which is unlinked and cannot be covered
@@ -124,16 +124,16 @@ void CoverFile(const std::string &path, const std::string &content) {
     unlink(copy.c_str());
 }
 
-std::string FreshDirectory() {
+std::string freshDirectory() {
     static bool covered = false;
     if (covered) {
         umount2("/mnt", MNT_DETACH);
     }
-    CoverDirectory("/mnt");
+    coverDirectory("/mnt");
     covered = true;
     return "/mnt";
 }
 
-bool OnTarget() {
+bool onTarget() {
     return getenv("VLL_TARGET") != nullptr;
 }

@@ -5,21 +5,21 @@
 #include <string>
 
 // Enters the namespace, before any thread is started. Ends the process with a message when that cannot be done.
-void EnterPrivateMachine();
+void enterPrivateMachine();
 
 // Gives the process a root directory of its own, in which it may create directories beside those of the machine.
 // Before any thread is started.
-void EnterPrivateRoot();
+void enterPrivateRoot();
 
 // Puts an empty tmpfs over a directory of the private machine, for the rest of the process (size as
 // mount(8) takes it, null for the default). The directory must exist.
-void CoverDirectory(const std::string &path, const char *size = nullptr);
+void coverDirectory(const std::string &path, const char *size = nullptr);
 
 // Puts a file with this content in the place of an existing file, for the rest of the process.
-void CoverFile(const std::string &path, const std::string &content);
+void coverFile(const std::string &path, const std::string &content);
 
 // True on the emulated target, where the tests may use the real clock, console, modem lines and power switch.
-bool OnTarget();
+bool onTarget();
 
 // An empty directory on a tmpfs of the private machine. What the last call gave is gone.
-std::string FreshDirectory();
+std::string freshDirectory();

@@ -62,7 +62,7 @@ std::vector<std::string> readStrings(const std::string &file) {
 
 }  // namespace
 
-std::string MakeProgramDirectory() {
+std::string makeProgramDirectory() {
     char name[] = "/dev/programsXXXXXX";
     if (mkdtemp(name) == nullptr) {
         perror(name);
@@ -72,7 +72,7 @@ std::string MakeProgramDirectory() {
     return name;
 }
 
-std::string MakeShownProgram(const std::string &directory, const std::string &name) {
+std::string makeShownProgram(const std::string &directory, const std::string &name) {
     char self[PATH_MAX] = {};
     std::string path = directory + "/" + name;
     if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0 || symlink(self, path.c_str()) != 0) {
@@ -82,7 +82,7 @@ std::string MakeShownProgram(const std::string &directory, const std::string &na
     return path;
 }
 
-std::string MakeScript(const std::string &directory, const std::string &name, const std::string &text) {
+std::string makeScript(const std::string &directory, const std::string &name, const std::string &text) {
     std::string path = directory + "/" + name;
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
     if (fd == -1 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||

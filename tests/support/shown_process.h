@@ -13,13 +13,13 @@ struct ShownProcess {
 };
 
 // A directory of the test's own, where programs can be put and run.
-std::string MakeProgramDirectory();
+std::string makeProgramDirectory();
 
 // Puts the telling program there under a name: its path. It tells only within a ShowProcesses scope.
-std::string MakeShownProgram(const std::string &directory, const std::string &name);
+std::string makeShownProgram(const std::string &directory, const std::string &name);
 
 // Puts a script there: its path.
-std::string MakeScript(const std::string &directory, const std::string &name, const std::string &text);
+std::string makeScript(const std::string &directory, const std::string &name, const std::string &text);
 
 // An environment variable that is set back at the end.
 class Variable {

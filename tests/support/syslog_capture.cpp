@@ -1,4 +1,5 @@
 #include "support/syslog_capture.h"
+#include "base/failure.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -10,8 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-
-#include "base/internal.h"
 
 namespace {
 
@@ -61,7 +60,7 @@ bool readConnection(int fd, std::string *bytes, std::vector<LogLine> *lines) {
 }  // namespace
 
 // A stream socket: what is sent to it is kept by the kernel until it is read, so no thread must stand by.
-void StartSyslogCapture() {
+void startSyslogCapture() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, "/dev/log");
@@ -71,10 +70,10 @@ void StartSyslogCapture() {
         die("/dev/log");
     }
     openlog("vlltest", LOG_NDELAY, LOG_USER);
-    TakeLog();
+    takeLog();
 }
 
-std::vector<LogLine> TakeLog() {
+std::vector<LogLine> takeLog() {
     const KeepErrno keep_errno;  // tests look at the log before the last error, too
     std::vector<LogLine> lines;
     while (isReadable(listener)) {
@@ -95,9 +94,9 @@ std::vector<LogLine> TakeLog() {
     return lines;
 }
 
-std::vector<std::string> TakeErrors() {
+std::vector<std::string> takeErrors() {
     std::vector<std::string> errors;
-    for (const LogLine &line : TakeLog()) {
+    for (const LogLine &line : takeLog()) {
         if (line.priority == LOG_ERR && line.text.compare(0, 12, "VLL: STACK: ") != 0) {
             errors.push_back(line.text);
         }

@@ -10,10 +10,10 @@ struct LogLine {
 };
 
 // Creates the socket at /dev/log and connects the process's syslog to it. Once per process.
-void StartSyslogCapture();
+void startSyslogCapture();
 
 // The lines that this process (and its children) logged since the last call, oldest first.
-std::vector<LogLine> TakeLog();
+std::vector<LogLine> takeLog();
 
 // The same, LOG_ERR lines only, without those of a stack dump.
-std::vector<std::string> TakeErrors();
+std::vector<std::string> takeErrors();

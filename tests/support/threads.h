@@ -11,14 +11,14 @@
 
 // Starts a thread and waits until it sleeps in the kernel.
 template <typename Body>
-std::thread StartAsleep(Body body) {
+std::thread startAsleep(Body body) {
     const auto tid = std::make_shared<std::atomic<pid_t>>(0);
     std::thread thread([tid, body] {
         *tid = gettid();
         body();
     });
-    EXPECT_TRUE(WaitUntil([&] { return *tid != 0; }));
-    EXPECT_TRUE(WaitUntilAsleep(*tid));
+    EXPECT_TRUE(waitUntil([&] { return *tid != 0; }));
+    EXPECT_TRUE(waitUntilAsleep(*tid));
     return thread;
 }
 
@@ -39,4 +39,4 @@ class SignalHandler {
     struct sigaction former_;
 };
 
-inline void IgnoreSignal(int) {}
+inline void ignoreSignal(int) {}

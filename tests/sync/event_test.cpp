@@ -1,4 +1,5 @@
 #include "sync/event.h"
+#include "base/descriptor.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -7,6 +8,7 @@
 #include <cstring>
 
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -22,8 +24,8 @@ bool isReadable(int fd) {
 // The event stands as it should, asked through its descriptor and by two waits.
 void expectSignalled(HANDLE event, bool signalled, bool manual) {
     EXPECT_EQ(isReadable(vllGetEventFd(event)), signalled);
-    EXPECT_EQ(IsSignalled(event), signalled);
-    EXPECT_EQ(IsSignalled(event), signalled && manual) << "a wait consumes an auto-reset event only";
+    EXPECT_EQ(isSignalled(event), signalled);
+    EXPECT_EQ(isSignalled(event), signalled && manual) << "a wait consumes an auto-reset event only";
     EXPECT_EQ(isReadable(vllGetEventFd(event)), signalled && manual);
 }
 
@@ -48,88 +50,88 @@ TEST_F(EventTest, state_after_each_operation) {
         EXPECT_TRUE(vllSetEvent(event));
         expectSignalled(event, true, manual);
     }
-    EXPECT_EQ(TakeLog().size(), 0U);
+    EXPECT_EQ(takeLog().size(), 0U);
 }
 
 TEST_F(EventTest, names_are_refused) {
     for (const char *name : {"", "x"}) {
         errno = 77;
         EXPECT_EQ(vllCreateEvent(1, 1, name), 0U);
-        EXPECT_EQ(TakeErrors(), Errors{"VLL: CreateEvent: Named events not supported\n"});
+        EXPECT_EQ(takeErrors(), Errors{"VLL: CreateEvent: Named events not supported\n"});
         EXPECT_EQ(vllOpenEvent(name), 0U);
         EXPECT_EQ(vllOpenEvent(nullptr), 0U);
         EXPECT_EQ(errno, 77);
-        EXPECT_EQ(TakeErrors(), Errors(2, "VLL: OpenEvent: Named events not supported\n"));
+        EXPECT_EQ(takeErrors(), Errors(2, "VLL: OpenEvent: Named events not supported\n"));
     }
 }
 
 TEST_F(EventTest, other_handles_are_refused) {
     const Owned timer(vllCreateWaitableTimer(nullptr));
     vllSetWaitableTimer(timer, 1);
-    EXPECT_TRUE(WaitUntil([&] { return isReadable(vlliGetObjectAddress(timer)->fd); }));
+    EXPECT_TRUE(waitUntil([&] { return isReadable(vlliGetObjectAddress(timer)->fd); }));
     errno = 77;
     EXPECT_FALSE(vllSetEvent(timer));
     EXPECT_FALSE(vllResetEvent(timer));
     EXPECT_EQ(vllGetEventFd(timer), -1);
     EXPECT_EQ(vllGetEventFd(1), -1);
     EXPECT_EQ(errno, 77);
-    EXPECT_EQ(TakeErrors(), Errors{});
-    EXPECT_TRUE(IsSignalled(timer)) << "untouched";
+    EXPECT_EQ(takeErrors(), Errors{});
+    EXPECT_TRUE(isSignalled(timer)) << "untouched";
 
-    const HANDLE closed = MakeAutoEvent();
+    const HANDLE closed = makeAutoEvent();
     vllCloseHandle(closed);
     for (const HANDLE handle : {closed, HANDLE{0x10080}}) {
-        EXPECT_RESULT(vllSetEvent(handle), FALSE, EINVAL);
-        EXPECT_RESULT(vllResetEvent(handle), FALSE, EINVAL);
-        EXPECT_RESULT(vllGetEventFd(handle), -1, EINVAL);
-        EXPECT_EQ(TakeErrors().size(), 3U);
+        EXPECT_THAT(vllSetEvent(handle), Yields(FALSE, EINVAL));
+        EXPECT_THAT(vllResetEvent(handle), Yields(FALSE, EINVAL));
+        EXPECT_THAT(vllGetEventFd(handle), Yields(-1, EINVAL));
+        EXPECT_EQ(takeErrors().size(), 3U);
     }
 }
 
 TEST_F(EventTest, a_duplicate_shares_the_counter_and_the_kind) {
-    Owned event(MakeAutoEvent());
+    Owned event(makeAutoEvent());
     const Owned duplicate(vllDuplicateHandle(event));
     EXPECT_NE(HANDLE{duplicate}, HANDLE{event});
     EXPECT_NE(vllGetEventFd(duplicate), vllGetEventFd(event));
     vllSetEvent(duplicate);
-    EXPECT_TRUE(IsSignalled(event));
-    EXPECT_FALSE(IsSignalled(duplicate));
+    EXPECT_TRUE(isSignalled(event));
+    EXPECT_FALSE(isSignalled(duplicate));
     vllSetEvent(event);
     EXPECT_TRUE(vllResetEvent(duplicate));
-    EXPECT_FALSE(IsSignalled(event));
+    EXPECT_FALSE(isSignalled(event));
     EXPECT_TRUE(vllCloseHandle(event.release()));
     EXPECT_TRUE(vllSetEvent(duplicate));
     expectSignalled(duplicate, true, false);
 }
 
 TEST_F(EventTest, failing_calls) {
-    const Owned event(MakeAutoEvent());
-    const int fd = NextFd();
+    const Owned event(makeAutoEvent());
+    const int fd = nextFd();
     const auto created = [](int new_fd, int error) {
-        return Format("VLL: CreateEvent: ERROR: event->fd = %d, event->efd =%d, errno = %d[%s]\n", new_fd, -1,
+        return format("VLL: CreateEvent: ERROR: event->fd = %d, event->efd =%d, errno = %d[%s]\n", new_fd, -1,
                       error, strerror(error));
     };
     const auto duplicated = [](int new_fd) {
-        return Format("VLLI: DuplicateEvent: new->fd = %d, new->efd\n", new_fd);
+        return format("VLLI: DuplicateEvent: new->fd = %d, new->efd\n", new_fd);
     };
     for (const Failure &failure : {Failure{"eventfd", 1, EMFILE, {created(-1, EMFILE)}},
                                    Failure{"fcntl64", 1, EINVAL, {created(fd, EINVAL)}},
                                    Failure{"epoll_create", 1, ENOMEM, {created(fd, ENOMEM)}}}) {
-        ExpectFailure(
-            failure, [] { return MakeAutoEvent(TRUE); }, 0);
+        expectFailure(
+            failure, [] { return makeAutoEvent(TRUE); }, 0);
     }
     for (const Failure &failure :
          {Failure{"dup", 1, EMFILE, {duplicated(-1)}}, Failure{"dup", 2, EMFILE, {duplicated(fd)}}}) {
-        ExpectFailure(
+        expectFailure(
             failure, [&] { return vllDuplicateHandle(event); }, 0);
     }
 }
 
 TEST_F(EventTest, a_full_counter_refuses_the_signal_and_stays_signalled) {
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     const uint64_t full = 0xFFFFFFFFFFFFFFFE;
     ASSERT_EQ(write(vllGetEventFd(event), &full, sizeof full), 8);
-    EXPECT_RESULT(vllSetEvent(event), FALSE, EAGAIN);
+    EXPECT_THAT(vllSetEvent(event), Yields(FALSE, EAGAIN));
     expectSignalled(event, true, true);
     EXPECT_TRUE(vllResetEvent(event));
     expectSignalled(event, false, true);
@@ -143,24 +145,24 @@ TEST_F(EventTest, running_out_of_descriptors_and_recovering) {
         ASSERT_TRUE(plain.back());
     }
     std::vector<HANDLE> events;
-    for (HANDLE event; (event = MakeAutoEvent()) != 0; events.push_back(event)) {
+    for (HANDLE event; (event = makeAutoEvent()) != 0; events.push_back(event)) {
         ASSERT_LT(events.size(), kObjectCount);
     }
     EXPECT_EQ(errno, EMFILE);
-    EXPECT_EQ(TakeErrors().size(), 1U);
-    const Inventory full = TakeInventory();
-    EXPECT_RESULT(vllDuplicateHandle(events[0]), 0U, EMFILE);
-    EXPECT_RESULT(MakeAutoEvent(), 0U, EMFILE);
-    EXPECT_FALSE(IsSignalled(events[0])) << "asking needs no descriptor";
+    EXPECT_EQ(takeErrors().size(), 1U);
+    const Inventory full = takeInventory();
+    EXPECT_THAT(vllDuplicateHandle(events[0]), Yields(0U, EMFILE));
+    EXPECT_THAT(makeAutoEvent(), Yields(0U, EMFILE));
+    EXPECT_FALSE(isSignalled(events[0])) << "asking needs no descriptor";
     plain.pop_back();  // with a spare descriptor, if there was none, still no pair of them
     EXPECT_TRUE(vllCloseHandle(events.back()));
-    events.back() = MakeAutoEvent(TRUE);
-    EXPECT_TRUE(IsSignalled(events.back())) << "recovered";
-    EXPECT_EQ(TakeInventory().free_objects, full.free_objects);
+    events.back() = makeAutoEvent(TRUE);
+    EXPECT_TRUE(isSignalled(events.back())) << "recovered";
+    EXPECT_EQ(takeInventory().free_objects, full.free_objects);
     for (const HANDLE event : events) {
         EXPECT_TRUE(vllCloseHandle(event));
     }
-    TakeErrors();
+    takeErrors();
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "support/child.h"
 #include "support/faults.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 #include "support/threads.h"
@@ -64,19 +65,15 @@ TEST_F(MutexTest, ownership_recursion_and_release) {
 #if !defined(__SANITIZE_THREAD__)  // which takes the attempt itself for a fault
 TEST_F(MutexTest, release_EPERM) {
     const Owned mutex(vllCreateMutex(0, nullptr));
-    EXPECT_FALSE(vllReleaseMutex(mutex));
-    EXPECT_EQ(errno, EPERM);
+    EXPECT_THAT(vllReleaseMutex(mutex), FailsWith(EPERM));
     EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
-    InThread([&] {
-        EXPECT_FALSE(vllReleaseMutex(mutex));
-        EXPECT_EQ(errno, EPERM);
-    });
+    InThread([&] { EXPECT_THAT(vllReleaseMutex(mutex), FailsWith(EPERM)); });
     EXPECT_TRUE(vllReleaseMutex(mutex));
 }
 #endif
 
 TEST_F(MutexTest, release_of_what_is_no_mutex) {
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     const Owned semaphore(vllCreateSemaphore(0, nullptr));
     const HANDLE closed = vllCreateMutex(0, nullptr);
     vllCloseHandle(closed);
@@ -87,9 +84,8 @@ TEST_F(MutexTest, release_of_what_is_no_mutex) {
         EXPECT_FALSE(vllReleaseMutex(handle)) << std::hex << handle;
         EXPECT_EQ(errno, EINVAL);
     }
-    EXPECT_EQ(vllWaitForSingleObject(as_mutex, 0), WAIT_FAILED);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(TakeErrors().size(), 1U);
+    EXPECT_THAT(vllWaitForSingleObject(as_mutex, 0), FailsWith(EINVAL, WAIT_FAILED));
+    EXPECT_EQ(takeErrors().size(), 1U);
 }
 
 // Whole milliseconds that a wait takes beyond its time-out, while signals come in.
@@ -97,9 +93,9 @@ int64_t Lateness(HANDLE handle, int timeout_ms) {
     std::atomic<bool> done{false};
     int64_t late = 0;
     std::thread waiter([&] {
-        const int64_t start = NowMs();
+        const int64_t start = nowMs();
         EXPECT_EQ(vllWaitForSingleObject(handle, static_cast<DWORD>(timeout_ms)), WAIT_TIMEOUT);
-        late = NowMs() - start - timeout_ms;
+        late = nowMs() - start - timeout_ms;
         done = true;
     });
     while (!done) {
@@ -113,7 +109,7 @@ int64_t Lateness(HANDLE handle, int timeout_ms) {
 
 // Never early; how late one wait of several may be is the machine's load, how late the best of them is is ours.
 TEST_F(MutexTest, timeouts_are_accurate_also_under_signals) {
-    const SignalHandler handler(SIGUSR1, IgnoreSignal);
+    const SignalHandler handler(SIGUSR1, ignoreSignal);
     const Owned mutex(vllCreateMutex(1, nullptr));
     const Owned semaphore(vllCreateSemaphore(0, nullptr));
     for (const HANDLE handle : {HANDLE{mutex}, HANDLE{semaphore}}) {
@@ -138,12 +134,12 @@ TEST_F(MutexTest, dead_owner_is_told_to_one_waiter) {
         EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
         EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
         owned = true;
-        WaitUntil([&] { return may_die.load(); });
+        waitUntil([&] { return may_die.load(); });
     });
-    WaitUntil([&] { return owned.load(); });
+    waitUntil([&] { return owned.load(); });
     std::vector<std::thread> waiters;
     for (int i = 0; i < kWaiters; ++i) {
-        waiters.push_back(StartAsleep([&, i] {
+        waiters.push_back(startAsleep([&, i] {
             const DWORD result = vllWaitForSingleObject(mutex, i % 2 == 0 ? INFINITE : 60000);
             abandoned += result == WAIT_ABANDONED;
             acquired += result == WAIT_OBJECT_0;
@@ -165,7 +161,7 @@ TEST_F(MutexTest, dead_owner_found_without_waiting) {
     InThread([&] { EXPECT_EQ(vllWaitForSingleObject(mutex, 0), WAIT_OBJECT_0); });
     // The kernel marks the mutex a moment after the thread's end is visible.
     DWORD result = WAIT_FAILED;
-    EXPECT_TRUE(WaitUntil([&] { return (result = vllWaitForSingleObject(mutex, 0)) != WAIT_FAILED; }));
+    EXPECT_TRUE(waitUntil([&] { return (result = vllWaitForSingleObject(mutex, 0)) != WAIT_FAILED; }));
     EXPECT_EQ(result, WAIT_ABANDONED);
     EXPECT_EQ(WaitElsewhere(mutex, 0), WAIT_FAILED);
     EXPECT_TRUE(vllReleaseMutex(mutex));
@@ -190,18 +186,18 @@ TEST_F(MutexTest, last_handle_closed_while_another_thread_owns) {
         for (auto &mutex : mutexes) {
             mutex = vllCreateMutex(1, nullptr);
         }
-        WaitUntil([&] { return closed.load(); });
+        waitUntil([&] { return closed.load(); });
         const HANDLE other = vllCreateMutex(1, nullptr);
         EXPECT_NE(other, 0U);
         EXPECT_TRUE(vllReleaseMutex(other));
         EXPECT_TRUE(vllCloseHandle(other));
-        EXPECT_EQ(TakeInventory().free_objmem, kObjmemCount);
+        EXPECT_EQ(takeInventory().free_objmem, kObjmemCount);
     });
-    WaitUntil([&] { return mutexes[2] != 0; });
+    waitUntil([&] { return mutexes[2] != 0; });
     for (auto &mutex : mutexes) {
         EXPECT_TRUE(vllCloseHandle(mutex));
     }
-    EXPECT_EQ(TakeInventory().free_objmem, kObjmemCount - 3);
+    EXPECT_EQ(takeInventory().free_objmem, kObjmemCount - 3);
     for (uint32_t i = 0; i < 2 * kObjmemCount; ++i) {
         vllCloseHandle(vllCreateMutex(1, nullptr));
     }
@@ -228,25 +224,25 @@ TEST_F(MutexTest, records_of_dead_owners_are_used_again) {
         std::thread owner([&] {
             std::generate(mutexes.begin(), mutexes.end(), [] { return vllCreateMutex(1, nullptr); });
             made = true;
-            WaitUntil([&] { return closed.load(); });
+            waitUntil([&] { return closed.load(); });
         });
-        WaitUntil([&] { return made.load(); });
+        waitUntil([&] { return made.load(); });
         for (const HANDLE mutex : mutexes) {
             EXPECT_TRUE(vllCloseHandle(mutex));
         }
-        EXPECT_EQ(TakeInventory().free_objmem, 0U);
+        EXPECT_EQ(takeInventory().free_objmem, 0U);
         closed = true;
         owner.join();
-        WaitUntil([] { return TakeInventory().threads == 1; });
+        waitUntil([] { return takeInventory().threads == 1; });
         const Owned fresh(make());
     }
-    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_EQ(takeErrors(), Errors{});
 }
 #endif
 
 TEST_F(MutexTest, closed_under_a_waiter) {
     const HANDLE mutex = vllCreateMutex(1, nullptr);
-    std::thread waiter = StartAsleep([&] {
+    std::thread waiter = startAsleep([&] {
         EXPECT_EQ(vllWaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
         // The wait held the last reference: the mutex was released and is gone.
     });
@@ -262,36 +258,30 @@ TEST_F(MutexTest, limit_and_failing_calls) {
         handles.push_back(i % 2 == 0 ? vllCreateMutex(0, nullptr) : vllCreateSemaphore(1, nullptr));
         EXPECT_NE(handles.back(), 0U);
     }
-    EXPECT_EQ(vllCreateMutex(0, nullptr), 0U);
-    EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(TakeErrors(), std::vector<std::string>{"VLLI: AllocMemObject() error = ENOMEM\n"});
+    EXPECT_THAT(vllCreateMutex(0, nullptr), FailsWith(ENOMEM));
+    EXPECT_EQ(takeErrors(), std::vector<std::string>{"VLLI: AllocMemObject() error = ENOMEM\n"});
     for (const HANDLE handle : handles) {
         EXPECT_TRUE(vllCloseHandle(handle));
     }
     for (const char *call : {"pthread_mutexattr_setrobust", "pthread_mutex_init"}) {
         const FailCall fail(call, 1, ENOTSUP);
-        EXPECT_EQ(vllCreateMutex(1, nullptr), 0U);
-        EXPECT_EQ(errno, ENOTSUP);
+        EXPECT_THAT(vllCreateMutex(1, nullptr), FailsWith(ENOTSUP));
         EXPECT_TRUE(fail.happened());
     }
 }
 
 TEST_F(MutexTest, open_by_name) {
     for (const char *name : {static_cast<const char *>(nullptr), ""}) {
-        errno = 0;
-        EXPECT_EQ(vllOpenMutex(name), 0U);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllOpenMutex(name), FailsWith(EINVAL));
     }
-    EXPECT_EQ(vllOpenMutex("vll_open_test"), 0U);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_THAT(vllOpenMutex("vll_open_test"), FailsWith(ENOENT));
     const Owned mutex(vllCreateMutex(1, "vll_open_test"));
     EXPECT_EQ(errno, 0);  // the attempt left no mutex behind
-    ExpectInChild([] {
+    expectInChild([] {
         vllCloseHandle(OBJ_NAMED_MUTEX);  // what it inherited
         const HANDLE opened = vllOpenMutex("vll_open_test");
         EXPECT_NE(opened, 0U);
-        EXPECT_EQ(vllWaitForSingleObject(opened, 0), WAIT_FAILED);
-        EXPECT_EQ(errno, EBUSY);
+        EXPECT_THAT(vllWaitForSingleObject(opened, 0), FailsWith(EBUSY, WAIT_FAILED));
         vllCloseHandle(opened);
         return 0;
     });
@@ -301,7 +291,7 @@ TEST_F(MutexTest, open_by_name) {
 // Threads that wait for a mutex are no target of cancellation until they have it.
 TEST_F(MutexTest, cancelled_waiter_keeps_the_table_whole) {
     const Owned mutex(vllCreateMutex(1, nullptr));
-    std::thread waiter = StartAsleep([&] {
+    std::thread waiter = startAsleep([&] {
         vllWaitForSingleObject(mutex, INFINITE);
         pthread_testcancel();
         ADD_FAILURE() << "not cancelled";

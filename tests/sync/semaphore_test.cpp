@@ -4,6 +4,7 @@
 
 #include "support/child.h"
 #include "support/faults.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 #include "support/threads.h"
@@ -21,13 +22,11 @@ TEST_F(SemaphoreTest, units_and_results) {
         EXPECT_EQ(errno, 0);
         EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
         EXPECT_EQ(vllWaitForSingleObject(semaphore, INFINITE), WAIT_OBJECT_0);
-        errno = 0;
-        EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_FAILED);
-        EXPECT_EQ(errno, EAGAIN);
-        const int64_t start = NowMs();
+        EXPECT_THAT(vllWaitForSingleObject(semaphore, 0), FailsWith(EAGAIN, WAIT_FAILED));
+        const int64_t start = nowMs();
         EXPECT_EQ(vllWaitForSingleObject(semaphore, 50), WAIT_TIMEOUT);
-        EXPECT_GE(NowMs() - start, 49);
-        EXPECT_LE(NowMs() - start, 1500);
+        EXPECT_GE(nowMs() - start, 49);
+        EXPECT_LE(nowMs() - start, 1500);
         const HANDLE duplicate = vllDuplicateHandle(semaphore);
         EXPECT_TRUE(vllReleaseSemaphore(duplicate));
         EXPECT_EQ(vllWaitForSingleObject(semaphore, 20), WAIT_OBJECT_0);
@@ -40,13 +39,10 @@ TEST_F(SemaphoreTest, units_and_results) {
 
 TEST_F(SemaphoreTest, refused) {
     for (const char *name : {static_cast<const char *>(nullptr), "vll_semaphore_refused"}) {
-        errno = 0;
-        EXPECT_EQ(vllCreateSemaphore(-1, name), 0U);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllCreateSemaphore(-1, name), FailsWith(EINVAL));
         const HANDLE full = vllCreateSemaphore(INT_MAX, name);
         ASSERT_NE(full, 0U);
-        EXPECT_FALSE(vllReleaseSemaphore(full));
-        EXPECT_EQ(errno, EOVERFLOW);
+        EXPECT_THAT(vllReleaseSemaphore(full), FailsWith(EOVERFLOW));
         vllCloseHandle(full);
     }
     const HANDLE mutex = vllCreateMutex(0, nullptr);
@@ -58,34 +54,28 @@ TEST_F(SemaphoreTest, refused) {
         EXPECT_FALSE(vllReleaseSemaphore(handle)) << std::hex << handle;
         EXPECT_EQ(errno, EINVAL);
     }
-    TakeLog();
+    takeLog();
     {
         const FailCall fail("sem_init", 1, ENOSYS);
-        EXPECT_EQ(vllCreateSemaphore(0, nullptr), 0U);
-        EXPECT_EQ(errno, ENOSYS);
+        EXPECT_THAT(vllCreateSemaphore(0, nullptr), FailsWith(ENOSYS));
     }
     vllCloseHandle(mutex);
 }
 
 TEST_F(SemaphoreTest, handles_that_cannot_be_waited_on) {
-    errno = 0;
-    EXPECT_EQ(vllWaitForSingleObject(0, 0), WAIT_FAILED);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(TakeErrors(),
+    EXPECT_THAT(vllWaitForSingleObject(0, 0), FailsWith(EINVAL, WAIT_FAILED));
+    EXPECT_EQ(takeErrors(),
               (std::vector<std::string>{"VLLI: OpenObject( 0x0 ): Invalid handle value! \n",
                                         "VLL: WaitForSingleObject: invalid event handle = 0\n"}));
     const HANDLE mapping = vllCreateFileMapping(INVALID_HANDLE_VALUE, 2, 4096, nullptr);
-    errno = 0;
-    EXPECT_EQ(vllWaitForSingleObject(mapping, INFINITE), WAIT_FAILED);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(TakeErrors(),
+    EXPECT_THAT(vllWaitForSingleObject(mapping, INFINITE), FailsWith(EINVAL, WAIT_FAILED));
+    EXPECT_EQ(takeErrors(),
               std::vector<std::string>{"VLL: WaitForSingleObject: invalid object type ( handle = " +
                                        std::to_string(mapping) + ", type = 0x1000000)\n"});
     EXPECT_TRUE(vllCloseHandle(mapping));
     const HANDLE unmapped = vlliCreateObject(OBJ_NAMED_SEMAPHORE);
     vlliGetObjectAddress(unmapped)->fd = -1;
-    EXPECT_EQ(vllWaitForSingleObject(unmapped, 0), WAIT_FAILED);
-    EXPECT_EQ(errno, EFAULT);
+    EXPECT_THAT(vllWaitForSingleObject(unmapped, 0), FailsWith(EFAULT, WAIT_FAILED));
     EXPECT_FALSE(vllReleaseSemaphore(unmapped));
     vllCloseHandle(unmapped);
 }
@@ -102,7 +92,7 @@ TEST_F(SemaphoreTest, a_waiter_is_woken_without_the_table_lock) {
     });
     const Owned semaphore(vllCreateSemaphore(0, nullptr));
     std::thread waiter =
-        StartAsleep([&] { EXPECT_EQ(vllWaitForSingleObject(semaphore, 60000), WAIT_OBJECT_0); });
+        startAsleep([&] { EXPECT_EQ(vllWaitForSingleObject(semaphore, 60000), WAIT_OBJECT_0); });
     {
         const FailCall signal_first("sem_post", 1, -SIGUSR1);
         EXPECT_TRUE(vllReleaseSemaphore(semaphore));
@@ -126,12 +116,12 @@ TEST_F(SemaphoreTest, a_release_keeps_its_semaphore_from_a_close) {
         const FailCall signal_first("sem_post", 1, -SIGUSR1);
         EXPECT_TRUE(vllReleaseSemaphore(semaphore));
     });
-    ASSERT_TRUE(WaitUntil([] { return inside.load(); }));
+    ASSERT_TRUE(waitUntil([] { return inside.load(); }));
     EXPECT_EQ(vllWaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
     EXPECT_TRUE(vllReleaseSemaphore(semaphore));
-    ExpectInChild([&] { return vllCloseHandle(semaphore) ? 0 : 1; });
+    expectInChild([&] { return vllCloseHandle(semaphore) ? 0 : 1; });
     std::atomic<bool> closed{false};
-    std::thread closer = StartAsleep([&] { closed = vllCloseHandle(semaphore); });
+    std::thread closer = startAsleep([&] { closed = vllCloseHandle(semaphore); });
     EXPECT_FALSE(closed);
     may_leave = true;
     poster.join();
@@ -140,11 +130,11 @@ TEST_F(SemaphoreTest, a_release_keeps_its_semaphore_from_a_close) {
 }
 
 TEST_F(SemaphoreTest, signals_do_not_end_a_wait) {
-    const SignalHandler handler(SIGUSR1, IgnoreSignal);
+    const SignalHandler handler(SIGUSR1, ignoreSignal);
     const Owned semaphore(vllCreateSemaphore(0, nullptr));
     for (const DWORD timeout_ms : {INFINITE, 60000U}) {
         std::atomic<bool> done{false};
-        std::thread waiter = StartAsleep([&] {
+        std::thread waiter = startAsleep([&] {
             EXPECT_EQ(vllWaitForSingleObject(semaphore, timeout_ms), WAIT_OBJECT_0);
             done = true;
         });
@@ -164,7 +154,7 @@ TEST_F(SemaphoreTest, cancelled_in_a_wait) {
         for (const DWORD timeout_ms : {INFINITE, 60000U}) {
             const Owned semaphore(vllCreateSemaphore(pending ? 1 : 0, nullptr));
             const Owned gate(vllCreateMutex(1, nullptr));
-            std::thread waiter = StartAsleep([&] {
+            std::thread waiter = startAsleep([&] {
                 if (pending) {
                     vllWaitForSingleObject(gate, INFINITE);  // no cancellation point
                 }

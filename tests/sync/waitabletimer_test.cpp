@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -18,13 +19,13 @@ constexpr int64_t kMs = 10000;  // in units of 100 ns
 TEST_F(WaitableTimerTest, both_signs_mean_the_same_delay) {
     for (const int64_t due : {150 * kMs, -150 * kMs}) {
         const Owned timer(vllCreateWaitableTimer(nullptr));
-        EXPECT_FALSE(IsSignalled(timer));
-        const int64_t start = NowMs();
+        EXPECT_FALSE(isSignalled(timer));
+        const int64_t start = nowMs();
         EXPECT_TRUE(vllSetWaitableTimer(timer, due / 8));
         EXPECT_TRUE(vllSetWaitableTimer(timer, due)) << "in place of the first";
         EXPECT_EQ(vllWaitForSingleObject(timer, 10), WAIT_TIMEOUT);
         EXPECT_EQ(vllWaitForSingleObject(timer, 20000), WAIT_OBJECT_0);
-        EXPECT_GE(NowMs() - start, 149);
+        EXPECT_GE(nowMs() - start, 149);
         EXPECT_EQ(vllWaitForSingleObject(timer, 50), WAIT_TIMEOUT) << "one wait consumes the only expiry";
         EXPECT_TRUE(vllSetWaitableTimer(timer, 1));
         EXPECT_EQ(vllWaitForSingleObject(timer, 20000), WAIT_OBJECT_0) << "armed again";
@@ -54,10 +55,10 @@ TEST_F(WaitableTimerTest, the_setting_is_relative_and_one_shot) {
     }
     constexpr bool kFits = sizeof(time_t) > 4;
     for (const int64_t due : {INT64_MAX, INT64_MIN}) {
-        EXPECT_RESULT(vllSetWaitableTimer(timer, due), kFits, kFits ? 0 : EINVAL);
-        EXPECT_FALSE(IsSignalled(timer));
+        EXPECT_THAT(vllSetWaitableTimer(timer, due), Yields(kFits, kFits ? 0 : EINVAL));
+        EXPECT_FALSE(isSignalled(timer));
     }
-    TakeErrors();
+    takeErrors();
 }
 
 TEST_F(WaitableTimerTest, zero_and_cancel_disarm) {
@@ -88,9 +89,9 @@ TEST_F(WaitableTimerTest, refusals) {
     errno = 77;
     EXPECT_EQ(vllCreateWaitableTimer(""), 0U);
     EXPECT_EQ(errno, 77);
-    EXPECT_EQ(TakeErrors(), Errors{"VLL: CreateWaitableTimer: Named timers not supported\n"});
+    EXPECT_EQ(takeErrors(), Errors{"VLL: CreateWaitableTimer: Named timers not supported\n"});
 
-    const Owned event(MakeManualEvent());
+    const Owned event(makeManualEvent());
     const HANDLE closed = vllCreateWaitableTimer(nullptr);
     vllCloseHandle(closed);
     const Owned bare(vlliCreateObject(OBJ_WAITABLE_TIMER));
@@ -100,18 +101,18 @@ TEST_F(WaitableTimerTest, refusals) {
             return cancel ? vllCancelWaitableTimer(timer) : vllSetWaitableTimer(timer, kMs);
         };
         const char *name = cancel ? "CancelWaitableTimer" : "SetWaitableTimer";
-        EXPECT_RESULT(operation(closed), FALSE, EINVAL);
-        const Errors lines = TakeErrors();
+        EXPECT_THAT(operation(closed), Yields(FALSE, EINVAL));
+        const Errors lines = takeErrors();
         ASSERT_EQ(lines.size(), 2U);
-        EXPECT_EQ(lines[1], Format("VLLI: %s( timerHandle = 0 )\n", name));
+        EXPECT_EQ(lines[1], format("VLLI: %s( timerHandle = 0 )\n", name));
 
-        EXPECT_RESULT(operation(bare), FALSE, 0);
-        EXPECT_EQ(TakeErrors(),
-                  Errors{Format("VLLI: %s( %u ) - timer not initialized\n", name, HANDLE{bare})});
+        EXPECT_THAT(operation(bare), Yields(FALSE, 0));
+        EXPECT_EQ(takeErrors(),
+                  Errors{format("VLLI: %s( %u ) - timer not initialized\n", name, HANDLE{bare})});
 
-        EXPECT_RESULT(operation(event), FALSE, EINVAL);
-        EXPECT_EQ(TakeErrors(),
-                  Errors{Format("VLLI: %s( %u ) - unable to (re)set timer time, error = %d [%s]\n", name,
+        EXPECT_THAT(operation(event), Yields(FALSE, EINVAL));
+        EXPECT_EQ(takeErrors(),
+                  Errors{format("VLLI: %s( %u ) - unable to (re)set timer time, error = %d [%s]\n", name,
                                 HANDLE{event}, EINVAL, strerror(EINVAL))});
     }
 }
@@ -119,9 +120,9 @@ TEST_F(WaitableTimerTest, refusals) {
 TEST_F(WaitableTimerTest, failing_calls) {
     const Owned timer(vllCreateWaitableTimer(nullptr));
     const auto create = [] { return vllCreateWaitableTimer(nullptr); };
-    ExpectFailure({"timerfd_create", 1, EMFILE, {}}, create, 0);
-    ExpectFailure({"fcntl64", 1, EINVAL, {}}, create, 0);
-    ExpectFailure(
+    expectFailure({"timerfd_create", 1, EMFILE, {}}, create, 0);
+    expectFailure({"fcntl64", 1, EINVAL, {}}, create, 0);
+    expectFailure(
         {"dup", 1, EMFILE, {}}, [&] { return vllDuplicateHandle(timer); }, 0);
 }
 

@@ -10,6 +10,7 @@
 #include "net/wsasockets.h"
 #include "support/faults.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/objects.h"
 #include "support/syslog_capture.h"
 
@@ -30,9 +31,9 @@ DWORD waitBlocking(int32_t count, const HANDLE *handles, HANDLE signal_later) {
 struct Waiter {
     explicit Waiter(HANDLE object, DWORD timeout = INFINITE)
         : thread([this, object, timeout] {
-              const int64_t start = NowMs();
+              const int64_t start = nowMs();
               result = vllWaitForSingleObject(object, timeout);
-              waited_ms = NowMs() - start;
+              waited_ms = nowMs() - start;
           }) {}
     DWORD finish() {
         thread.finish();
@@ -44,20 +45,20 @@ struct Waiter {
 };
 
 TEST_F(WaitForMultipleObjectsTest, counts_and_arrays_out_of_range) {
-    const Owned event(MakeManualEvent(TRUE));
+    const Owned event(makeManualEvent(TRUE));
     const std::vector<HANDLE> handles(MAXIMUM_WAIT_OBJECTS + 1, event);
     for (const int32_t count : {0, -1, MAXIMUM_WAIT_OBJECTS + 1, INT32_MIN, INT32_MAX}) {
-        EXPECT_RESULT(vllWaitForMultipleObjects(count, handles.data(), 0), WAIT_FAILED, EINVAL);
+        EXPECT_THAT(vllWaitForMultipleObjects(count, handles.data(), 0), Yields(WAIT_FAILED, EINVAL));
     }
-    EXPECT_RESULT(vllWaitForMultipleObjects(1, nullptr, 0), WAIT_FAILED, EINVAL);
+    EXPECT_THAT(vllWaitForMultipleObjects(1, nullptr, 0), Yields(WAIT_FAILED, EINVAL));
     EXPECT_EQ(vllWaitForMultipleObjects(MAXIMUM_WAIT_OBJECTS, handles.data(), 0), WAIT_OBJECT_0);
-    EXPECT_EQ(TakeErrors(), Errors{});
+    EXPECT_EQ(takeErrors(), Errors{});
 }
 
 TEST_F(WaitForMultipleObjectsTest, each_of_64_is_reported_at_its_index) {
     HANDLE handles[MAXIMUM_WAIT_OBJECTS];
     for (HANDLE &handle : handles) {
-        handle = MakeAutoEvent();
+        handle = makeAutoEvent();
     }
     errno = 77;
     for (DWORD i = 0; i < MAXIMUM_WAIT_OBJECTS; i += 7) {
@@ -79,7 +80,7 @@ TEST_F(WaitForMultipleObjectsTest, each_of_64_is_reported_at_its_index) {
 }
 
 TEST_F(WaitForMultipleObjectsTest, what_each_type_consumes) {
-    const Owned automatic(MakeAutoEvent()), manual(MakeManualEvent());
+    const Owned automatic(makeAutoEvent()), manual(makeManualEvent());
     const Owned timer(vllCreateWaitableTimer(nullptr));
     const Sleeper thread([&] { vllWaitForSingleObject(manual, INFINITE); });
     const HANDLE handles[] = {automatic, timer, thread.handle()};
@@ -101,10 +102,10 @@ TEST_F(WaitForMultipleObjectsTest, what_each_type_consumes) {
 }
 
 TEST_F(WaitForMultipleObjectsTest, a_bad_handle_anywhere_fails_and_changes_nothing) {
-    const Owned signalled(MakeAutoEvent(TRUE)), other(MakeAutoEvent()), mutex(vllCreateMutex(FALSE, nullptr));
-    const HANDLE closed = MakeAutoEvent();
+    const Owned signalled(makeAutoEvent(TRUE)), other(makeAutoEvent()), mutex(vllCreateMutex(FALSE, nullptr));
+    const HANDLE closed = makeAutoEvent();
     vllCloseHandle(closed);
-    const Inventory before = TakeInventory();
+    const Inventory before = takeInventory();
     const std::pair<HANDLE, size_t> rows[] = {
         // and the lines that each logs
         {closed, 1}, {0, 1}, {5, 1}, {0x50000, 1}, {OBJ_WAITABLE_TIMER | (other & kIndexMask), 0},
@@ -114,21 +115,21 @@ TEST_F(WaitForMultipleObjectsTest, a_bad_handle_anywhere_fails_and_changes_nothi
         for (const int32_t place : {0, 1, 2}) {
             HANDLE handles[] = {signalled, other, other};
             handles[place] = handle;
-            EXPECT_RESULT(vllWaitForMultipleObjects(3, handles, INFINITE), WAIT_FAILED, EINVAL);
-            EXPECT_EQ(TakeErrors().size(), lines);
-            EXPECT_EQ(References(signalled), 1);
-            EXPECT_EQ(References(other), 1);
+            EXPECT_THAT(vllWaitForMultipleObjects(3, handles, INFINITE), Yields(WAIT_FAILED, EINVAL));
+            EXPECT_EQ(takeErrors().size(), lines);
+            EXPECT_EQ(references(signalled), 1);
+            EXPECT_EQ(references(other), 1);
         }
     }
-    EXPECT_EQ(TakeInventory(), before);
-    EXPECT_TRUE(IsSignalled(signalled)) << "not consumed";
+    EXPECT_EQ(takeInventory(), before);
+    EXPECT_TRUE(isSignalled(signalled)) << "not consumed";
 }
 
 TEST_F(WaitForMultipleObjectsTest, failing_calls) {
-    const Owned event(MakeAutoEvent()), timer(vllCreateWaitableTimer(nullptr));
+    const Owned event(makeAutoEvent()), timer(vllCreateWaitableTimer(nullptr));
     const HANDLE handles[] = {timer, event};
     const auto failedAdd = [](int i, const char *what, int32_t fd, int error) {
-        return Format(
+        return format(
             "VLL: WaitForMultipleObjects: epoll_ctl( efd, EPOLL_CTL_ADD, events[%d]->%s = %d ) = -1, "
             "errno = %d\n",
             i, what, fd, error);
@@ -143,10 +144,10 @@ TEST_F(WaitForMultipleObjectsTest, failing_calls) {
         {"epoll_wait", 1, EINVAL, {}},
     };
     for (const Failure &failure : failures) {
-        ExpectFailure(
+        expectFailure(
             failure, [&] { return vllWaitForMultipleObjects(2, handles, 50); }, WAIT_FAILED);
-        EXPECT_EQ(References(event), 1);
-        EXPECT_EQ(References(timer), 1);
+        EXPECT_EQ(references(event), 1);
+        EXPECT_EQ(references(timer), 1);
     }
     // What a wait can do without.
     for (const char *call : {"poll", "pthread_mutex_lock"}) {
@@ -160,7 +161,7 @@ TEST_F(WaitForMultipleObjectsTest, failing_calls) {
 }
 
 TEST_F(WaitForMultipleObjectsTest, the_array_may_change_during_the_wait) {
-    const Owned first(MakeAutoEvent()), second(MakeAutoEvent());
+    const Owned first(makeAutoEvent()), second(makeAutoEvent());
     HANDLE handles[] = {first, second};
     DWORD result = WAIT_FAILED;
     Sleeper waiter([&] { result = vllWaitForMultipleObjects(2, handles, 20000); });
@@ -171,7 +172,7 @@ TEST_F(WaitForMultipleObjectsTest, the_array_may_change_during_the_wait) {
 }
 
 TEST_F(WaitForMultipleObjectsTest, time_outs_are_not_early) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     for (const DWORD timeout : {0U, 1U, 7U, 100U}) {
         timespec start, end;
         clock_gettime(CLOCK_MONOTONIC, &start);
@@ -185,7 +186,7 @@ TEST_F(WaitForMultipleObjectsTest, time_outs_are_not_early) {
 }
 
 TEST_F(WaitForMultipleObjectsTest, time_outs_of_two_to_the_31_and_more_are_endless) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     for (const DWORD timeout : {0x80000000U, 0xFFFFFFFEU, INFINITE, 0x7FFFFFFFU}) {
         Waiter waiter(event, timeout);
         EXPECT_EQ(vllWaitForSingleObject(waiter.thread.handle(), 30), WAIT_TIMEOUT);
@@ -198,7 +199,7 @@ TEST_F(WaitForMultipleObjectsTest, a_signal_handler_starts_the_time_out_again) {
     struct sigaction action = {}, old;
     action.sa_handler = [](int) {};
     ASSERT_EQ(sigaction(SIGUSR1, &action, &old), 0);
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Waiter waiter(event, 400);
     usleep(200000);
     EXPECT_EQ(syscall(SYS_tgkill, getpid(), waiter.thread.tid(), SIGUSR1), 0);
@@ -209,20 +210,20 @@ TEST_F(WaitForMultipleObjectsTest, a_signal_handler_starts_the_time_out_again) {
 
 // Steals each signal before the waiter runs: the waiter's time goes on.
 TEST_F(WaitForMultipleObjectsTest, a_stolen_signal_does_not_start_the_time_out_again) {
-    const Owned event(MakeAutoEvent());
+    const Owned event(makeAutoEvent());
     Waiter waiter(event, 400);
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(waitUntil([&] {
         vllSetEvent(event);
         vllResetEvent(event);
-        return IsSignalled(waiter.thread.handle());
+        return isSignalled(waiter.thread.handle());
     }));
     const DWORD result = waiter.finish();
     EXPECT_TRUE(result == WAIT_OBJECT_0 || (result == WAIT_TIMEOUT && waiter.waited_ms >= 400)) << result;
 }
 
 TEST_F(WaitForMultipleObjectsTest, one_signal_is_seen_once_through_two_handles) {
-    const Owned event(MakeAutoEvent());
-    const Owned next(MakeAutoEvent(TRUE));
+    const Owned event(makeAutoEvent());
+    const Owned next(makeAutoEvent(TRUE));
     const Owned duplicate(vllDuplicateHandle(event));
     const HANDLE handles[] = {event, duplicate, next};
     vllSetEvent(duplicate);
@@ -232,23 +233,23 @@ TEST_F(WaitForMultipleObjectsTest, one_signal_is_seen_once_through_two_handles) 
 }
 
 TEST_F(WaitForMultipleObjectsTest, closed_while_another_thread_waits) {
-    const HANDLE event = MakeAutoEvent();
+    const HANDLE event = makeAutoEvent();
     const Owned duplicate(vllDuplicateHandle(event));
     Waiter waiter(event);
-    const uint32_t free_before = TakeInventory().free_objects;
+    const uint32_t free_before = takeInventory().free_objects;
     EXPECT_TRUE(vllCloseHandle(event));
     for (int i = 0; i < 3; ++i) {
-        EXPECT_RESULT(vllCloseHandle(event), FALSE, EINVAL);  // the reference is the waiter's
+        EXPECT_THAT(vllCloseHandle(event), Yields(FALSE, EINVAL));  // the reference is the waiter's
     }
-    EXPECT_EQ(TakeInventory().free_objects, free_before) << "the record is not recycled under the waiter";
+    EXPECT_EQ(takeInventory().free_objects, free_before) << "the record is not recycled under the waiter";
     EXPECT_EQ(vllWaitForSingleObject(waiter.thread.handle(), 20), WAIT_TIMEOUT);
     vllSetEvent(duplicate);
     EXPECT_EQ(waiter.finish(), WAIT_OBJECT_0);
-    EXPECT_TRUE(WaitUntil([&] { return References(event) == 0; }));
+    EXPECT_TRUE(waitUntil([&] { return references(event) == 0; }));
 }
 
 TEST_F(WaitForMultipleObjectsTest, waiters_beside_each_other) {
-    const Owned event(MakeAutoEvent()), manual(MakeManualEvent());
+    const Owned event(makeAutoEvent()), manual(makeManualEvent());
     Waiter victim(event), survivor(event), third(manual), fourth(manual);
     EXPECT_TRUE(vllTerminateThread(victim.thread.handle(), 1));
     EXPECT_EQ(victim.finish(), WAIT_FAILED) << "never returned";
@@ -264,7 +265,7 @@ TEST_F(WaitForMultipleObjectsTest, waiters_beside_each_other) {
 TEST_F(WaitForMultipleObjectsTest, no_signal_is_lost_or_seen_twice_among_waiters) {
     constexpr int kSignals = 10000;
     for (const bool alternate : {false, true}) {
-        const Owned event(MakeAutoEvent()), stop(MakeManualEvent());
+        const Owned event(makeAutoEvent()), stop(makeManualEvent());
         const HANDLE handles[] = {event, stop};
         std::atomic<int> returned{0};
         const auto body = [&] {
@@ -274,23 +275,23 @@ TEST_F(WaitForMultipleObjectsTest, no_signal_is_lost_or_seen_twice_among_waiters
         };
         HANDLE threads[8];
         for (HANDLE &thread : threads) {
-            thread = StartThread(body);
+            thread = startThread(body);
         }
         for (int i = 1; i <= kSignals && !HasFailure(); ++i) {
             EXPECT_TRUE(vllSetEvent(event));
-            const int64_t limit = NowMs() + 20000;
+            const int64_t limit = nowMs() + 20000;
             while (alternate && returned < i && !HasFailure()) {
-                EXPECT_LT(NowMs(), limit) << "signal " << i << " was lost";
+                EXPECT_LT(nowMs(), limit) << "signal " << i << " was lost";
                 sched_yield();
             }
             EXPECT_TRUE(!alternate || returned == i) << "a wait returned without a signal";
         }
         // Signals of a signalled event merge; the last one is never lost.
         pollfd signalled = {vllGetEventFd(event), POLLIN, 0};
-        EXPECT_TRUE(WaitUntil([&] { return poll(&signalled, 1, 0) == 0 && returned > 0; }));
+        EXPECT_TRUE(waitUntil([&] { return poll(&signalled, 1, 0) == 0 && returned > 0; }));
         vllSetEvent(stop);
         for (const HANDLE thread : threads) {
-            FinishThread(thread);
+            finishThread(thread);
         }
         EXPECT_LE(returned, kSignals);
         EXPECT_GE(returned, alternate ? kSignals : 1);

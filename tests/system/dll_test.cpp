@@ -1,4 +1,5 @@
 #include "system/dll.h"
+#include "base/allocate.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -16,6 +17,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/shown_process.h"
 #include "vwincompat/module.h"
 
@@ -30,8 +32,8 @@ std::string ownPath() {
 // A copy of the tests' own shared object, in a directory of the test's own.
 std::string makeModule(const std::string &name) {
     const std::string own = ownPath();
-    return MakeScript(MakeProgramDirectory(), name,
-                      ReadFile(own.substr(0, own.rfind('/')) + "/probe_module.so"));
+    return makeScript(makeProgramDirectory(), name,
+                      readFile(own.substr(0, own.rfind('/')) + "/probe_module.so"));
 }
 
 size_t countOf(const std::string &text, const std::string &part) {
@@ -60,21 +62,19 @@ TEST_F(ModuleTest, loads_and_finds_symbols) {
     memcpy(&answer, &symbol, sizeof answer);
     EXPECT_EQ(answer(), 42);
     EXPECT_EQ(vllGetProcAddress(module, "noSuchSymbol"), nullptr);
-    EXPECT_EQ(vllGetProcAddress(module, nullptr), nullptr);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetProcAddress(module, nullptr), FailsWith(EINVAL));
 
     // The handle that was asked for took no part in the count of loads.
     EXPECT_TRUE(vllFreeLibrary(module));
     EXPECT_EQ(vllGetModuleHandle(path.c_str()), module);
     EXPECT_TRUE(vllFreeLibrary(module));
     EXPECT_EQ(vllGetModuleHandle(path.c_str()), nullptr);
-    EXPECT_FALSE(vllFreeLibrary(nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllFreeLibrary(nullptr), FailsWith(EINVAL));
 }
 
 // In a child: the loader counts what is found so as used by the program, and never unloads it.
 TEST_F(ModuleTest, what_is_loaded_is_there_for_all) {
-    ExpectInChild([] {
+    expectInChild([] {
         const HMODULE module = vllLoadLibrary(makeModule("global.so").c_str());
         void *symbol = vllGetProcAddress(nullptr, "probeAnswer");
         return symbol != nullptr && symbol == vllGetProcAddress(module, "probeAnswer") ? 0 : 1;
@@ -82,7 +82,7 @@ TEST_F(ModuleTest, what_is_loaded_is_there_for_all) {
 }
 
 TEST_F(ModuleTest, refuses_what_is_no_module) {
-    const std::string text = MakeScript(MakeProgramDirectory(), "text.so", "no module");
+    const std::string text = makeScript(makeProgramDirectory(), "text.so", "no module");
     EXPECT_EQ(vllLoadLibrary(text.c_str()), nullptr);
     EXPECT_EQ(vllLoadLibrary("/nowhere/module.so"), nullptr);
     EXPECT_EQ(vllGetModuleHandle("/nowhere/module.so"), nullptr);
@@ -95,8 +95,7 @@ TEST_F(ModuleTest, file_names) {
     EXPECT_EQ(name, ownPath());
     EXPECT_TRUE(vllGetModuleFileName(reinterpret_cast<LPCVOID>(&ownPath), name));
     EXPECT_EQ(name, ownPath());
-    EXPECT_FALSE(vllGetModuleFileName(nullptr, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetModuleFileName(nullptr, nullptr), FailsWith(EINVAL));
     EXPECT_FALSE(vlliGetModuleFileNameByAddress(nullptr, name));
 
     const std::string path = makeModule("with blanks and.so");
@@ -109,7 +108,7 @@ TEST_F(ModuleTest, file_names) {
     ASSERT_EQ(unlink(path.c_str()), 0);
     EXPECT_TRUE(vllGetModuleFileName(symbol, name));
     EXPECT_EQ(name, path);
-    MakeScript(path.substr(0, path.rfind('/')), "with blanks and.so", "new");
+    makeScript(path.substr(0, path.rfind('/')), "with blanks and.so", "new");
     EXPECT_TRUE(vllGetModuleFileName(symbol, name));
     EXPECT_EQ(name, path);
     EXPECT_TRUE(vllFreeLibrary(module));
@@ -119,9 +118,7 @@ TEST_F(ModuleTest, file_names) {
     for (LPCVOID address :
          {static_cast<LPCVOID>(&local), static_cast<LPCVOID>(heap.get()),
           reinterpret_cast<LPCVOID>(uintptr_t{1}), reinterpret_cast<LPCVOID>(UINTPTR_MAX)}) {
-        errno = 0;
-        EXPECT_FALSE(vllGetModuleFileName(address, name));
-        EXPECT_EQ(errno, ENOENT);
+        EXPECT_THAT(vllGetModuleFileName(address, name), FailsWith(ENOENT));
     }
 }
 
@@ -166,9 +163,9 @@ TEST(MapLine, fields) {
 
 TEST_F(ModuleTest, enumerates_code_segments) {
     const std::string path = makeModule("listed.so");
-    const std::string plain_directory = MakeProgramDirectory() + "/dir.so.d";
+    const std::string plain_directory = makeProgramDirectory() + "/dir.so.d";
     ASSERT_EQ(mkdir(plain_directory.c_str(), 0755), 0);
-    const std::string plain = MakeScript(plain_directory, "plain", std::string(100, 'x'));
+    const std::string plain = makeScript(plain_directory, "plain", std::string(100, 'x'));
     const int fd = open(plain.c_str(), O_RDONLY | O_CLOEXEC);
     void *code = mmap(nullptr, 100, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
     close(fd);
@@ -210,23 +207,18 @@ TEST_F(ModuleTest, enumerates_code_segments) {
 
 TEST_F(ModuleTest, a_list_never_grows_over_its_bound) {
     std::vector<char> buffer(VLL_MODULE_LIST_SIZE + 1, 'x');
-    EXPECT_FALSE(vllEnumerateLoadedModules(nullptr));
-    EXPECT_EQ(errno, EINVAL);
-    errno = 0;
-    EXPECT_FALSE(vllEnumerateLoadedModules(buffer.data()));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllEnumerateLoadedModules(nullptr), FailsWith(EINVAL));
+    EXPECT_THAT(vllEnumerateLoadedModules(buffer.data()), FailsWith(EINVAL));
     const size_t kNearlyFull = VLL_MODULE_LIST_SIZE - 100;
     buffer[kNearlyFull] = '\0';
     const std::vector<char> before = buffer;
-    errno = 0;
-    EXPECT_FALSE(vllEnumerateLoadedModules(buffer.data()));
-    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_THAT(vllEnumerateLoadedModules(buffer.data()), FailsWith(ENOBUFS));
     EXPECT_EQ(strlen(buffer.data()), kNearlyFull);
     EXPECT_EQ(buffer[VLL_MODULE_LIST_SIZE], 'x');
 }
 
 TEST_F(ModuleTest, starting_address) {
-    ExpectInChild([] {
+    expectInChild([] {
         EXPECT_STREQ(vllGetModuleStartingAddress("no such module"), "");
         const std::string path = makeModule("addressed.so");
         const HMODULE module = vllLoadLibrary(path.c_str());
@@ -239,8 +231,7 @@ TEST_F(ModuleTest, starting_address) {
         EXPECT_EQ(name, path);
         EXPECT_FALSE(vllGetModuleFileName(reinterpret_cast<LPCVOID>(start - 1), name) && path == name);
         EXPECT_EQ(vllGetModuleStartingAddress("no such module"), digits);
-        EXPECT_EQ(vllGetModuleStartingAddress(nullptr), nullptr);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllGetModuleStartingAddress(nullptr), FailsWith(EINVAL));
         EXPECT_STRNE(vllGetModuleStartingAddress("dll_test"), digits.c_str());
         return vllFreeLibrary(module) ? 0 : 1;
     });
@@ -249,8 +240,8 @@ TEST_F(ModuleTest, starting_address) {
 TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
     // A path of 4,080 bytes makes its line longer than a line may be, whatever the width of its addresses; its tail
     // has all the looks of a line of its own.
-    ExpectInChild([] {
-        const std::string start = MakeProgramDirectory();
+    expectInChild([] {
+        const std::string start = makeProgramDirectory();
         if (chdir(start.c_str()) != 0) {
             return 1;
         }
@@ -272,9 +263,7 @@ TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
         }
         void *code = mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
         char path[VLL_MODULE_NAME_SIZE];
-        errno = 0;
-        EXPECT_FALSE(vllGetModuleFileName(code, path));
-        EXPECT_EQ(errno, ENOENT);
+        EXPECT_THAT(vllGetModuleFileName(code, path), FailsWith(ENOENT));
         std::vector<char> list(VLL_MODULE_LIST_SIZE);
         EXPECT_TRUE(vllEnumerateLoadedModules(list.data()));
         EXPECT_EQ(strstr(list.data(), "ffff.so"), nullptr);
@@ -287,12 +276,10 @@ TEST_F(ModuleTest, the_map_cannot_be_read) {
     char list[8] = "kept";
     {
         FailCall fail("fopen64", 1, EMFILE, 4);
-        EXPECT_FALSE(vllGetModuleFileName(reinterpret_cast<LPCVOID>(&ownPath), name));
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_THAT(vllGetModuleFileName(reinterpret_cast<LPCVOID>(&ownPath), name), FailsWith(EMFILE));
         EXPECT_FALSE(vllEnumerateLoadedModules(list));
         EXPECT_EQ(vllGetModuleStartingAddress("x"), nullptr);
-        EXPECT_EQ(vllGetCommandLine(), nullptr);
-        EXPECT_EQ(errno, EMFILE);
+        EXPECT_THAT(vllGetCommandLine(), FailsWith(EMFILE));
     }
     EXPECT_STREQ(name, "kept");
     EXPECT_STREQ(list, "kept");
@@ -301,7 +288,7 @@ TEST_F(ModuleTest, the_map_cannot_be_read) {
 // ---- the command line ----
 
 TEST_F(ModuleTest, command_line) {
-    const std::string expected = ReadFile("/proc/self/cmdline");
+    const std::string expected = readFile("/proc/self/cmdline");
     const char *text = vllGetCommandLine();
     ASSERT_NE(text, nullptr);
     EXPECT_EQ(std::string(text, expected.size()), expected);

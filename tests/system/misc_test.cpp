@@ -16,6 +16,7 @@
 
 #include "support/child.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 #include "support/syslog_capture.h"
 
@@ -99,51 +100,45 @@ TEST(Tone, argument) {
 
 TEST_F(BeepTest, no_frequency) {
     for (const DWORD frequency : {0U, 0x10000U, 0xFFFF0000U}) {
-        errno = 0;
-        EXPECT_FALSE(vllBeep(frequency, 10));
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllBeep(frequency, 10), FailsWith(EINVAL));
     }
-    EXPECT_EQ(TakeErrors(), Strings{});
+    EXPECT_EQ(takeErrors(), Strings{});
 }
 
 // In a child that sees a file in the console's place.
 Strings errorsWithFileForConsole(const std::function<void()> &body) {
-    ExpectInChild([&] {
+    expectInChild([&] {
         if (unshare(CLONE_NEWNS) != 0) {
             return 1;
         }
         if (access("/dev/tty10", F_OK) == 0) {
-            CoverFile("/dev/tty10", "");
+            coverFile("/dev/tty10", "");
         } else {
-            CoverDirectory("/dev");
+            coverDirectory("/dev");
             close(open("/dev/tty10", O_CREAT | O_WRONLY, 0600));
         }
         body();
         return 0;
     });
-    return TakeErrors();
+    return takeErrors();
 }
 
 TEST_F(BeepTest, the_console_does_not_sound) {
-    const Strings errors = errorsWithFileForConsole([] {
-        errno = 0;
-        EXPECT_FALSE(vllBeep(1000, 10));
-        EXPECT_EQ(errno, ENOTTY);
-    });
+    const Strings errors =
+        errorsWithFileForConsole([] { EXPECT_THAT(vllBeep(1000, 10), FailsWith(ENOTTY)); });
     EXPECT_EQ(errors, (Strings{"vllBeep: ioctl error playing sound 25 - Inappropriate ioctl for device\n"}));
 }
 
 TEST_F(BeepTest, there_is_no_console) {
-    ExpectInChild([] {
+    expectInChild([] {
         if (unshare(CLONE_NEWNS) != 0) {
             return 1;
         }
-        CoverDirectory("/dev");
-        EXPECT_FALSE(vllMessageBeep(0));
-        EXPECT_EQ(errno, ENOENT);
+        coverDirectory("/dev");
+        EXPECT_THAT(vllMessageBeep(0), FailsWith(ENOENT));
         return 0;
     });
-    EXPECT_EQ(TakeErrors(), (Strings{"vllBeep: Error opening console 2 - No such file or directory\n"}));
+    EXPECT_EQ(takeErrors(), (Strings{"vllBeep: Error opening console 2 - No such file or directory\n"}));
 }
 
 // The kernel answers the tone request with success when its argument is the one expected, and with EDOM when
@@ -182,30 +177,29 @@ TEST_F(BeepTest, sounds_and_returns_when_it_is_over) {
         SCOPED_TRACE(row.argument);
         EXPECT_EQ(errorsWithFileForConsole([&] {
                       ASSERT_TRUE(expectTone(row.argument));
-                      const int64_t start = NowMs();
+                      const int64_t start = nowMs();
                       EXPECT_TRUE(vllBeep(row.frequency, row.duration));
-                      EXPECT_GE(NowMs() - start + 1, row.ms);
+                      EXPECT_GE(nowMs() - start + 1, row.ms);
                   }),
                   Strings{});
     }
     EXPECT_EQ(errorsWithFileForConsole([&] {
                   ASSERT_TRUE(expectTone((125U << 16) + 1704U));
                   EXPECT_TRUE(vllMessageBeep(0x30));
-                  EXPECT_FALSE(vllBeep(1000, 200));
-                  EXPECT_EQ(errno, EDOM);
+                  EXPECT_THAT(vllBeep(1000, 200), FailsWith(EDOM));
               }).size(),
               1U);
 }
 
 TEST_F(BeepTest, sounds_on_a_real_console) {
-    if (!OnTarget()) {
+    if (!onTarget()) {
         GTEST_SKIP() << "no machine of the tests' own";
     }
-    const int64_t start = NowMs();
+    const int64_t start = nowMs();
     EXPECT_TRUE(vllBeep(1000, 200)) << strerror(errno);
-    EXPECT_GE(NowMs() - start + 1, 225);
+    EXPECT_GE(nowMs() - start + 1, 225);
     EXPECT_TRUE(vllMessageBeep(0)) << strerror(errno);
-    EXPECT_EQ(TakeErrors(), Strings{});
+    EXPECT_EQ(takeErrors(), Strings{});
 }
 
 }  // namespace

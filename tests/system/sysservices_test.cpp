@@ -16,6 +16,7 @@
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 #include "support/shown_process.h"
 #include "vwincompat/system.h"
@@ -45,25 +46,25 @@ class PowerTest : public LibraryTest {
     // Runs body in a child whose /usr/sbin and PATH hold stand-ins only, which write their arguments to a
     // file: what was written.
     std::string withStandIns(int status, const std::function<void()> &body) {
-        const std::string directory = MakeProgramDirectory();
+        const std::string directory = makeProgramDirectory();
         const std::string out = directory + "/out";
         const std::string script = "#!/bin/sh\nprintf '%s|' \"${0##*/}\" \"$@\" > " + out + "\nexit " +
                                    std::to_string(status) + "\n";
-        ExpectInChild([&] {
+        expectInChild([&] {
             if (unshare(CLONE_NEWNS) != 0) {
                 return 1;
             }
             char real[PATH_MAX];
-            CoverDirectory(realpath("/sbin", real) != nullptr ? real : "/sbin");
+            coverDirectory(realpath("/sbin", real) != nullptr ? real : "/sbin");
             if (status >= 0) {
-                MakeScript("/sbin", "reboot", script);
-                MakeScript(directory, "shutdown", script);
+                makeScript("/sbin", "reboot", script);
+                makeScript(directory, "shutdown", script);
             }
             setenv("PATH", directory.c_str(), 1);
             body();
             return 0;
         });
-        return ReadFile(out);
+        return readFile(out);
     }
 };
 
@@ -78,8 +79,7 @@ TEST_F(PowerTest, power_off) {
     EXPECT_TRUE(vllExitWindowsEx(0));
     EXPECT_EQ(static_cast<uint32_t>(reboot_command), 0x4321FEDCU);
     reboot_error = EPERM;
-    EXPECT_FALSE(vllExitWindowsEx(0));
-    EXPECT_EQ(errno, EPERM);
+    EXPECT_THAT(vllExitWindowsEx(0), FailsWith(EPERM));
 }
 
 TEST_F(PowerTest, reboot) {
@@ -117,8 +117,7 @@ TEST_F(PowerTest, timed_shutdown) {
                   row.run);
     }
     FailCall fail("fork", 1, EAGAIN);
-    EXPECT_FALSE(vllInitiateSystemShutdown(TRUE));
-    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_THAT(vllInitiateSystemShutdown(TRUE), FailsWith(EAGAIN));
 }
 
 // ---- locale and dates ----
@@ -142,12 +141,9 @@ TEST_F(LocaleTest, info) {
         }
     }
     for (const DWORD code : {0U, 3U, 0x20029U, 0xFFFFFFFFU}) {
-        errno = 0;
-        EXPECT_EQ(vllGetLocaleInfo(code, nullptr, 0), 0U);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_THAT(vllGetLocaleInfo(code, nullptr, 0), FailsWith(EINVAL));
     }
-    EXPECT_EQ(vllGetLocaleInfo(1, nullptr, 10), 0U);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetLocaleInfo(1, nullptr, 10), FailsWith(EINVAL));
 }
 
 TEST_F(LocaleTest, date_format) {
@@ -158,9 +154,7 @@ TEST_F(LocaleTest, date_format) {
     EXPECT_EQ(vllGetDateFormat(buffer, sizeof buffer, "%a %b %e %H:%M:%S", &leap_day), 19U);
     EXPECT_STREQ(buffer, "Thu Feb 29 23:59:58");
     for (const DWORD size : {0U, 1U, 10U}) {
-        errno = 0;
-        EXPECT_EQ(vllGetDateFormat(buffer, size, "%Y-%m-%d", &leap_day), 0U);
-        EXPECT_EQ(errno, ENOBUFS);
+        EXPECT_THAT(vllGetDateFormat(buffer, size, "%Y-%m-%d", &leap_day), FailsWith(ENOBUFS));
     }
     EXPECT_EQ(vllGetDateFormat(buffer, 11, "%Y-%m-%d", &leap_day), 10U);
     EXPECT_EQ(vllGetDateFormat(buffer, sizeof buffer, "", &leap_day), 0U);
@@ -175,18 +169,14 @@ TEST_F(LocaleTest, date_format) {
     EXPECT_GT(vllGetDateFormat(buffer, sizeof buffer, "%s", nullptr), 0U);
     EXPECT_GE(atoll(buffer), before);
     EXPECT_LE(atoll(buffer), time(nullptr));
-    EXPECT_EQ(vllGetDateFormat(nullptr, 10, "%s", nullptr), 0U);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetDateFormat(nullptr, 10, "%s", nullptr), FailsWith(EINVAL));
     EXPECT_EQ(vllGetDateFormat(buffer, 10, nullptr, nullptr), 0U);
 }
 
 TEST_F(LocaleTest, set_locale) {
-    ExpectInChild([] {
-        EXPECT_FALSE(vllSetLocale(nullptr));
-        EXPECT_EQ(errno, EINVAL);
-        errno = 0;
-        EXPECT_FALSE(vllSetLocale("xx_XX.NONE"));
-        EXPECT_EQ(errno, EINVAL);
+    expectInChild([] {
+        EXPECT_THAT(vllSetLocale(nullptr), FailsWith(EINVAL));
+        EXPECT_THAT(vllSetLocale("xx_XX.NONE"), FailsWith(EINVAL));
         // A small system may lack it.
         const bool installed = setlocale(LC_ALL, "C.UTF-8") != nullptr;
         setlocale(LC_ALL, "C");
@@ -217,16 +207,13 @@ void expectName(BOOL (*get)(LPSTR, LPDWORD), const std::string &name, bool keeps
     }
     char buffer[4];
     DWORD size = sizeof buffer;
-    EXPECT_FALSE(get(nullptr, &size));
-    EXPECT_EQ(errno, EINVAL);
-    errno = 0;
-    EXPECT_FALSE(get(buffer, nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(get(nullptr, &size), FailsWith(EINVAL));
+    EXPECT_THAT(get(buffer, nullptr), FailsWith(EINVAL));
 }
 
 TEST_F(NameTest, computer_name) {
     // Its own name, in a namespace of its own.
-    ExpectInChild([] {
+    expectInChild([] {
         const std::string name = "gateway-7";
         if (unshare(CLONE_NEWUTS) != 0 || sethostname(name.data(), name.size()) != 0) {
             return 1;
@@ -237,11 +224,11 @@ TEST_F(NameTest, computer_name) {
 }
 
 TEST_F(NameTest, user_name) {
-    ExpectInChild([] {
+    expectInChild([] {
         if (unshare(CLONE_NEWNS) != 0) {
             return 1;
         }
-        CoverFile("/etc/passwd",
+        coverFile("/etc/passwd",
                   "root:x:0:0:" + std::string(5000, 'r') + ":/root:/bin/sh\nother:x:4:4::/:\n");
         setenv("USER", "from-user", 1);
         expectName(vllGetUserName, "root", true);
@@ -252,8 +239,7 @@ TEST_F(NameTest, user_name) {
         unsetenv("USER");
         char buffer[8];
         DWORD size = sizeof buffer;
-        EXPECT_FALSE(vllGetUserName(buffer, &size));
-        EXPECT_EQ(errno, ENOENT);
+        EXPECT_THAT(vllGetUserName(buffer, &size), FailsWith(ENOENT));
         return 0;
     });
 }
@@ -262,8 +248,7 @@ TEST_F(NameTest, system_info) {
     struct utsname info;
     EXPECT_TRUE(vllGetSystemInfo(&info));
     EXPECT_STREQ(info.sysname, "Linux");
-    EXPECT_FALSE(vllGetSystemInfo(nullptr));
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_THAT(vllGetSystemInfo(nullptr), FailsWith(EINVAL));
 }
 
 // ---- expansion ----
@@ -308,8 +293,7 @@ TEST_F(ExpandTest, texts) {
             EXPECT_EQ(buffer, size < need ? "kept" : row.result) << row.source;
         }
     }
-    EXPECT_EQ(vllExpandEnvironmnentStrings("a", nullptr, 0), 2U);
-    EXPECT_EQ(errno, ENOBUFS);
+    EXPECT_THAT(vllExpandEnvironmnentStrings("a", nullptr, 0), FailsWith(ENOBUFS, 2U));
 }
 
 TEST_F(ExpandTest, no_words) {
@@ -344,8 +328,7 @@ TEST_F(ExpandTest, refused) {
     EXPECT_EQ(vllExpandEnvironmnentStrings(nullptr, buffer, sizeof buffer), 0U);
     EXPECT_EQ(vllExpandEnvironmnentStrings("a", nullptr, 1), 0U);
     FailCall fail("wordexp", 1, WRDE_NOSPACE);
-    EXPECT_EQ(vllExpandEnvironmnentStrings("a", buffer, sizeof buffer), 0U);
-    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_THAT(vllExpandEnvironmnentStrings("a", buffer, sizeof buffer), FailsWith(ENOMEM));
 }
 
 }  // namespace

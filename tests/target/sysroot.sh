@@ -6,7 +6,7 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 suite=bookworm
 # What is built against, and what the machine runs: kernel, shell, tools, zone files.
-packages=(libc6-dev libstdc++-12-dev libcrypt-dev libgtest-dev
+packages=(libc6-dev libstdc++-12-dev libcrypt-dev libgtest-dev libgmock-dev
           linux-image-armmp busybox-static dash coreutils tzdata)
 
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/vwincompat

@@ -13,6 +13,7 @@
 #include "support/clock.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 #include "support/private_machine.h"
 
 namespace {
@@ -56,7 +57,7 @@ TEST(TimeSetTest, setting_the_clock) {
     }
     for (const int error : {EPERM, EINVAL}) {
         const CatchClockSetting clock(error);
-        EXPECT_FAILS(error, vllSetSystemTime(&cases[0].time));
+        EXPECT_THAT(vllSetSystemTime(&cases[0].time), FailsWith(error));
     }
     unsetenv("TZ");
     tzset();
@@ -66,16 +67,16 @@ TEST(TimeSetTest, setting_the_clock) {
 class RealClockTest : public testing::Test {
   protected:
     void SetUp() override {
-        if (!OnTarget()) {
+        if (!onTarget()) {
             GTEST_SKIP() << "needs a clock that may be set";
         }
         clock_gettime(CLOCK_REALTIME, &before);
-        started_ms = NowMs();
+        started_ms = nowMs();
     }
     // Gives the machine its time back.
     void TearDown() override {
-        if (OnTarget()) {
-            before.tv_sec += static_cast<time_t>((NowMs() - started_ms) / 1000);
+        if (onTarget()) {
+            before.tv_sec += static_cast<time_t>((nowMs() - started_ms) / 1000);
             clock_settime(CLOCK_REALTIME, &before);
         }
     }
@@ -104,10 +105,10 @@ TEST_F(RealClockTest, set_and_read_back) {
 }
 
 TEST_F(RealClockTest, without_privileges) {
-    const ChildResult child = RunInChild([] {
+    const ChildResult child = runInChild([] {
         EXPECT_EQ(setresuid(65534, 65534, 65534), 0);
         const SYSTEMTIME time = {2026, 11, 0, 16, 12, 0, 0, 250};
-        EXPECT_FAILS(EPERM, vllSetSystemTime(&time));
+        EXPECT_THAT(vllSetSystemTime(&time), FailsWith(EPERM));
         return 0;
     });
     EXPECT_EQ(child.status, 0);
@@ -138,7 +139,7 @@ void enterReadOnlyRoot() {
 }
 
 TEST_F(RealClockTest, the_zone_and_the_hardware_clock) {
-    const ChildResult child = RunInChild([] {
+    const ChildResult child = runInChild([] {
         enterReadOnlyRoot();
         if (testing::Test::HasFatalFailure()) {
             return 1;
@@ -178,12 +179,12 @@ TEST_F(RealClockTest, the_zone_and_the_hardware_clock) {
 class ZoneTest : public LibraryTest {
   protected:
     static void SetUpTestSuite() {
-        if (OnTarget()) {
+        if (onTarget()) {
             return;
         }
-        CoverDirectory("/etc");
+        coverDirectory("/etc");
         for (const char *command : {"/bin/mount", "/bin/ln", "/sbin/hwclock"}) {
-            CoverFile(command, std::string("#!/bin/sh\n"
+            coverFile(command, std::string("#!/bin/sh\n"
                                            "echo \"$0 $*\" >>/dev/commands\n"
                                            "if test -e /dev/fail-") +
                                    basename(command) + " && grep -qe \"$1\" /dev/fail-" + basename(command) +
@@ -195,7 +196,7 @@ class ZoneTest : public LibraryTest {
     void SetUp() override {
         unsetenv("TZ");
         LibraryTest::SetUp();
-        if (OnTarget()) {
+        if (onTarget()) {
             GTEST_SKIP() << "the target has the real commands";
         }
         link("/usr/share/zoneinfo/UTC", kLink);
@@ -223,7 +224,7 @@ class ZoneTest : public LibraryTest {
 TEST_F(ZoneTest, paris) {
     const TIME_ZONE_INFORMATION paris = named("Europe/Paris");
     ASSERT_TRUE(vllSetTimeZoneInformation(&paris));
-    EXPECT_EQ(ReadFile("/dev/commands"),
+    EXPECT_EQ(readFile("/dev/commands"),
               "/bin/mount -oremount,rw /\n"
               "/bin/ln -s /usr/share/zoneinfo/Europe/Paris /etc/localtime\n"
               "/bin/mount -oremount,ro /\n"
@@ -261,9 +262,9 @@ TEST_F(ZoneTest, names_that_never_reach_a_command) {
     };
     for (const auto &c : cases) {
         const TIME_ZONE_INFORMATION zone = named(c.name);
-        EXPECT_FAILS(c.error, vllSetTimeZoneInformation(&zone)) << c.name;
+        EXPECT_THAT(vllSetTimeZoneInformation(&zone), FailsWith(c.error)) << c.name;
     }
-    EXPECT_EQ(ReadFile("/dev/commands"), "");
+    EXPECT_EQ(readFile("/dev/commands"), "");
     EXPECT_EQ(linkTarget(), "/usr/share/zoneinfo/UTC");
 }
 
@@ -282,9 +283,9 @@ TEST_F(ZoneTest, a_step_that_fails_is_the_last) {
     for (const auto &c : cases) {
         link("/usr/share/zoneinfo/UTC", kLink);
         remove("/dev/commands");
-        WriteFile(c.file, c.argument);
+        writeFile(c.file, c.argument);
         EXPECT_FALSE(vllSetTimeZoneInformation(&paris)) << c.file;
-        const std::string commands = ReadFile("/dev/commands");
+        const std::string commands = readFile("/dev/commands");
         EXPECT_EQ(std::count(commands.begin(), commands.end(), '\n'), c.commands) << commands;
         EXPECT_EQ(linkTarget(), c.target) << c.file;
         remove(c.file);
@@ -298,10 +299,10 @@ TEST_F(ZoneTest, a_step_that_fails_is_the_last) {
 TEST_F(ZoneTest, commands_that_cannot_run) {
     const TIME_ZONE_INFORMATION paris = named("Europe/Paris");
     ASSERT_EQ(chmod("/bin/mount", 0644), 0);
-    EXPECT_FAILS(EACCES, vllSetTimeZoneInformation(&paris));
+    EXPECT_THAT(vllSetTimeZoneInformation(&paris), FailsWith(EACCES));
     ASSERT_EQ(chmod("/bin/mount", 0755), 0);
     EXPECT_EQ(linkTarget(), "/usr/share/zoneinfo/UTC");
-    EXPECT_EQ(ReadFile("/dev/commands"), "");
+    EXPECT_EQ(readFile("/dev/commands"), "");
 }
 
 TEST_F(ZoneTest, a_cancelled_thread_finishes_the_change) {
@@ -317,7 +318,7 @@ TEST_F(ZoneTest, a_cancelled_thread_finishes_the_change) {
     ASSERT_NE(thread, 0U);
     EXPECT_EQ(vllWaitForSingleObject(thread, 20000), 0U);
     EXPECT_TRUE(vllCloseHandle(thread));
-    const std::string commands = ReadFile("/dev/commands");
+    const std::string commands = readFile("/dev/commands");
     EXPECT_EQ(std::count(commands.begin(), commands.end(), '\n'), 4) << commands;
 }
 

@@ -10,6 +10,7 @@
 
 #include "support/clock.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 
 namespace {
 
@@ -202,7 +203,7 @@ TEST_F(TimeTest, clock_past_2038) {
     const FakeTime late(time_t{INT32_MAX} + 1);
     SYSTEMTIME record;
     FILETIME seconds = 5;
-    EXPECT_FAILS(EOVERFLOW, vllGetSystemTimeAsFileTime(&seconds));
+    EXPECT_THAT(vllGetSystemTimeAsFileTime(&seconds), FailsWith(EOVERFLOW));
     EXPECT_EQ(seconds, -1);
     EXPECT_TRUE(vllGetSystemTime(&record));
     EXPECT_EQ(record.wYear, 2038);
@@ -247,7 +248,7 @@ TEST_F(TimeTest, file_times) {
     const timespec far[2] = {{1000, 0}, {time_t{INT32_MAX} + 1, 0}};
     ASSERT_EQ(futimens(fd, far), 0);
     access = write = 7;
-    EXPECT_FAILS(EOVERFLOW, vllGetFileTime(file, nullptr, &access, &write));
+    EXPECT_THAT(vllGetFileTime(file, nullptr, &access, &write), FailsWith(EOVERFLOW));
     EXPECT_EQ(access, 7);
     EXPECT_EQ(write, 7);
     EXPECT_TRUE(vllGetFileTime(file, nullptr, &access, nullptr));  // what is not asked for does not matter
@@ -256,9 +257,9 @@ TEST_F(TimeTest, file_times) {
 
     for (const HANDLE none : {file, INVALID_HANDLE_VALUE, HANDLE{0x10000}}) {
         EXPECT_TRUE(vllSetFileTime(none, &given, nullptr, nullptr));
-        EXPECT_FAILS(EBADF, vllSetFileTime(none, nullptr, &given, nullptr));
-        EXPECT_FAILS(EBADF, vllSetFileTime(none, nullptr, &given, &given));
-        EXPECT_FAILS(EBADF, vllGetFileTime(none, &creation, &access, &write));
+        EXPECT_THAT(vllSetFileTime(none, nullptr, &given, nullptr), FailsWith(EBADF));
+        EXPECT_THAT(vllSetFileTime(none, nullptr, &given, &given), FailsWith(EBADF));
+        EXPECT_THAT(vllGetFileTime(none, &creation, &access, &write), FailsWith(EBADF));
     }
 }
 
@@ -267,9 +268,9 @@ TEST_F(TimeTest, ticks) {
     EXPECT_EQ(vlliTickCount({4294967, 296000000}), 0U);
     EXPECT_EQ(vlliTickCount({INT32_MAX, 999999999}), static_cast<uint32_t>(INT32_MAX * int64_t{1000} + 999));
 
-    const uint32_t before = static_cast<uint32_t>(NowMs());
+    const uint32_t before = static_cast<uint32_t>(nowMs());
     const uint32_t ticks = vllGetTickCount();
-    EXPECT_LE(ticks - before, static_cast<uint32_t>(NowMs()) - before);
+    EXPECT_LE(ticks - before, static_cast<uint32_t>(nowMs()) - before);
 
     LARGE_INTEGER frequency = 0;
     tms unused;

@@ -21,7 +21,7 @@ constexpr time_t kDay = 86400;
 
 class TimeZoneTest : public LibraryTest {
   protected:
-    static void SetUpTestSuite() { CoverDirectory("/etc"); }
+    static void SetUpTestSuite() { coverDirectory("/etc"); }
     void SetUp() override {
         unsetenv("TZ");
         LibraryTest::SetUp();
@@ -44,7 +44,7 @@ std::vector<std::string> installedZones() {
     std::vector<std::string> zones;
     for (const auto &entry : fs::recursive_directory_iterator(
              "/usr/share/zoneinfo", fs::directory_options::follow_directory_symlink)) {
-        if (entry.is_regular_file() && ReadFile(entry.path()).substr(0, 4) == "TZif") {
+        if (entry.is_regular_file() && readFile(entry.path()).substr(0, 4) == "TZif") {
             zones.push_back(entry.path());
         }
     }
@@ -110,7 +110,7 @@ TIME_ZONE_INFORMATION expectedRecord(const std::vector<time_t> &changes) {
 // A zone file with leap seconds ends their list with a transition that changes nothing. It counts as one of the
 // year, but the system's conversions do not show it: of such a zone only result and bias can be foretold.
 bool hasLeapSeconds(const std::string &path) {
-    return ReadFile(path).substr(28, 4) != std::string(4, '\0');
+    return readFile(path).substr(28, 4) != std::string(4, '\0');
 }
 
 void expectZoneThroughYear(const std::string &name, int year) {

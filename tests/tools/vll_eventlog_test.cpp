@@ -54,7 +54,7 @@ string withoutYears(string text) {
 class VllEventlogTest : public testing::Test {
   protected:
     static void SetUpTestSuite() {
-        CoverDirectory("/var/log");
+        coverDirectory("/var/log");
         setenv("T", toolPath().c_str(), 1);
     }
     void SetUp() override {
@@ -103,14 +103,14 @@ TEST_F(VllEventlogTest, commands) {
 }
 
 TEST_F(VllEventlogTest, follows_through_a_rotation) {
-    const pid_t tool = StartChild([] {
+    const pid_t tool = startChild([] {
         const int out = open("/var/log/out", O_WRONLY | O_CREAT | O_TRUNC, 0644);
         dup2(out, STDOUT_FILENO);
         const char *program = getenv("T");
         return program == nullptr ? 1 : execl(program, "vll-eventlog", "-f", "-n", "1", nullptr);
     });
     const auto shows = [](const string &texts) {
-        return WaitUntil([&] {
+        return waitUntil([&] {
             std::ifstream file("/var/log/out");
             string found;
             for (string line; std::getline(file, line);) {
@@ -131,7 +131,7 @@ TEST_F(VllEventlogTest, follows_through_a_rotation) {
     std::ofstream(kCurrent) << entry("user.info", "anew");
     EXPECT_TRUE(shows(" three five six seven seven anew"));
     kill(tool, SIGTERM);
-    EXPECT_EQ(FinishChild(tool).status, SIGTERM);
+    EXPECT_EQ(finishChild(tool).status, SIGTERM);
 }
 
 }  // namespace

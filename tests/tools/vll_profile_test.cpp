@@ -36,14 +36,14 @@ string toolPath() {
 class VllProfileTest : public testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(chdir(FreshDirectory().c_str()), 0);
+        ASSERT_EQ(chdir(freshDirectory().c_str()), 0);
         ASSERT_EQ(symlink(toolPath().c_str(), "p"), 0);
     }
     void TearDown() override { EXPECT_EQ(chdir("/"), 0); }
 };
 
 TEST_F(VllProfileTest, commands) {
-    WriteFile("a.ini",
+    writeFile("a.ini",
               "loose=1\n[Net]\n; c\n\"my key\" = 'v w'\nflag\n[Empty]\n[Dir]\nroot=/srv\n[net]\nother=1\n");
     const struct {
         const char *command;
@@ -115,7 +115,7 @@ TEST_F(VllProfileTest, long_lists) {
     for (int i = 0; i < 5000; ++i) {
         content += "[section " + std::to_string(i) + "]\nkey=1\n";
     }
-    WriteFile("a.ini", content);
+    writeFile("a.ini", content);
     EXPECT_EQ(shell("./p sections a.ini | wc -l | tr -d ' '"), "5000\n<0>\n");
     EXPECT_EQ(shell("./p sections a.ini | tail -n 1"), "section 4999\n<0>\n");
 }

@@ -8,7 +8,7 @@
  * This file is built as C without -fexceptions (which would make the handlers unwinder-driven) and with unwind
  * tables (so that unwinding can leave its frames).
  */
-#include "base/internal_blocking.h"
+#include "base/blocking.h"
 
 #include <errno.h>
 #include <pthread.h>

@@ -1,4 +1,4 @@
-// The room for calls that block or may be cancelled. See internal_blocking.c.
+// The room for calls that block or may be cancelled. See blocking.c.
 #pragma once
 
 #include <fcntl.h>

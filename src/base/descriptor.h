@@ -1,0 +1,79 @@
+// Descriptors: owning one, and moving bytes until all have been moved.
+#pragma once
+
+#include <sys/types.h>
+#include <cstddef>
+
+#include "base/failure.h"
+
+// close(2), called once, without being a cancellation point: 0, or -1 with errno.
+int vlliCloseFd(int fd);
+
+// A descriptor that is closed at the end of its scope, with errno kept.
+class Fd final {
+  public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    // noexcept is sound: closing is no cancellation point, so that nothing unwinds from here.
+    Fd(Fd &&other) noexcept : fd_(other.release()) {}
+    Fd &operator=(Fd &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) {
+            const KeepErrno keep_errno;
+            vlliCloseFd(fd_);
+        }
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+// Makes a descriptor non-blocking and clears its other status flags: 0, or -1 with errno.
+int vlliSetNonBlocking(int fd);
+
+// shm_open(3), also of an object of another user with O_CREAT: a descriptor, or -1 with errno.
+int vlliOpenSharedMemory(const char *name, int flags, mode_t mode);
+
+// Calls transfer(offset, size), a read or write of up to size bytes that continues at that offset, until size bytes
+// have been moved, the end is reached (a result of 0), or it fails. Interrupted calls are made again.
+// The number of bytes moved, or -1 with errno.
+template <typename Transfer>
+ssize_t vlliTransferFully(size_t size, Transfer transfer) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t moved = vlliRetryOnEintr([&] { return transfer(done, size - done); });
+        if (moved == -1) {
+            return -1;
+        }
+        if (moved == 0) {
+            break;
+        }
+        done += static_cast<size_t>(moved);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+// read(2) until the buffer is full or the end is reached: the number of bytes, or -1 with errno.
+ssize_t vlliReadFully(int fd, void *buffer, size_t size);
+
+// write(2) until everything is written: the size, or -1 with errno.
+ssize_t vlliWriteFully(int fd, const void *bytes, size_t size);
+
+// The same at an offset of a file, by pread(2) and pwrite(2).
+ssize_t vlliReadFullyAt(int fd, void *buffer, size_t size, off_t offset);
+ssize_t vlliWriteFullyAt(int fd, const void *bytes, size_t size, off_t offset);

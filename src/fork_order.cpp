@@ -1,0 +1,60 @@
+// What the library does around fork(2), in the order of its locks. The handlers are registered when the library is
+// loaded, before it can have taken any lock: a fork beside a registration, or beside a thread that has just taken a
+// lock whose handlers are not registered yet, would leave the child with a lock that nobody there releases.
+//
+// Like the table of types, this file looks down into every folder; nothing refers to it.
+
+#include <pthread.h>
+
+#include "base/failure.h"
+#include "base/fork_handlers.h"
+#include "core/internal_async.h"
+#include "core/objmem.h"
+#include "process/memory_probe.h"
+#include "process/thread.h"
+#include "sharing/shared_descriptor.h"
+#include "sharing/shmem_protocol.h"
+
+namespace {
+
+// The outermost lock first, as in LAYERS.
+constexpr const ForkHandlers *kHandlers[] = {
+    &kDescriptorServerForkHandlers, &kSharedObjectForkHandlers, &kAsyncServiceForkHandlers,
+    &kThreadForkHandlers,           &kProbeForkHandlers,        &kHandleTableForkHandlers,
+};
+constexpr size_t kCount = sizeof kHandlers / sizeof *kHandlers;
+
+void run(void (*handler)()) {
+    if (handler != nullptr) {
+        handler();
+    }
+}
+
+void prepare() {
+    const KeepErrno keep_errno;
+    for (const ForkHandlers *handlers : kHandlers) {
+        run(handlers->prepare);
+    }
+}
+
+// The locks are released, or made anew, in the reverse order.
+
+void finishInParent() {
+    const KeepErrno keep_errno;
+    for (size_t i = kCount; i-- > 0;) {
+        run(kHandlers[i]->parent);
+    }
+}
+
+void finishInChild() {
+    const KeepErrno keep_errno;
+    for (size_t i = kCount; i-- > 0;) {
+        run(kHandlers[i]->child);
+    }
+}
+
+__attribute__((constructor)) void registerHandlers() {
+    pthread_atfork(prepare, finishInParent, finishInChild);
+}
+
+}  // namespace
