@@ -10,23 +10,37 @@
  *     url=a#b                 ; a comment starts with ; or # behind a blank, or at the start of a line
  *     verbose                 ; a key without '=' has the empty value
  *
- * Names are compared without regard to ASCII letter case; of several sections with one name, or several entries
- * with one key in a section, the first counts. The lines before the first header are a section without a name:
- * a null section means that one. An unclosed quotation, text behind a quotation or a header, an empty key and
- * an empty name make a line malformed: it is skipped. A NUL byte ends a line for the readers.
+ * Names are compared without regard to ASCII letter case; of several sections with one name, or several
+ * entries with one key in a section, the first counts. The lines before the first header are a section
+ * without a name: a null section means that one. An unclosed quotation, text behind a quotation or a header,
+ * an empty key and an empty name make a line malformed: it is skipped. A NUL byte ends a line for the
+ * readers.
  *
- * Limits: a section name, a key or a value has at most 1023 bytes; a line with a longer one is malformed. Of a
- * line of more than 4095 bytes every 4095 are read as a line of their own.
+ * Limits: a section name, a key or a value has at most 1023 bytes; a line with a longer one is malformed. Of
+ * a line of more than 4095 bytes every 4095 are read as a line of their own.
  *
  * Nothing is cached: each operation reads the file anew. File names are used as they are, without conversion
- * of Windows paths. Operations take no lock, and none is a cancellation point; they block as long as the file system
- * does. Two edits of one file at the same time, by threads or processes, can lose one another's change:
- * callers take turns.
+ * of Windows paths. Operations take no lock, and none is a cancellation point; they block as long as the file
+ * system does. Two edits of one file at the same time, by threads or processes, can lose one another's
+ * change: callers take turns.
  *
- * An edit writes a complete copy, named as the file with "copy" appended, and renames it over the file: whoever
- * reads meanwhile, or finds the file after a crash, sees the old file or the new one. So an edit takes
- * room on the file system for two files, and a symbolic link or one of several hard links is replaced by a plain
- * file. When anything fails the file is as it was, and so is every line that an edit does not concern, byte for byte.
+ * An edit writes a complete copy, named as the file with "copy" appended, and renames it over the file:
+ * whoever reads meanwhile, or finds the file after a crash, sees the old file or the new one. So during an
+ * edit the file system holds two files, and a symbolic link or one of several hard links is replaced by a
+ * plain file. When an edit fails the file is as it was. A line that an edit does not concern stays as it is,
+ * byte for byte. The rename is not checked: when it fails, the operation succeeds and the new content is in
+ * the copy.
+ *
+ * Example: read a number with a default, and change it.
+ *
+ * @code{.c}
+ * BOOL doubleTimeout(LPCSTR file) {
+ *     char text[12];
+ *     UINT timeout_ms = vllGetPrivateProfileInt("Net", "timeout", 500, file);
+ *     vllultoa(timeout_ms * 2, text, 10);
+ *     return vllWritePrivateProfileString("Net", "timeout", text, file);
+ * }
+ * @endcode
  */
 #ifndef VWINCOMPAT_PROFILE_H
 #define VWINCOMPAT_PROFILE_H
@@ -40,12 +54,20 @@ extern "C" {
 /**
  * Reads one value as a number.
  *
- * @param section        the section's name, or null.
- * @param key            the entry's key.
- * @param default_value  the result when there is no such file, section or key, or the value has 50 bytes or more.
- * @return the value, read as atoi(3) does: leading blanks, a sign, decimal digits; what follows does not count,
- *         and text without a number is 0. A number beyond 32 bits gives the nearest one within. When it is the
- *         default, the last error tells why: as for vllReadConfigValue().
+ * @param section        the section's name. Null is the section without a name.
+ * @param key            the entry's key; not null.
+ * @param default_value  the result when there is no such file, section or key, or the value has 50 bytes or
+ *                       more.
+ * @param file           the file's name; not null.
+ * @return  the value, read as atoi(3) does: leading blanks, a sign, decimal digits; what follows does not
+ *          count, and text without a number is 0. A number beyond 32 bits gives the nearest one within. The
+ *          last error is 0 when a value was read. Otherwise the result is the default.
+ * @error EINVAL  the file or the key is null.
+ * @error ENOENT  there is no such file, section or key.
+ * @error ENOBUFS  the value has 50 bytes or more.
+ * @error others  as open(2) and read(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API UINT vllGetPrivateProfileInt(LPCSTR section, LPCSTR key, int32_t default_value, LPCSTR file);
 
@@ -53,84 +75,141 @@ VLL_API UINT vllGetPrivateProfileInt(LPCSTR section, LPCSTR key, int32_t default
  * Reads one value, or lists sections or keys.
  *
  * With section and key: the value, cut to size - 1 bytes; the default when file, section or key are missing.
- * With a section only: its keys, as vllReadAllValues(). With a key only: all sections, as vllReadAllSections().
+ * With a section only: its keys, as vllReadAllValues(). With a key only: all sections, as
+ * vllReadAllSections().
  *
- * @param default_value  what is stored when there is nothing to read, cut to size - 1 bytes; not in the buffer itself.
- *                       Null means "".
- * @param buffer         where the result goes, with its terminator.
- * @param size           the buffer's size in bytes; 0 with a section and a key: nothing is stored, the result is 0.
- * @return the number of bytes stored, without the terminator. Last error: 0 when a value was read whole; ENOBUFS
- *         when it was cut (the result is size - 1); what vllReadConfigValue() says when the default was stored. For
- *         the lists see there: a missing file gives (DWORD)-1 and leaves the buffer alone. (DWORD)-1 with EINVAL
- *         when section and key are both null, 0 with EINVAL for a null buffer.
+ * @param section        the section's name. Null lists the sections.
+ * @param key            the entry's key. Null lists the keys of the section.
+ * @param default_value  what is stored when there is nothing to read, cut to size - 1 bytes; it must not lie
+ *                       in the buffer. Null stands for "".
+ * @param buffer         receives the result with its terminator. May be null when the size is 0.
+ * @param size           the buffer's size in bytes, at least 2 for a list. 0 with a section and a key:
+ *                       nothing is stored, and the result is 0.
+ * @param file           the file's name; not null.
+ * @return  the number of bytes stored, without the terminator (for a list: without the last one). The last
+ *          error is 0 when a value was read whole; a value that was cut gives size - 1, a list that was cut
+ *          size - 2, and a list of a file that cannot be read (DWORD)-1 with the buffer untouched.
+ * @error EINVAL  section and key are both null: the result is (DWORD)-1. The file is null: the default is
+ *                stored, or for a list the result is (DWORD)-1. The buffer is null although the size is not
+ *                0, or for a list has less than 2 bytes: the result is 0.
+ * @error ENOBUFS  the value or the list was cut.
+ * @error ENOENT  there is no such file, section or key; or the section whose keys are listed has none. The
+ *                default is stored, but for a list of a file that does not exist.
+ * @error others  as open(2) and read(2) give them. The default is stored, but for a list.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API DWORD vllGetPrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR default_value, LPSTR buffer,
                                          DWORD size, LPCSTR file);
 
 /**
- * Reads all entries of a section as strings "key=value", each with its terminator, and one more terminator at the
- * end. Quotes around keys and values are removed, an entry without '=' gets one.
+ * Reads all entries of a section as strings "key=value", each with its terminator, and one more terminator at
+ * the end. Quotes around keys and values are removed, and an entry without '=' gets one.
  *
- * @param section  the section's name, or null.
- * @param buffer   cleared first; untouched when the file cannot be read.
+ * @param section  the section's name. Null is the section without a name.
+ * @param buffer   receives the list, and zero bytes behind it; not null. Untouched when the file cannot be
+ *                 opened.
  * @param size     the buffer's size in bytes, at least 2.
- * @return the number of bytes stored without the last terminator; size - 2 with ENOBUFS when the list was cut.
- *         0 for an empty section, with ENOENT when there is none, with the error of open(2) or read(2) when the file
- *         cannot be read, and with EINVAL for a buffer of less than 2 bytes; the last error is unchanged otherwise.
+ * @param file     the file's name; not null.
+ * @return  the number of bytes stored without the last terminator, size - 2 when the list was cut, and 0
+ *          after any other failure. For an empty section it is 0 as well, with the last error unchanged, as
+ *          after every success.
+ * @error EINVAL  the file or the buffer is null, or the buffer has less than 2 bytes.
+ * @error ENOENT  there is no such file or section.
+ * @error ENOBUFS  the list was cut.
+ * @error others  as open(2) and read(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API DWORD vllGetPrivateProfileSection(LPCSTR section, LPSTR buffer, DWORD size, LPCSTR file);
 
 /**
- * Sets or deletes an entry, or deletes a section. Creates the file and the section when they do not exist, for
- * deletions too.
+ * Sets or deletes an entry, or deletes a section. Creates the file and the section when they do not exist,
+ * for deletions too.
  *
- * With a key and a value: as vllAddConfigValue(). With a key and no value: as vllDeleteConfigValue(). Without a key: as
- * vllDeleteConfigSection(); so three null pointers delete all lines before the first section, where Win32 would
- * flush its cache.
+ * With a key and a value: as vllAddConfigValue(). With a key and no value: as vllDeleteConfigValue(). Without
+ * a key: as vllDeleteConfigSection(); so three null pointers delete all lines before the first section, where
+ * Win32 would flush its cache. A file or section that was created stays when the edit that follows fails.
  *
- * @return TRUE, or FALSE with the error of the step that failed. EINVAL for a null file; nothing is created or
- *         changed with arguments that vllAddConfigSection() or vllAddConfigValue() refuse.
+ * @param section  the section's name. Null is the section without a name.
+ * @param key      the entry's key. Null deletes the section.
+ * @param value    the value. Null deletes the entry.
+ * @param file     the file's name, of at most 255 bytes; not null.
+ * @return  TRUE, or FALSE.
+ * @error EINVAL  the file is null, or vllAddConfigSection() or vllAddConfigValue() refuses the arguments;
+ *                nothing is created or changed then.
+ * @error ENAMETOOLONG  the file name has more than 255 bytes.
+ * @error ENOENT  there is no such entry to be deleted, or a directory of the file's name does not exist.
+ * @error ENOSPC  the file system is full.
+ * @error others  as vllCopyFile(), open(2), read(2), write(2) and fsync(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
  */
 VLL_API BOOL vllWritePrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR value, LPCSTR file);
 
 /**
  * Reads one value.
  *
- * @param file     a file name.
- * @param section  the section's name, or null.
- * @param key      the entry's key.
- * @param buffer   where the value goes, with its terminator. May be null when the size is 0.
- * @param size     in: the buffer's size in bytes. Out: the value's length without terminator.
- * @return TRUE with a last error of 0, or FALSE:
- *         - the error of open(2) or read(2) when the file cannot be read; buffer and size are untouched
- *         - ENOENT: no such section; buffer and size are untouched
- *         - ENOENT: no such key; the buffer holds "" and the size is 0
- *         - ENOBUFS: the value is too long; the buffer holds its first size - 1 bytes and a terminator (nothing
- *           when its size is 0), and the size is what is needed: the length plus 1
- *         - EINVAL: a null pointer among file, key, buffer and size
+ * @param file     the file's name; not null.
+ * @param section  the section's name. Null is the section without a name.
+ * @param key      the entry's key; not null.
+ * @param buffer   receives the value with its terminator. May be null when the size is 0.
+ * @param size     in: the buffer's size in bytes; out: the value's length without its terminator. Not null.
+ * @return  TRUE with a last error of 0, or FALSE.
+ * @error EINVAL  the file, the key or the size is null, or the buffer is null although its size is not 0.
+ * @error ENOENT  there is no such file or section: buffer and size are untouched. Or there is no such key:
+ *                the buffer holds "", and the size is 0.
+ * @error ENOBUFS  the value is too long: the buffer holds its first size - 1 bytes and a terminator (nothing
+ *                when its size is 0), and the size is what is needed, the length plus 1.
+ * @error others  as open(2) and read(2) give them: buffer and size are untouched.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API BOOL vllReadConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPSTR buffer, DWORD *size);
 
 /**
- * Lists the names of all sections, in the order of the file, repeated ones too: strings with their terminators, and
- * one more terminator at the end.
+ * Lists the names of all sections, in the order of the file, repeated ones too: strings with their
+ * terminators, and one more terminator at the end.
  *
- * @param default_value  what is stored instead when the file has no section, cut to size - 1 bytes. Null means "".
- * @param buffer         cleared first; untouched when the file cannot be read.
+ * @param default_value  what is stored instead when the file has no section, cut to size - 1 bytes; it must
+ *                       not lie in the buffer. Null stands for "".
+ * @param buffer         receives the list, and zero bytes behind it; not null. Untouched when the file cannot
+ *                       be opened.
  * @param size           the buffer's size in bytes, at least 2.
- * @return the number of bytes stored without the last terminator; size - 2 with ENOBUFS when the list was cut; the
- *         length of the default when that was stored, with the last error unchanged. (DWORD)-1 with the error of
- *         open(2) or read(2) when the file cannot be read, or EINVAL for a null name; 0 with EINVAL for a null
- *         buffer or one of less than 2 bytes.
+ * @param file           the file's name; not null.
+ * @return  the number of bytes stored without the last terminator, or the length of the default when that was
+ *          stored, with the last error unchanged; size - 2 when the list was cut; (DWORD)-1 when the file
+ *          cannot be read; 0 for a buffer that is refused.
+ * @error EINVAL  the file is null: the result is (DWORD)-1. The buffer is null or has less than 2 bytes: the
+ *                result is 0.
+ * @error ENOENT  there is no such file.
+ * @error ENOBUFS  the list was cut.
+ * @error others  as open(2) and read(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API DWORD vllReadAllSections(LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR file);
 
 /**
- * Lists the keys of a section as vllReadAllSections() lists sections.
+ * Lists the keys of a section, as vllReadAllSections() lists sections.
  *
- * @param section  the section's name, or null.
- * @return as vllReadAllSections(). The default is stored, with ENOENT, when there is no such section, or nothing
- *         in it.
+ * @param section        the section's name. Null is the section without a name.
+ * @param default_value  what is stored instead when there is no such section or no entry in it, cut to size -
+ *                       1 bytes; it must not lie in the buffer. Null stands for "".
+ * @param buffer         receives the list, and zero bytes behind it; not null. Untouched when the file cannot
+ *                       be opened.
+ * @param size           the buffer's size in bytes, at least 2.
+ * @param file           the file's name; not null.
+ * @return  the number of bytes stored without the last terminator, with the last error unchanged, or the
+ *          length of the default when that was stored, with ENOENT; size - 2 when the list was cut; (DWORD)-1
+ *          when the file cannot be read; 0 for a buffer that is refused.
+ * @error EINVAL  the file is null: the result is (DWORD)-1. The buffer is null or has less than 2 bytes: the
+ *                result is 0.
+ * @error ENOENT  there is no such file, no such section, or no entry in it.
+ * @error ENOBUFS  the list was cut.
+ * @error others  as open(2) and read(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API DWORD vllReadAllValues(LPCSTR section, LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR file);
 
@@ -138,57 +217,96 @@ VLL_API DWORD vllReadAllValues(LPCSTR section, LPCSTR default_value, LPSTR buffe
  * Sets an entry. It becomes the first line of its section, and all entries with its key disappear.
  *
  * The value is written as it is: blanks at its ends, a blank followed by ';' or '#', and quotes read back
- * differently, and a newline in it makes further lines. Do not pass on unchecked text. The key is written between
- * double quotes when it has a blank or tab in it.
+ * differently, and a newline in it makes further lines. Do not pass on unchecked text. The key is written
+ * between double quotes when it has a blank or tab in it.
  *
- * The new file has the default permissions of the process, not those of the old one. The change is on the disk when
- * the operation returns: it calls sync(2), which may take long.
+ * The new file has the default permissions of the process, not those of the old one. The change is on the
+ * disk when the operation returns: it calls sync(2), which may take long.
  *
- * @param file     a file name of at most 255 bytes.
- * @param section  the section's name, or null.
- * @return TRUE, or FALSE:
- *         - ENOENT: no such section, or no such file
- *         - ENAMETOOLONG: the file name has more than 255 bytes
- *         - EINVAL: a null pointer among file, key and value, a value of more than 1023 bytes, or a key that could
- *           not be read back: empty or too long, with a newline, with '=' but no blank, starting with a quote
- *           or as a comment or header does
- *         - what open(2), read(2), write(2) or fsync(2) said
+ * @param file     the file's name, of at most 255 bytes; not null.
+ * @param section  the section's name. Null is the section without a name.
+ * @param key      the entry's key, of at most 1023 bytes; not null.
+ * @param value    the value, of at most 1023 bytes; not null.
+ * @return  TRUE, or FALSE.
+ * @error EINVAL  the file, the key or the value is null, the value is too long, or the key could not be read
+ *                back, for instance because it is empty or too long, has a newline in it, has '=' but no
+ *                blank, or starts with a quote or as a comment or a header does.
+ * @error ENAMETOOLONG  the file name has more than 255 bytes.
+ * @error ENOENT  there is no such file or section.
+ * @error ENOSPC  the file system is full.
+ * @error others  as open(2), read(2), write(2) and fsync(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
  */
 VLL_API BOOL vllAddConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPCSTR value);
 
 /**
  * Deletes all entries with a key from a section. The file is replaced as by vllAddConfigValue().
  *
- * @return TRUE, or FALSE as vllAddConfigValue(); ENOENT also when there is no such entry.
+ * @param file     the file's name, of at most 255 bytes; not null.
+ * @param section  the section's name. Null is the section without a name.
+ * @param key      the key of the entries; not null.
+ * @return  TRUE, or FALSE.
+ * @error EINVAL  the file or the key is null.
+ * @error ENAMETOOLONG  the file name has more than 255 bytes.
+ * @error ENOENT  there is no such file, section or entry.
+ * @error ENOSPC  the file system is full.
+ * @error others  as open(2), read(2), write(2) and fsync(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
  */
 VLL_API BOOL vllDeleteConfigValue(LPCSTR file, LPCSTR section, LPCSTR key);
 
 /**
- * Appends an empty section, set off by an empty line. The file keeps its permissions. Not followed by sync(2).
+ * Appends an empty section, set off by an empty line. The file keeps its permissions. Not followed by
+ * sync(2).
  *
- * @return TRUE, or FALSE:
- *         - EEXIST: there is a section of that name; the copy stays, and the next edit removes it
- *         - ENAMETOOLONG: the file name has more than 255 bytes
- *         - EINVAL: a null pointer, or a name that a header cannot hold: empty, too long, or with one of
- *           "];#" or a newline in it
- *         - the error of vllCopyFile(), or of open(2), read(2), write(2) or fsync(2)
+ * @param file     the file's name, of at most 255 bytes; not null.
+ * @param section  the section's name, of at most 1023 bytes; not null.
+ * @return  TRUE, or FALSE.
+ * @error EINVAL  the file or the section is null, or a header cannot hold the name: it is empty or too long,
+ *                or has one of "];#" or a newline in it.
+ * @error ENAMETOOLONG  the file name has more than 255 bytes.
+ * @error ENOENT  there is no such file.
+ * @error EEXIST  there is a section of that name. The copy stays, and the next edit removes it.
+ * @error ENOSPC  the file system is full.
+ * @error others  as vllCopyFile(), open(2), read(2), write(2) and fsync(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
  */
 VLL_API BOOL vllAddConfigSection(LPCSTR file, LPCSTR section);
 
 /**
- * Deletes a section with everything in it, comments and empty lines too. With null: all lines before the first
- * header. The file is replaced as by vllAddConfigValue().
+ * Deletes a section with everything in it, comments and empty lines too. The file is replaced as by
+ * vllAddConfigValue().
  *
- * @return TRUE, or FALSE as vllAddConfigValue().
+ * @param file     the file's name, of at most 255 bytes; not null.
+ * @param section  the section's name. Null deletes all lines before the first header.
+ * @return  TRUE, or FALSE.
+ * @error EINVAL  the file is null.
+ * @error ENAMETOOLONG  the file name has more than 255 bytes.
+ * @error ENOENT  there is no such file or section.
+ * @error ENOSPC  the file system is full.
+ * @error others  as open(2), read(2), write(2) and fsync(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
  */
 VLL_API BOOL vllDeleteConfigSection(LPCSTR file, LPCSTR section);
 
 /**
- * Saves the system's configuration store, /proc/Ulmex/VConfig/data, to a file, which is created or emptied first.
+ * Saves the system's configuration store, /proc/Ulmex/VConfig/data, to a file, which is created or emptied
+ * first. A file that cannot be opened is also reported on standard output.
  *
  * @param key       not used.
- * @param security  not used.
- * @return 0, or an error number. A file that cannot be opened is also reported on standard output.
+ * @param file      the file's name; not null.
+ * @param security  not used. May be null.
+ * @return  0, or the error number, which is also the last error.
+ * @error EINVAL  the file is null.
+ * @error ENOENT  the system has no configuration store, or a directory of the file's name does not exist.
+ * @error ENOSPC  the file system is full.
+ * @error others  as fopen(3), fread(3) and fwrite(3) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread.
  */
 VLL_API LONG vllRegSaveKey(HANDLE key, LPCSTR file, LPVOID security);
 

@@ -3,7 +3,22 @@
  * Network events of sockets, over event objects.
  *
  * A socket is selected into an event: activity on it then wakes whoever waits on the event, and
- * vllWSAEnumNetworkEvents() tells what occurred. Any other socket operation is the system's own.
+ * vllWSAEnumNetworkEvents() reports what occurred. Any other socket operation is the system's own.
+ *
+ * Example: wait for data, or for the end of the connection, for 5 seconds at most.
+ *
+ * @code{.c}
+ * // The record was set to zero before its first use. Returns the network events, or -1.
+ * int32_t waitForNetwork(SOCKET socket, HANDLE event, WSASockData *record) {
+ *     WSANETWORKEVENTS occurred;
+ *     if (vllWSAEventSelect(socket, event, FD_READ | FD_CLOSE, record) != 0 ||
+ *         vllWaitForSingleObject(event, 5000) != WAIT_OBJECT_0 ||
+ *         vllWSAEnumNetworkEvents(record, event, &occurred) != 0) {
+ *         return -1;
+ *     }
+ *     return occurred.lNetworkEvents;
+ * }
+ * @endcode
  */
 #ifndef VWINCOMPAT_SOCKET_H
 #define VWINCOMPAT_SOCKET_H
@@ -70,64 +85,147 @@ typedef struct WSABUF {
  * Selects the network events of a socket that signal an event, or cancels the selection.
  *
  * The socket becomes non-blocking (its other status flags are cleared). Selecting a socket again with its
- * record keeps what is pending; a record that selects another socket loses that selection silently. Cancel the
- * selection before closing a socket that its peer has not closed: the next socket may get its number.
- * Data to read and connections to accept are reported as long as they last; the room to write once, until
- * vllWSAEnableWriteEvent(). A connection attempt that failed reports FD_CONNECT and FD_CLOSE, with the
- * error in the slot of FD_CONNECT. After FD_CLOSE the socket no longer wakes the event; data that are
- * still unread are reported before FD_CLOSE or with it. A peer's close is seen where FD_READ or FD_ACCEPT is
- * selected, too; with FD_CLOSE alone only a connection that is down in both directions reports it.
+ * record keeps what is pending; a record that selects another socket loses that selection silently. Cancel
+ * the selection before closing a socket that its peer has not closed: the next socket may get its number.
  *
- * @param hEventObject   an event.
+ * Data to read and connections to accept are reported as long as they last; that the socket can be written to
+ * is reported once, until vllWSAEnableWriteEvent(). A connection attempt that failed reports FD_CONNECT and
+ * FD_CLOSE, with the error in the slot of FD_CONNECT. After FD_CLOSE the socket no longer wakes the event;
+ * data that are still unread are reported before FD_CLOSE or with it. A peer's close is seen where FD_READ or
+ * FD_ACCEPT is selected, too; with FD_CLOSE alone only a connection that is down in both directions reports
+ * it.
+ *
+ * Faults are logged, but for a null record.
+ *
+ * @param socket         the socket.
+ * @param hEventObject   the event, also when the selection is cancelled.
  * @param lNetworkEvent  the FD_... values to select; 0 cancels.
- * @param record         the socket's selection record.
- * @return 0, or -1: EINVAL (unknown events, no open event, a null record), or an error of fcntl(2) or
- *         epoll_ctl(2) (EBADF, EEXIST for a socket that another record selects into the event, EPERM).
+ * @param record         the socket's selection record; not null.
+ * @return  0, or -1. When the event or the socket was refused, an earlier selection of the record has ended
+ *          all the same.
+ * @error EINVAL  there are no such events, hEventObject is no open event, or the record is null.
+ * @error EBADF  socket is no open descriptor.
+ * @error EEXIST  another record selects the socket into the event.
+ * @error EPERM  the descriptor is a regular file or a directory, which cannot be polled.
+ * @error ENOMEM, ENOSPC  the system cannot watch one more descriptor.
+ * @error others  as fcntl(2) and epoll_ctl(2) give them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. A record is used by one thread at a time, a thread that waits on its event
+ *          included.
  */
 VLL_API int32_t vllWSAEventSelect(SOCKET socket, HANDLE hEventObject, int32_t lNetworkEvent,
                                   WSASockData *record);
 
 /**
- * Hands over the network events that are selected and pending, with their errors, clears them and resets
- * the event.
+ * Hands over the network events that are selected and pending, with their errors, clears them and resets the
+ * event.
  *
- * @param hEventObject  the event that @p record selects into; a handle of another type is accepted, and
+ * @param record        the socket's selection record; not null.
+ * @param hEventObject  the event that the record selects into. A handle of another type is accepted, and
  *                      nothing is then reset.
- * @param events        receives the events.
- * @return 0, or -1: EINVAL for an event that is not open or not the record's, or a null argument.
+ * @param events        receives the events; not null. Cleared when the event is refused.
+ * @return  0, or -1.
+ * @error EINVAL  an argument is null, or hEventObject is an event that is not open or not the record's.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. A record is used by one thread at a time, a thread that waits on its event
+ *          included.
  */
 VLL_API int32_t vllWSAEnumNetworkEvents(WSASockData *record, HANDLE hEventObject, WSANETWORKEVENTS *events);
 
-/** Asks for the next FD_WRITE (or FD_CONNECT) after the application found the socket full. Faults are logged. */
+/**
+ * Asks for the next FD_WRITE (or FD_CONNECT) after the application found the socket full. Faults are logged.
+ *
+ * @param record  the socket's selection record. A null record is only logged.
+ * @error EINVAL  the record's event is not open.
+ * @error ENOENT  the socket has left the event's set, as it does with FD_CLOSE.
+ * @error EBADF  the record's socket is no open descriptor.
+ * @error others  as epoll_ctl(2) gives them.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. A record is used by one thread at a time, a thread that waits on its event
+ *          included.
+ */
 VLL_API void vllWSAEnableWriteEvent(WSASockData *record);
 
-/** Does nothing; kept for programs that call it. */
+/**
+ * Does nothing; kept for programs that call it.
+ *
+ * @param record  not used. May be null.
+ * @error none  the operation cannot fail and leaves the last error alone.
+ * @cancel  Not a cancellation point.
+ * @thread  Safe from any thread. Async-signal-safe.
+ */
 VLL_API void vllWSAReactivate(WSASockData *record);
 
 /**
- * Sends from several buffers: sendmsg(2) with flags 0, which blocks on a blocking socket and raises SIGPIPE
- * as it does.
+ * Sends from several buffers with one sendmsg(2) and flags 0, which blocks on a blocking socket and raises
+ * SIGPIPE as it does.
  *
+ * @param socket               the socket.
  * @param lpBuffers            the buffers; handed to the system as they are.
- * @param dwBufferCount        how many.
- * @param lpNumberOfBytesSent  receives the number of bytes.
- * @return 0, or -1 with the error of sendmsg(2).
+ * @param dwBufferCount        the number of buffers, 1024 at most.
+ * @param lpNumberOfBytesSent  receives the number of bytes, which may be fewer than given. May be null.
+ *                             Untouched when the operation fails.
+ * @return  0, or -1.
+ * @error EBADF, ENOTSOCK  socket is no open descriptor, or no socket.
+ * @error EAGAIN  a non-blocking socket can take nothing at present.
+ * @error EINTR  a signal interrupted the call before a byte was sent.
+ * @error EPIPE, ECONNRESET  the connection is closed.
+ * @error ENOTCONN, EDESTADDRREQ  the socket is not connected.
+ * @error EMSGSIZE  there are too many buffers, or their bytes are too many for one datagram.
+ * @error others  as sendmsg(2) gives them.
+ * @cancel  A cancellation point while it blocks: the library keeps nothing, and how much was sent is unknown.
+ * @thread  Safe from any thread, also on one object at once.
  */
 VLL_API int32_t vllWSASend(SOCKET socket, const WSABUF *lpBuffers, DWORD dwBufferCount,
                            LPDWORD lpNumberOfBytesSent);
 
 /**
- * Receives into several buffers: recvmsg(2) with flags 0.
+ * Receives into several buffers with one recvmsg(2) and flags 0, which blocks on a blocking socket. The end
+ * of a datagram that does not fit is lost.
  *
- * @param lpNumberOfBytesRecvd  receives the number of bytes.
- * @param lpFrom, lpFromlen     receive the sender's address and its actual length; on entry the length
- *                              is that of the buffer. Both may be null.
- * @return 0, or -1 with the error of recvmsg(2).
+ * @param socket                the socket.
+ * @param lpBuffers             the buffers; handed to the system as they are.
+ * @param dwBufferCount         the number of buffers, 1024 at most.
+ * @param lpNumberOfBytesRecvd  receives the number of bytes; 0 from a stream is its end. May be null.
+ *                              Untouched when the operation fails.
+ * @param lpFrom                receives the sender's address, when lpFromlen is not null. May be null.
+ * @param lpFromlen             in: the size of the address buffer in bytes; out: the actual length of the
+ *                              address, 0 for none. May be null. Untouched when the operation fails.
+ * @return  0, or -1.
+ * @error EBADF, ENOTSOCK  socket is no open descriptor, or no socket.
+ * @error EAGAIN  a non-blocking socket has nothing at present.
+ * @error EINTR  a signal interrupted the call before a byte was received.
+ * @error ECONNRESET  the peer reset the connection.
+ * @error ENOTCONN  the stream socket is not connected.
+ * @error EMSGSIZE  there are too many buffers.
+ * @error others  as recvmsg(2) gives them.
+ * @cancel  A cancellation point while it blocks: the library keeps nothing, and the outputs are untouched.
+ * @thread  Safe from any thread, also on one object at once.
  */
 VLL_API int32_t vllWSARecvFrom(SOCKET socket, const WSABUF *lpBuffers, DWORD dwBufferCount,
                                LPDWORD lpNumberOfBytesRecvd, struct sockaddr *lpFrom, int32_t *lpFromlen);
 
-/** vllWSASend() to the address @p lpTo of @p iTolen bytes. */
+/**
+ * Sends from several buffers to an address, as vllWSASend() does.
+ *
+ * @param socket               the socket.
+ * @param lpBuffers            the buffers; handed to the system as they are.
+ * @param dwBufferCount        the number of buffers, 1024 at most.
+ * @param lpNumberOfBytesSent  receives the number of bytes, which may be fewer than given. May be null.
+ *                             Untouched when the operation fails.
+ * @param lpTo                 the address. May be null for a connected socket.
+ * @param iTolen               the length of the address in bytes.
+ * @return  0, or -1.
+ * @error EBADF, ENOTSOCK  socket is no open descriptor, or no socket.
+ * @error EAGAIN  a non-blocking socket can take nothing at present.
+ * @error EINTR  a signal interrupted the call before a byte was sent.
+ * @error EPIPE, ECONNRESET  the connection is closed.
+ * @error ENOTCONN, EDESTADDRREQ  no address is given, and the socket is not connected.
+ * @error EMSGSIZE  there are too many buffers, or their bytes are too many for one datagram.
+ * @error others  as sendmsg(2) gives them.
+ * @cancel  A cancellation point while it blocks: the library keeps nothing, and how much was sent is unknown.
+ * @thread  Safe from any thread, also on one object at once.
+ */
 VLL_API int32_t vllWSASendTo(SOCKET socket, const WSABUF *lpBuffers, DWORD dwBufferCount,
                              LPDWORD lpNumberOfBytesSent, const struct sockaddr *lpTo, int32_t iTolen);
 
