@@ -295,7 +295,7 @@ collecting {
     next
 }
 
-/^[^#].*VLL_API / { complain(FNR, "a declaration that this script cannot read") }
+/^[^#\/].*VLL_API / { complain(FNR, "a declaration that this script cannot read") }
 
 END {
     if (previous_file != "") {
