@@ -46,8 +46,8 @@ extern "C" {
  *          already, else 0. Without a name a success does not leave it at EEXIST.
  * @error ENOMEM  no record of the handle table is left; or 32 threads, unnamed mutexes and unnamed semaphores
  *                exist (without a name); or vllvwincompatMain() was not called.
- * @error EINVAL  lpName has a slash inside; or the object of this name is in use and too small to hold a
- *                mutex.
+ * @error EINVAL  lpName has a slash inside, or consists of slashes; or the object of this name is in use and
+ *                too small to hold a mutex.
  * @error ENAMETOOLONG, EINVAL  lpName is longer than 255 bytes.
  * @error EACCES  the object belongs to another user, who does not let the caller read and write it.
  * @error EMFILE, ENFILE  no descriptor is left (with a name).

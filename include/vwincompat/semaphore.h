@@ -47,8 +47,8 @@ extern "C" {
  * @error EINVAL  lInitialCount is negative.
  * @error ENOMEM  no record of the handle table is left; or 32 threads, unnamed mutexes and unnamed semaphores
  *                exist (without a name); or vllvwincompatMain() was not called.
- * @error EINVAL  lpName has a slash inside; or the object of this name is in use and too small to hold a
- *                semaphore.
+ * @error EINVAL  lpName has a slash inside, or consists of slashes; or the object of this name is in use and
+ *                too small to hold a semaphore.
  * @error ENAMETOOLONG, EINVAL  lpName is longer than 255 bytes.
  * @error EACCES  the object belongs to another user, who does not let the caller read and write it.
  * @error EMFILE, ENFILE  no descriptor is left (with a name).
