@@ -89,7 +89,7 @@ typedef struct PROCESS_INFORMATION {
  * @error EMFILE, ENFILE  as vllCreateThread() gives them, with a child that runs on.
  * @error others  as fork(2) gives them, which is logged.
  * @cancel  Not a cancellation point.
- * @thread  Safe from any thread, as long as no thread changes the environment (setenv(3)) meanwhile.
+ * @thread  Safe from any thread, but not while another one changes the environment (setenv(3)).
  */
 VLL_API BOOL vllCreateProcess(LPCSTR lpApplicationName, LPCSTR lpCommandLine, LPCSTR lpCurrentDirectory,
                               PROCESS_INFORMATION *lpProcessInformation);
@@ -223,7 +223,7 @@ VLL_API int32_t vllSleep(DWORD dwMilliseconds);
  * @error ENAMETOOLONG  lpProgramName is longer than 43 bytes; nothing is run.
  * @error others  as popen(3) gives them.
  * @cancel  A cancellation point while it waits for the answer. The thread ends after pidof has ended.
- * @thread  Safe from any thread.
+ * @thread  Safe from any thread, but not while another one changes the environment (setenv(3)).
  */
 VLL_API int32_t vllGetDaemonPID(LPCSTR lpProgramName);
 

@@ -72,8 +72,8 @@ typedef struct SharedVar SharedVar;
  * @error EMFILE, ENFILE  no descriptor is left.
  * @error EDEADLK  waiting for another process's lock would be a deadlock (SHVAR_CREATE).
  * @error others  as shm_open(3), fcntl(2), ftruncate(2) and mmap(2) give them.
- * @cancel  A cancellation point while it waits for another process's lock, with SHVAR_CREATE: the variable
- *          keeps its content, and a new one stays behind with size 0. With SHVAR_OPEN it is not a
+ * @cancel  A cancellation point with SHVAR_CREATE, also when it need not wait for another process's lock: the
+ *          variable keeps its content, and a new one stays behind with size 0. With SHVAR_OPEN it is not a
  *          cancellation point.
  * @thread  Safe from any thread.
  */
@@ -93,7 +93,7 @@ VLL_API SharedVar *vllSharedVarInit(const char *name, DWORD size, int32_t mode);
  * @error ENOLCK  the system has no record locks left.
  * @error ENOSPC  the file system of the shared memory is full (SHVAR_WRITE).
  * @error others  as fcntl(2), pread(2), pwrite(2) and msync(2) give them.
- * @cancel  A cancellation point while it waits for the lock: nothing is copied.
+ * @cancel  A cancellation point, also when it need not wait for the lock: nothing is copied.
  * @thread  Safe from any thread with different variables. The lock belongs to the process: threads that share
  *          a variable, or have one open twice, must take turns.
  */
@@ -109,7 +109,8 @@ VLL_API int32_t vllSharedVarManipulate(void *buffer, SharedVar *variable, int32_
  * @error EINVAL  variable is null.
  * @error ENOENT  the name has been removed already (SHVAR_CREATE): a call with SHVAR_OPEN gives the variable
  *                up.
- * @error EACCES  the name belongs to another user and cannot be removed (SHVAR_CREATE): as before.
+ * @error EACCES  the name belongs to another user and cannot be removed (SHVAR_CREATE): a call with
+ *                SHVAR_OPEN gives the variable up.
  * @error others  as munmap(2), close(2) and shm_unlink(3) give them.
  * @cancel  Not a cancellation point.
  * @thread  Safe from any thread; no other thread may use the variable meanwhile.
@@ -134,8 +135,8 @@ extern VLL_API SharedFdEntry *shared_fd_list;
  * The lock of the registry of published descriptors.
  *
  * @thread  Taken before objMemMutex, never after. A thread that holds it must not call
- *          vllSetSharedFileDescriptor(), vllGetSharedFileDescriptor() or vllDeallocateSharedFdList(): it
- *          would wait for itself.
+ *          vllSetSharedFileDescriptor(), vllGetSharedFileDescriptor() or vllDeallocateSharedFdList(): it may
+ *          wait for itself.
  */
 extern VLL_API pthread_mutex_t list_mutex;
 
