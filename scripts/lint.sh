@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Checks the layout of the sources with clang-format and looks for faults with clang-tidy.
+# Checks the layout of the sources with clang-format and the contracts in the public headers, and looks for faults
+# with clang-tidy.
 #
 #   scripts/lint.sh           the whole tree
-#   scripts/lint.sh --format  the layout only
+#   scripts/lint.sh --format  the layout and the contracts only
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
@@ -11,6 +12,7 @@ vll_need_packages clang-format clang-tidy cmake ninja-build g++ libgtest-dev lib
 mapfile -t files < <(git ls-files '*.c' '*.cpp' '*.h')
 clang-format --dry-run -Werror "${files[@]}"
 echo "clang-format: ${#files[@]} files clean"
+scripts/contracts.sh
 [ "${1:-}" = --format ] && exit 0
 
 # One compilation database with everything in it.
