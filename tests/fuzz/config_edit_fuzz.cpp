@@ -53,12 +53,12 @@ Model::iterator find(Model *model, const char *section) {
         return model->begin();
     }
     return std::find_if(model->begin() + 1, model->end(),
-                        [&](const Section &candidate) { return vlliSameName(candidate.name, section); });
+                        [&](const Section &candidate) { return vlliEqualsIgnoringCase(candidate.name, section); });
 }
 
 bool removeKey(Section *section, const char *key) {
     const auto kept = std::remove_if(section->entries.begin(), section->entries.end(),
-                                     [&](const Entry &entry) { return vlliSameName(entry.key, key); });
+                                     [&](const Entry &entry) { return vlliEqualsIgnoringCase(entry.key, key); });
     const bool removed = kept != section->entries.end();
     section->entries.erase(kept, section->entries.end());
     return removed;
@@ -137,7 +137,7 @@ void checkReaders(const char *file, Model *model) {
         for (const Entry &entry : find(model, name)->entries) {
             const auto &entries = find(model, name)->entries;
             const auto first = std::find_if(entries.begin(), entries.end(), [&](const Entry &candidate) {
-                return vlliSameName(candidate.key, entry.key);
+                return vlliEqualsIgnoringCase(candidate.key, entry.key);
             });
             char value[kConfigNameSize];
             DWORD size = sizeof value;
