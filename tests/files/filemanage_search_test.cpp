@@ -80,23 +80,18 @@ TEST_F(FileTest, large_files_and_late_times_in_a_search) {
 TEST_F(FileTest, searches_that_go_wrong) {
     FindDataRecord data;
     ASSERT_EQ(symlink("nowhere", "/var/tmp/dangling"), 0);
-    const struct {
-        std::string pattern;
-        int error;
-    } rows[] = {
-        {"/var/tmp/none", ENOENT},
-        {"/var/tmp/none*", ENOENT},
-        {"/var/tmp/dangling", ENOENT},
-        {"/none/*", EACCES},
-        {"", ENOENT},
-        {std::string(4095, 'x'), ENOENT},
-        {std::string(4096, 'x'), ENAMETOOLONG},
-        {std::string(4093, 'x') + "/", EACCES},
-        {std::string(4094, 'x') + "/", ENAMETOOLONG},
-    };
-    for (const auto &row : rows) {
-        EXPECT_THAT(vllFindFirstFile(row.pattern.c_str(), &data), FailsWith(row.error, INVALID_FIND_HANDLE))
-            << row.pattern;
+    const auto long_name = [](size_t size) { return std::string(size, 'x'); };
+    for (const auto &[pattern, error] : {std::pair{std::string("/var/tmp/none"), ENOENT},
+                                         {"/var/tmp/none*", ENOENT},
+                                         {"/var/tmp/dangling", ENOENT},
+                                         {"/none/*", EACCES},
+                                         {"", ENOENT},
+                                         {long_name(4095), ENOENT},
+                                         {long_name(4096), ENAMETOOLONG},
+                                         {long_name(4093) + "/", EACCES},
+                                         {long_name(4094) + "/", ENAMETOOLONG}}) {
+        EXPECT_THAT(vllFindFirstFile(pattern.c_str(), &data), FailsWith(error, INVALID_FIND_HANDLE))
+            << pattern;
     }
     EXPECT_THAT(vllFindFirstFile(nullptr, &data), FailsWith(EINVAL, INVALID_FIND_HANDLE));
     EXPECT_THAT(vllFindFirstFile("/var/*", nullptr), FailsWith(EINVAL, INVALID_FIND_HANDLE));

@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 
 #include "profile/config.h"
 #include "support/child.h"
@@ -158,15 +159,12 @@ TEST_F(ConfigEditTest, permissions_of_the_new_file) {
 }
 
 TEST_F(ConfigEditTest, profile_operation_creates_the_file) {
-    const struct {
-        const char *section, *value, *content;
-        int error;
-    } rows[] = {{"S", "v", "\n[S]\nk=v\n", 0}, {nullptr, "v", "k=v\n", 0}, {"S", nullptr, "\n[S]\n", ENOENT}};
-    for (const auto &row : rows) {
+    for (const auto &[edit, content] : {std::pair{writeString("S", "k", "v"), "\n[S]\nk=v\n"},
+                                        {writeString(nullptr, "k", "v"), "k=v\n"},
+                                        {writeString("S", "k", nullptr), "\n[S]\n"}}) {
         unlink(file_.c_str());
-        EXPECT_THAT(vllWritePrivateProfileString(row.section, "k", row.value, file_.c_str()),
-                    Outcome(row.error));
-        EXPECT_EQ(readFile(file_), row.content);
+        EXPECT_THAT(edit(file_.c_str()), Outcome(strlen(content) == 5 ? ENOENT : 0));
+        EXPECT_EQ(readFile(file_), content);
     }
     EXPECT_THAT(vllWritePrivateProfileString("S", "k", "v", "/mnt/lost/app.ini"), FailsWith(ENOENT));
 }

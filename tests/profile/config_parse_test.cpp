@@ -3,6 +3,7 @@
 #include <string>
 
 #include "profile/config.h"
+#include "support/rows.h"
 
 namespace {
 
@@ -35,66 +36,52 @@ string parse(const string &line) {
     return is_section ? "[" + string(name) + "]" : "";
 }
 
-struct Row {
-    string line, expected;
-};
-
 TEST(ConfigParse, entries) {
-    const Row rows[] = {
-        {"Name=Value\n", "Name|Value"},
-        {"  Name = Value  # note\n", "Name|Value"},
-        {"url=a#b", "url|a#b"},
-        {"url=a\t;b", "url|a"},
-        {"url=a  ;b", "url|a"},
-        {"url=a ; b = c # d", "url|a"},
-        {"k= ;x", "k|;x"},
-        {"k=;x ;y", "k|;x"},
-        {"verbose ; yes = no", "verbose|"},
-        {"a;b#c=d", "a;b#c|d"},
-        {"two words = three more words \n", "two words|three more words"},
-        {"k=  \t\r\n", "k|"},
-        {"k==v=w", "k|=v=w"},
-        {"k = \f\v v \f\v\r\n", "k|v"},
-        {"k[1]=a[b]c", "k[1]|a[b]c"},
-        {"]=v", "]|v"},
-        {"\xff\xfe=\x80", "\xff\xfe|\x80"},
-        {"\"Long Key\" = 'a b'\n", "Long Key|a b"},
-        {"\" k \" =\" v \"", " k | v "},
-        {"'a=b;c #d'=e", "a=b;c #d|e"},
-        {"k='a ;b' ;c", "k|a ;b"},
-        {"k='v';c", "k|v"},
-        {"'k'#c", "k|"},
-        {"k=''", "k|"},
-        {"'it\\'s'='it\\'s'", "it\\'s|it\\'s"},
-        {"k='a\\\"b'", "k|a\\\"b"},
-        {"k='a\"b'", "k|a\"b"},
-        {"k='a\\\\' '", "k|a\\\\' "},  // the second backslash shields the quote
-        {"k=a'b'", "k|a'b'"},
-        {"k\"x\"=v", "k\"x\"|v"},
-        {string("k=v\0w\n", 6), "k|v"},
-        {kLongest + "=v", kLongest + "|v"},
-        {"'" + kLongest + "'=" + kLongest + "   ;", kLongest + "|" + kLongest},
-        {"k=" + kLongest + string(2000, ' '), "k|" + kLongest},
-    };
-    for (const Row &row : rows) {
-        EXPECT_EQ(parse(row.line), row.expected) << row.line;
+    for (const char *row : {"Name=Value\n -> Name|Value",
+                            "  Name = Value  # note\n -> Name|Value",
+                            "url=a#b -> url|a#b",
+                            "url=a\t;b -> url|a",
+                            "url=a  ;b -> url|a",
+                            "url=a ; b = c # d -> url|a",
+                            "k= ;x -> k|;x",
+                            "k=;x ;y -> k|;x",
+                            "verbose ; yes = no -> verbose|",
+                            "a;b#c=d -> a;b#c|d",
+                            "two words = and more \n -> two words|and more",
+                            "k=  \t\r\n -> k|",
+                            "k==v=w -> k|=v=w",
+                            "k = \f\v v \f\v\r\n -> k|v",
+                            "k[1]=a[b]c -> k[1]|a[b]c",
+                            "]=v -> ]|v",
+                            "\xff\xfe=\x80 -> \xff\xfe|\x80",
+                            "\"Long Key\" = 'a b'\n -> Long Key|a b",
+                            "\" k \" =\" v \" ->  k | v ",
+                            "'a=b;c #d'=e -> a=b;c #d|e",
+                            "k='a ;b' ;c -> k|a ;b",
+                            "k='v';c -> k|v",
+                            "'k'#c -> k|",
+                            "k='' -> k|",
+                            "'it\\'s'='it\\'s' -> it\\'s|it\\'s",
+                            "k='a\\\"b' -> k|a\\\"b",
+                            "k='a\"b' -> k|a\"b",
+                            "k='a\\\\' ' -> k|a\\\\' ",
+                            "k=a'b' -> k|a'b'",
+                            "k\"x\"=v -> k\"x\"|v"}) {
+        EXPECT_EQ(parse(splitRow(row).first), splitRow(row).second);
     }
+    EXPECT_EQ(parse(string("k=v\0w\n", 6)), "k|v");
+    EXPECT_EQ(parse(kLongest + "=v"), kLongest + "|v");
+    EXPECT_EQ(parse("'" + kLongest + "'=" + kLongest + "   ;"), kLongest + "|" + kLongest);
+    EXPECT_EQ(parse("k=" + kLongest + string(2000, ' ')), "k|" + kLongest);
 }
 
 TEST(ConfigParse, section_headers) {
-    const Row rows[] = {
-        {"[Net]\n", "[Net]"},
-        {"[Net]  ; network", "[Net]"},
-        {" \t[Net]#\r\n", "[Net]"},
-        {"[ Net ]", "[ Net ]"},
-        {"[[Net]", "[[Net]"},
-        {"[a=b 'c\"]", "[a=b 'c\"]"},
-        {string("[Net]\0x\n", 8), "[Net]"},
-        {"[" + kLongest + "]", "[" + kLongest + "]"},
-    };
-    for (const Row &row : rows) {
-        EXPECT_EQ(parse(row.line), row.expected) << row.line;
+    for (const char *row : {"[Net]\n -> [Net]", "[Net]  ; network -> [Net]", " \t[Net]#\r\n -> [Net]",
+                            "[ Net ] -> [ Net ]", "[[Net] -> [[Net]", "[a=b 'c\"] -> [a=b 'c\"]"}) {
+        EXPECT_EQ(parse(splitRow(row).first), splitRow(row).second);
     }
+    EXPECT_EQ(parse(string("[Net]\0x\n", 8)), "[Net]");
+    EXPECT_EQ(parse("[" + kLongest + "]"), "[" + kLongest + "]");
 }
 
 TEST(ConfigParse, neither) {
