@@ -7,6 +7,7 @@
 #       --mutant ID                    this one, by its printed name (src/sync/event.cpp:42:negate:1); may be repeated
 #       --list                         prints the mutants and runs nothing
 #       --jobs J                       as many at a time (one per processor)
+#       --verbose                      prints the other mutants too, and what killed them
 #       --at-least P                   exit status 1 when fewer than P percent were killed
 #
 # The operators are those of scripts/lib/mutants.py. Mutants that do not compile, or give the same object file, are
@@ -18,7 +19,7 @@ cd "$(dirname "$0")/.."
 . scripts/lib/packages.sh
 
 case " $* " in
-    *" -h "* | *" --help "*) sed -n '2,16s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    *" -h "* | *" --help "*) sed -n '2,17s/^# \{0,1\}//p' "$0"; exit 0 ;;
 esac
 vll_need_packages python3 cmake ninja-build g++ lld binutils pkg-config libgtest-dev iproute2 || exit 2
-exec python3 scripts/lib/mutate.py "$@"
+exec python3 -B scripts/lib/mutate.py "$@"

@@ -203,7 +203,8 @@ class Source:
             form = "0x{:X}" if digits[:2] in ("0x", "0X") else "0{:o}" if octal else "{}"
             self.add("constant", *match.span(), form.format(value) + match.group(1))
         for match in re.finditer(r"(?<![\w.>:])k[A-Z]\w*\b(?!\s*(?:=|\[\]|\{))", text):
-            if not re.search(r"\b(?:constexpr|const) [\w:<> *]*$", text[self.line_starts[self.line_of(match.start()) - 1] : match.start()]):
+            before = text[self.line_starts[self.line_of(match.start()) - 1] : match.start()]
+            if not re.search(r"\b(?:constexpr|const) [\w:<> *]*$", before):
                 self.add("constant", *match.span(), f"({match.group()} + 1)")
 
     def drop(self):
@@ -246,7 +247,8 @@ SELF_TEST = [
     ("    return TRUE;", "truth", ["return FALSE;"]),
     ("    return -1;", "truth", ["return 0;"]),
     ("    return 0;", "truth", ["return -1;"]),
-    ("    x = 0xFF + 7u + 0644;", "constant", ["x = 0x100 + 7u + 0644;", "x = 0xFF + 8u + 0644;", "x = 0xFF + 7u + 0645;"]),
+    ("    x = 0xFF + 7u;", "constant", ["x = 0x100 + 7u;", "x = 0xFF + 8u;"]),
+    ("    mode = 0647;", "constant", ["mode = 0650;"]),
     ("    x = kLimit * y;", "constant", ["x = (kLimit + 1) * y;"]),
     ("constexpr int kLimit = 3;", "constant", ["constexpr int kLimit = 4;"]),
     ("    x = f(\"1 == 2\", '3');  // if (4 < 5)", "constant", []),
@@ -279,7 +281,8 @@ def self_test():
         if made != expected or len(lengths) != 1:
             failures += 1
             print(f"FAILED {operator}: {source!r}\n  expected {expected}\n  made     {made}")
-    functions = Source("x.cpp", "namespace {\n\nint kTop = 3;\n\nint f(\n    int a) {\n    g();\n\n    h();\n}\n\n}  // namespace\n")
+    text = "namespace {\n\nint kTop = 3;\n\nint f(\n    int a) {\n    g();\n\n    h();\n}\n\n}  // namespace\n"
+    functions = Source("x.cpp", text)
     for line, expected in ((3, None), (7, (5, 10)), (9, (5, 10)), (6, (5, 10))):
         if functions.function_lines(line) != expected:
             failures += 1

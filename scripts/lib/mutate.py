@@ -8,6 +8,8 @@ survives has passed every test that could notice it.
 
 import argparse
 import concurrent.futures
+import contextlib
+import fcntl
 import glob
 import hashlib
 import json
@@ -73,7 +75,7 @@ def copy_tree():
         wanted.add(name)
         with open(source, "rb") as file:
             content = file.read()
-        if re.match(r"src/|include/|tests/|tools/|cmake/|CMakeLists|scripts/lib/", name) and name != "tests/mutants.equivalent":
+        if re.match(r"src/|include/|tests/(?!mutants)|tools/|cmake/|CMakeLists|scripts/lib/covered", name):
             digest.update(name.encode() + b"\0" + content)
         old = None
         if os.path.isfile(target):
@@ -159,8 +161,8 @@ def run_contained(program, limit, extra, writable="-", output=subprocess.DEVNULL
     if os.geteuid() != 0:
         namespaces.append("--map-root-user")
     process = subprocess.Popen(
-        namespaces + [os.path.join(LIB, "contained.sh"), writable, program], cwd=os.path.dirname(program), env=environment(extra),
-        stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True,
+        namespaces + [os.path.join(LIB, "contained.sh"), writable, program], cwd=os.path.dirname(program),
+        env=environment(extra), stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True,
     )
     try:
         return process.wait(limit)
@@ -265,7 +267,7 @@ class Coverage:
         return sorted(lines)
 
     def programs_for(self, mutant, function):
-        """The programs that may notice a mutant, the most promising first, and whether its function is run at all."""
+        """The programs that may notice a mutant, the most promising first, and whether any runs its function."""
         if self.index is None:
             self.index = {}
             for program, places in self.ran.items():
@@ -278,14 +280,14 @@ class Coverage:
             return self.built.folder[program] != folder, self.durations[program]
 
         if function is None and mutant.path.endswith(".h"):
-            return sorted(self.built.tests(), key=order)
+            return sorted(self.built.tests(), key=order), True
         found = set()
         for (path, line), programs in self.index.items():
-            if path == mutant.path and (function is None or function[0] <= line <= function[1]):
+            # What initialises a file's statics is said to stand in its last line, the end of some function.
+            if path == mutant.path and (function is None or function[0] <= line < max(function[1], function[0] + 1)):
                 found |= programs
-        if not found:
-            found = {program for program in self.built.tests() if self.built.folder[program] == folder}
-        return sorted(found, key=order)
+        own = {program for program in self.built.tests() if self.built.folder[program] == folder}
+        return sorted(found or own, key=order), bool(found)
 
 
 def prepare_programs(directory):
@@ -347,13 +349,14 @@ class Judge:
         command = re.sub(r" -o \S+", f" -o {target}", self.built.compile[user])
         # No dependency files, and no place in the cache for what is compiled once.
         command = re.sub(r" -MD| -M[TF] \S+|\S*ccache ", " ", command)
-        command = command.replace(f"-ffile-prefix-map={TREE}=.", f"-ffile-prefix-map={directory}/changed=. -ffile-prefix-map={TREE}=.")
+        command = command.replace(" -ffile-prefix-map=", f" -ffile-prefix-map={directory}/changed=. -ffile-prefix-map=")
         if user == path:
             command = re.sub(r" -c \S+$", f" -c {changed}", command)
         else:
             command = command.replace(f" -I{TREE}/src", f" -I{directory}/changed/src -I{TREE}/src")
         try:
-            done = subprocess.run(command, shell=True, cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=300, check=False)
+            done = subprocess.run(command, shell=True, cwd=BUILD, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                  timeout=300, check=False)
         except subprocess.TimeoutExpired:
             return None
         return target if done.returncode == 0 else None
@@ -370,7 +373,7 @@ class Judge:
         return output
 
     def test(self, directory, mutant, function, objects):
-        programs = self.coverage.programs_for(mutant, function)
+        programs, reached = self.coverage.programs_for(mutant, function)
         library_linked = False
         for program in programs:
             # The library itself is used by the C test and by the tools that are tested.
@@ -389,7 +392,7 @@ class Judge:
                 raise Trouble(f"the namespaces for {program} could not be made")
             if status != 0:
                 return KILLED, os.path.basename(program) + (" (no end)" if status is None else "")
-        return SURVIVED, f"{len(programs)} test programs"
+        return SURVIVED, f"passed by {len(programs)}" if reached else "no test runs it"
 
 
 # ---- which mutants
@@ -421,18 +424,18 @@ def read_equivalents():
 class Candidates:
     """All mutants of the chosen files, but those known to be equivalent."""
 
-    def __init__(self, built, folder, file):
-        names = sorted(glob.glob("src/**/*.cpp", root_dir=TREE, recursive=True)
-                       + glob.glob("src/**/*.c", root_dir=TREE, recursive=True)
-                       + glob.glob("src/**/*.h", root_dir=TREE, recursive=True))
+    def __init__(self, tree, built, folder, file):
+        names = sorted(name for kind in ("c", "cpp", "h")
+                       for name in glob.glob(f"src/**/*.{kind}", root_dir=tree, recursive=True))
         names = [name for name in names if built is None or built.sources_of(name)]
         if folder is not None:
-            names = [name for name in names if os.path.dirname(name) == os.path.normpath("src/" + re.sub("^src/", "", folder))]
+            wanted = os.path.normpath("src/" + re.sub("^src/", "", folder))
+            names = [name for name in names if os.path.dirname(name) == wanted]
         if file is not None:
             names = [name for name in names if name == os.path.normpath(file)]
         if not names:
             raise Trouble("no such file or folder under src/")
-        self.sources = {name: generator.Source(name, read(os.path.join(TREE, name))) for name in names}
+        self.sources = {name: generator.Source(name, read(os.path.join(tree, name))) for name in names}
         equivalents, used = read_equivalents(), set()
         self.mutants, self.equivalent = [], []
         for name, source in self.sources.items():
@@ -481,8 +484,8 @@ class Candidates:
 
 
 class Report:
-    def __init__(self, sources, total):
-        self.sources, self.total = sources, total
+    def __init__(self, sources, total, verbose):
+        self.sources, self.total, self.verbose = sources, total, verbose
         self.rows, self.counted, self.survivors = {}, 0, []
         self.started = time.monotonic()
 
@@ -496,12 +499,15 @@ class Report:
             self.survivors.append(mutant)
             before, after = mutant.lines(self.sources[mutant.path].source)
             print(f"survived {mutant.identity}  ({detail})\n    - {before}\n    + {after}", flush=True)
+        elif self.verbose:
+            print(f"{verdict} {mutant.identity}  {detail}", flush=True)
         if sys.stderr.isatty() or self.counted % 20 == 0 and verdict in (KILLED, SURVIVED):
             print(f"  {self.counted} of {self.total} after {time.monotonic() - self.started:.0f} s: {verdict} "
                   f"{mutant.identity} {detail}", file=sys.stderr, flush=True)
 
     def table(self, seed, equivalent):
-        print(f"\n{'folder':<16}{'mutants':>9}{'killed':>9}{'survived':>10}{'percent':>9}{'not compiled':>14}{'same object':>13}")
+        print(f"\n{'folder':<16}{'mutants':>9}{'killed':>9}{'survived':>10}{'percent':>9}"
+              f"{'not compiled':>14}{'same object':>13}")
         total = dict.fromkeys((NOT_COMPILED, SAME_OBJECT, KILLED, SURVIVED), 0)
         for folder in sorted(self.rows):
             self.row(folder, self.rows[folder])
@@ -510,14 +516,16 @@ class Report:
         print(f"{len(equivalent)} known to be equivalent were left out of the draw (tests/mutants.equivalent); "
               f"{time.monotonic() - self.started:.0f} s")
         percent = 100.0 * total[KILLED] / max(1, self.counted)
-        print(f"mutants={self.counted} killed={total[KILLED]} survived={total[SURVIVED]} percent={percent:.1f} seed={seed}", flush=True)
+        print(f"mutants={self.counted} killed={total[KILLED]} survived={total[SURVIVED]} percent={percent:.1f} "
+              f"seed={seed}", flush=True)
         return percent
 
     @staticmethod
     def row(name, row):
         counted = row[KILLED] + row[SURVIVED]
         percent = f"{100.0 * row[KILLED] / counted:.1f}" if counted else "-"
-        print(f"{name:<16}{counted:>9}{row[KILLED]:>9}{row[SURVIVED]:>10}{percent:>9}{row[NOT_COMPILED]:>14}{row[SAME_OBJECT]:>13}")
+        print(f"{name:<16}{counted:>9}{row[KILLED]:>9}{row[SURVIVED]:>10}{percent:>9}"
+              f"{row[NOT_COMPILED]:>14}{row[SAME_OBJECT]:>13}")
 
 
 def judge_all(judge, order, wanted, jobs, report):
@@ -554,6 +562,7 @@ def parse():
     parser.add_argument("--mutant", action="append")
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 1)
     parser.add_argument("--at-least", type=float)
+    parser.add_argument("--verbose", action="store_true")
     options = parser.parse_args()
     if options.count < 1 or options.jobs < 1:
         parser.error("the numbers of mutants and jobs start at 1")
@@ -564,18 +573,34 @@ def parse():
 
 def main():
     options = parse()
-    digest = copy_tree()
     if options.list:
-        candidates = Candidates(None, options.folder, options.file)
+        candidates = Candidates(ROOT, None, options.folder, options.file)
         for mutant in candidates.mutants:
             before, after = mutant.lines(candidates.sources[mutant.path].source)
             print(f"{mutant.identity}\n    - {before}\n    + {after}")
         for mutant, reason in candidates.equivalent:
             print(f"{mutant.identity}  equivalent: {reason}")
         return 0
+    with only_one_run():
+        return measure(options)
+
+
+@contextlib.contextmanager
+def only_one_run():
+    os.makedirs(WORK, exist_ok=True)
+    with open(os.path.join(WORK, "lock"), "w", encoding="utf-8") as file:
+        try:
+            fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            raise Trouble("another run is at work in build/mutate") from None
+        yield
+
+
+def measure(options):
+    digest = copy_tree()
     build_tree(options.jobs)
     built = Built()
-    candidates = Candidates(built, options.folder, options.file)
+    candidates = Candidates(TREE, built, options.folder, options.file)
     if options.mutant:
         order = [candidates.find(identity) for identity in options.mutant]
         wanted = len(order)
@@ -583,7 +608,7 @@ def main():
         order, wanted = candidates.draw(options.seed), options.count
     coverage = Coverage(built, digest, options.jobs)
     print(f"seed {options.seed}, {wanted} of {len(candidates.mutants)} mutants", flush=True)
-    report = Report(candidates.sources, wanted)
+    report = Report(candidates.sources, wanted, options.verbose or options.mutant)
     stopped = False
     try:
         judge_all(Judge(built, coverage, candidates.sources), order, wanted, options.jobs, report)
