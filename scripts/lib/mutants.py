@@ -28,7 +28,7 @@ STEP = re.compile(r"(?:\+\+|--)[\w.\[\]()>*-]+;$|[\w.\[\]()>-]+(?:\+\+|--);$")
 JUMP = re.compile(r"(?:break|continue);$")
 LOCK = re.compile(r"(?:const )?\w*Lock \w+(?:\(.*\))?;$", re.S)
 GUARD = re.compile(r"(?:const )?(?:KeepErrno|NoCancel|Fd|Keep\w+|No\w+|ObjectRef|\w*Guard) \w+(?:\(.*\))?;$", re.S)
-LOCKING_CALL = re.compile(r"[\w:.>-]*(?:(?<![cC])lock|Lock)\w*\(")
+LOCKING_CALL = re.compile(r"[\w:.>-]*(?:(?<![bcBC])lock|Lock)\w*\(")
 
 
 @dataclass(frozen=True)
@@ -267,6 +267,7 @@ SELF_TEST = [
     ("    a();\n    lock.unlock();\n", "lock", [";"]),
     ("    a();\n    pthread_mutex_unlock(&m);\n", "lock", [";"]),
     ("    a();\n    clock_gettime(a, &b);\n", "lock", []),
+    ("    a();\n    vlliBlockInPoll(a, b);\n", "lock", []),
     ("    a();\n    const KeepErrno keep_errno;\n", "guard", [";"]),
     ("    a();\n    const NoCancel no_cancel;\n", "guard", [";"]),
 ]
