@@ -572,6 +572,7 @@ def parse():
 
 def main():
     options = parse()
+    signal.signal(signal.SIGTERM, signal.default_int_handler)  # so that what runs is ended
     if options.list:
         candidates = Candidates(ROOT, None, options.folder, options.file)
         for mutant in candidates.mutants:
@@ -625,5 +626,5 @@ if __name__ == "__main__":
     except Trouble as trouble:
         print(f"mutate.sh: {trouble}", file=sys.stderr)
         sys.exit(2)
-    except BrokenPipeError:
+    except (BrokenPipeError, KeyboardInterrupt):
         sys.exit(2)
