@@ -479,7 +479,7 @@ TEST_F(EventLogTest, reads_from_anywhere_find_the_same_lines) {
 }
 
 TEST_F(EventLogTest, files_that_cannot_be_read) {
-    const auto expectFailure = [this](int reason, const char *what) {
+    const auto expectFailure = [](int reason, const char *what) {
         EXPECT_FAILS(reason, vllOpenEventLog(nullptr, nullptr)) << what;
         DWORD number = 4711;
         EXPECT_FAILS(reason, vllGetNumberOfEventLogRecords(nullptr, &number)) << what;

@@ -91,7 +91,7 @@ TEST_F(CommportTest, purge) {
     }
     EXPECT_TRUE(vllPurgeComm(port_.get(), 3));
     EXPECT_EQ(pendingBytes(peer_.get()), 3);
-    for (const DWORD flags : {0, 4}) {
+    for (const DWORD flags : {0U, 4U}) {
         EXPECT_FAILS(EINVAL, vllPurgeComm(port_.get(), flags));
     }
     const Fd file(open("/dev/shm", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
@@ -105,7 +105,7 @@ TEST_F(CommportTest, modem_lines_are_refused_where_there_are_none) {
     EXPECT_EQ(status, 77U);
     EXPECT_FAILS(EINVAL, vllGetCommModemStatus(port_.get(), nullptr));
     EXPECT_FAILS(ENOTTY, vllEscapeCommFunction(port_.get(), SETDTR));
-    for (const DWORD function : {0, 3, 5, 16}) {
+    for (const DWORD function : {0U, 3U, 5U, 16U}) {
         EXPECT_FAILS(EINVAL, vllEscapeCommFunction(port_.get(), function));
     }
 }
