@@ -196,7 +196,11 @@ class Source:
             self.add("truth", *match.span(), TRUTHS[match.group()])
         for match in re.finditer(r"(?<=\breturn )(?:0|-1)(?=;)", text):
             self.add("truth", *match.span(), "-1" if match.group() == "0" else "0")
-        for match in re.finditer(r"(?<![\w.])(?:0[xX][0-9a-fA-F]+|[0-9]+)([uUlL]*)(?![\w.])", text):
+        # A buffer may be longer than it must, and every negative number stands for an absent descriptor or an error.
+        sized = [match.span(1) for match in re.finditer(r"^\s+(?:\w+ )*[\w:]+ \w+\[([^\]]*)\](?: = .*)?;$", text, re.M)]
+        for match in re.finditer(r"(?<![\w.-])(?:0[xX][0-9a-fA-F]+|[0-9]+)([uUlL]*)(?![\w.])", text):
+            if any(start <= match.start() < end for start, end in sized):
+                continue
             digits = match.group()[: len(match.group()) - len(match.group(1))]
             octal = len(digits) > 1 and digits.isdigit() and digits[0] == "0"
             value = int(digits, 8 if octal else 0) + 1
@@ -204,7 +208,9 @@ class Source:
             self.add("constant", *match.span(), form.format(value) + match.group(1))
         for match in re.finditer(r"(?<![\w.>:])k[A-Z]\w*\b(?!\s*(?:=|\[\]|\{))", text):
             before = text[self.line_starts[self.line_of(match.start()) - 1] : match.start()]
-            if not re.search(r"\b(?:constexpr|const) [\w:<> *]*$", before):
+            if not re.search(r"\b(?:constexpr|const) [\w:<> *]*$", before) and not any(
+                start <= match.start() < end for start, end in sized
+            ):
                 self.add("constant", *match.span(), f"({match.group()} + 1)")
 
     def drop(self):
@@ -253,6 +259,8 @@ SELF_TEST = [
     ("constexpr int kLimit = 3;", "constant", ["constexpr int kLimit = 4;"]),
     ("    x = f(\"1 == 2\", '3');  // if (4 < 5)", "constant", []),
     ("#define X 3", "constant", []),
+    ("    char path[32];", "constant", []),
+    ("    fd = -1;", "constant", []),
     ("static_assert(sizeof(X) == 40 &&\n              Y == 3);", "constant", []),
     ("    a();\n    b->c = d;\n", "drop", [";"]),
     ("    a();\n    // why\n    free(d);\n", "drop", [";"]),
