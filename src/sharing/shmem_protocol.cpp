@@ -73,7 +73,7 @@ struct SharedObject {
 };
 
 // Guards what follows. Taken before objMemMutex; not held while anything blocks.
-pthread_mutex_t shmemMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t shmem_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 SharedObject sharedObjects[kObjectCount];
 SharedObject *usedBy[kObjectCount];  // by record
@@ -251,7 +251,7 @@ int reopenLocked(int fd) {
 void prepareFork() {
     const NoCancel no_cancel;
     const KeepErrno keep_errno;
-    pthread_mutex_lock(&shmemMutex);
+    pthread_mutex_lock(&shmem_mutex);
     for (size_t i = 0; i < kObjectCount; ++i) {
         SharedObject *object = usedBy[i];
         if (object != nullptr && object->child_fd == -1) {
@@ -278,7 +278,7 @@ void finishForkInParent() {
             object.child_fd = -1;
         }
     }
-    pthread_mutex_unlock(&shmemMutex);
+    pthread_mutex_unlock(&shmem_mutex);
 }
 
 void inheritObject(SharedObject *object) {
@@ -313,11 +313,11 @@ void finishForkInChild() {
             inheritObject(&object);
         }
     }
-    pthread_mutex_unlock(&shmemMutex);
+    pthread_mutex_unlock(&shmem_mutex);
 }
 
 TransitFd openInTransit(const char *name, int flags) {
-    const MutexLock lock(&shmemMutex);
+    const MutexLock lock(&shmem_mutex);
     int *slot = findTransit(0);
     if (slot == nullptr) {
         return Fail(ENOMEM);
@@ -334,7 +334,7 @@ void dropParked() {
     }
     for (SharedObject &object : sharedObjects) {
         TransitFd last;
-        const MutexLock lock(&shmemMutex);
+        const MutexLock lock(&shmem_mutex);
         if (object.users == 0 || object.parked_fd == -1) {
             continue;
         }
@@ -369,7 +369,7 @@ void TransitFd::reset() {
     }
     const KeepErrno keep_errno;
     emptyIfUnused(fd_);
-    const MutexLock lock(&shmemMutex);
+    const MutexLock lock(&shmem_mutex);
     int *slot = findTransit(fd_ + 1);
     if (slot != nullptr) {
         *slot = 0;
@@ -406,7 +406,7 @@ TransitFd vlliCreateSharedFile(int access, SIZE_T size, const char *name, bool k
 }
 
 BOOL vlliEnterSharedFile(ObjectRecord *record, TransitFd *file, SIZE_T payload_size) {
-    const MutexLock lock(&shmemMutex);
+    const MutexLock lock(&shmem_mutex);
     struct stat status;
     if (fstat(file->get(), &status) == -1) {
         return FALSE;
@@ -428,7 +428,7 @@ BOOL vlliEnterSharedFile(ObjectRecord *record, TransitFd *file, SIZE_T payload_s
 }
 
 BOOL vlliShareSharedFile(ObjectRecord *record, const ObjectRecord *source, bool payload) {
-    const MutexLock lock(&shmemMutex);
+    const MutexLock lock(&shmem_mutex);
     SharedObject *object = usedBy[recordIndex(source)];
     if (object == nullptr) {
         return Fail(EINVAL);
@@ -444,7 +444,7 @@ BOOL vlliShareSharedFile(ObjectRecord *record, const ObjectRecord *source, bool 
 void vlliCloseSharedFile(ObjectRecord *record, bool payload) {
     dropParked();
     TransitFd last;
-    const MutexLock lock(&shmemMutex);
+    const MutexLock lock(&shmem_mutex);
     SharedObject *object = usedBy[recordIndex(record)];
     usedBy[recordIndex(record)] = nullptr;
     if (object == nullptr) {

@@ -100,7 +100,7 @@ TEST_F(CommportTest, purge) {
         EXPECT_EQ(pendingBytes(port_.get()), row.received) << row.flags;
     }
     EXPECT_EQ(pendingBytes(peer_.get()), 3);
-    for (const DWORD flags : {0, 4}) {
+    for (const DWORD flags : {0U, 4U}) {
         EXPECT_THAT(vllPurgeComm(port_.get(), flags), FailsWith(EINVAL));
     }
     const Fd file(open("/dev/shm", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
@@ -114,7 +114,7 @@ TEST_F(CommportTest, modem_lines_are_refused_where_there_are_none) {
     EXPECT_EQ(status, 77U);
     EXPECT_THAT(vllGetCommModemStatus(port_.get(), nullptr), FailsWith(EINVAL));
     EXPECT_THAT(vllEscapeCommFunction(port_.get(), SETDTR), FailsWith(ENOTTY));
-    for (const DWORD function : {0, 3, 5, 16}) {
+    for (const DWORD function : {0U, 3U, 5U, 16U}) {
         EXPECT_THAT(vllEscapeCommFunction(port_.get(), function), FailsWith(EINVAL));
     }
 }
