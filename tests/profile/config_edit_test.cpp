@@ -205,11 +205,11 @@ TEST_F(ConfigEditTest, order_of_an_edit) {
 
 // A child runs the operation and is killed at its n-th stop; each system call has two. True when it was done before.
 bool KillAtStop(int n, const std::function<void()> &operation) {
-    const pid_t pid = startChild([&] {
+    const pid_t pid = startChild([&]() -> int {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         raise(SIGSTOP);
         operation();
-        return 0;
+        _exit(0);  // how StartChild() ends a child is no part of the operation
     });
     int status = 0;
     EXPECT_EQ(waitpid(pid, &status, 0), pid);
