@@ -480,7 +480,7 @@ TEST_F(EventLogTest, reads_from_anywhere_find_the_same_lines) {
 }
 
 TEST_F(EventLogTest, files_that_cannot_be_read) {
-    const auto expectFailure = [this](int reason, const char *what) {
+    const auto expectFailure = [](int reason, const char *what) {
         EXPECT_THAT(vllOpenEventLog(nullptr, nullptr), FailsWith(reason)) << what;
         DWORD number = 4711;
         EXPECT_THAT(vllGetNumberOfEventLogRecords(nullptr, &number), FailsWith(reason)) << what;

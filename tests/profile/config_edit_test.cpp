@@ -183,10 +183,10 @@ TEST_F(ConfigEditTest, order_of_an_edit) {
 
 // A child runs the edit and is killed at its n-th stop; each system call has two. True when it was done before.
 bool killAtStop(int n, const Operation &edit, const string &file) {
-    const pid_t pid = startChild([&] {
+    const pid_t pid = startChild([&]() -> int {
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
         raise(SIGSTOP);
-        return edit(file.c_str()) ? 0 : 1;
+        _exit(edit(file.c_str()) ? 0 : 1);  // what startChild() does at the end is no part of the edit
     });
     int status = 0;
     EXPECT_EQ(waitpid(pid, &status, 0), pid);

@@ -79,7 +79,9 @@ TEST_F(TimeTest, system_time_to_file_time) {
 
 TEST_F(TimeTest, random_records_convert_as_the_system_does) {
     std::mt19937 random(8);
-    const auto from = [&](int first, uint32_t count) { return static_cast<WORD>(first + random() % count); };
+    const auto from = [&](uint32_t first, uint32_t count) {
+        return static_cast<WORD>(first + random() % count);
+    };
     const auto any = [&] { return from(0, 65536); };
     for (int i = 0; i < 200000; ++i) {
         const SYSTEMTIME in = i % 2 == 1 ? SYSTEMTIME{any(), any(), any(), any(), any(), any(), any(), any()}
