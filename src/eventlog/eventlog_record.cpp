@@ -53,8 +53,8 @@ int splitLine(std::string_view line, std::string_view *tokens, int count) {
 // The library's own log lines have a mark somewhere.
 bool isOwnLine(std::string_view line) {
     for (size_t at = 0; at < line.size(); ++at) {
-        if (vlliToLower(line[at]) == 'v' && (vlliEqualsIgnoringCase(line.substr(at, 4), "VLL:") ||
-                                             vlliEqualsIgnoringCase(line.substr(at, 5), "VLLI:"))) {
+        if ((line[at] | 0x20) == 'v' && (vlliEqualsIgnoringCase(line.substr(at, 4), "VLL:") ||
+                                         vlliEqualsIgnoringCase(line.substr(at, 5), "VLLI:"))) {
             return true;
         }
     }
