@@ -1,4 +1,5 @@
-// Any bytes as a log: read forwards, backwards and from anywhere, and each line as a record.
+// Any bytes as a log: each line is read forwards, backwards and from anywhere, and compared with the record that is built
+// from it alone.
 #include <algorithm>
 #include <cstring>
 #include <string>
