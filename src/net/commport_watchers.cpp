@@ -50,7 +50,7 @@ Counters readCounters(int port) {
 // The counters of a record's port as they were when it was armed, or when a change was last reported. They stand here,
 // since the layout of the record is fixed. Guarded by the record's mutex.
 struct KnownCounters {
-    std::atomic<const OverlappedRecord *> record;
+    std::atomic<const OverlappedRecord *> record{nullptr};
     Counters counters;
 };
 
