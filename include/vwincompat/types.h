@@ -11,6 +11,21 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/**
+ * The version of these headers. A program may compare ::VLL_VERSION: `#if VLL_VERSION >= 10200` is 1.2.0 or
+ * later.
+ */
+#define VLL_VERSION_MAJOR 1
+#define VLL_VERSION_MINOR 0
+#define VLL_VERSION_PATCH 0
+/** The version as one number: major * 10000 + minor * 100 + patch. */
+#define VLL_VERSION (VLL_VERSION_MAJOR * 10000 + VLL_VERSION_MINOR * 100 + VLL_VERSION_PATCH)
+/** The version as text: "1.0.0". */
+#define VLL_VERSION_STRING \
+    VLL_TEXT_(VLL_VERSION_MAJOR) "." VLL_TEXT_(VLL_VERSION_MINOR) "." VLL_TEXT_(VLL_VERSION_PATCH)
+#define VLL_TEXT_(number) VLL_QUOTE_(number)
+#define VLL_QUOTE_(text) #text
+
 /* VLL_API marks what the library exports, VLL_PRINTF what takes a printf(3) format. */
 #if defined(__GNUC__)
 #define VLL_API __attribute__((visibility("default")))

@@ -1,4 +1,4 @@
-// Setting the clock and the system's zone.
+// Setting the clock and the system's zone. The zone's steps run programs of the system, without a shell.
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -13,7 +13,6 @@
 #include "base/program.h"
 #include "time/time_convert.h"
 #include "vwincompat/datetime.h"
-#include "vwincompat/fileops.h"
 
 namespace {
 
@@ -42,8 +41,8 @@ BOOL remountRoot(const char *option) {
     return run({"/bin/mount", option, "/"});
 }
 
-// A name without a NUL within its field would be read on into strange memory; other characters than those of
-// the system's zones lead out of their directory, or are meant for a shell.
+// Refused are a name without a NUL in its field, which would be read beyond its end, and other characters than those of
+// the system's zones, which could lead out of their directory.
 bool isZoneName(const char (&name)[64]) {
     const size_t length = strnlen(name, sizeof name);
     constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-+";
@@ -76,12 +75,12 @@ BOOL vllSetTimeZoneInformation(const TIME_ZONE_INFORMATION *lpTimeZoneInformatio
     if (S_ISDIR(status.st_mode)) {
         return Fail(EISDIR);
     }
-    // Stopped half-way, it would leave the root file system writable.
+    // A thread cancelled half-way would leave the root file system writable.
     const NoCancel no_cancel;
     if (!remountRoot("-oremount,rw")) {
         return FALSE;
     }
-    vllDeleteFile(kZoneFile);
+    remove(kZoneFile);
     if (!run({"/bin/ln", "-s", path, kZoneFile}) || !remountRoot("-oremount,ro") ||
         !run({"/sbin/hwclock", "-wl"})) {
         return FALSE;
