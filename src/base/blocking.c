@@ -12,7 +12,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -101,10 +100,6 @@ pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options) {
 
 int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining) {
     VLL_BLOCK(int, nanosleep(duration, remaining));
-}
-
-int vlliBlockInSystem(const char *command) {
-    VLL_BLOCK(int, system(command));
 }
 
 /* An ioctl is no cancellation point: it can be left only while the thread is asynchronously cancellable. */
