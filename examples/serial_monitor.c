@@ -16,7 +16,7 @@ static int fail(const char *what) {
     return 1;
 }
 
-/* Prints the lines that are active, after a change: one that was reported, or one that shows. */
+/* Prints the active lines, when a change was reported or they differ from those printed last. */
 static void printLines(int port, int reported, DWORD *printed) {
     DWORD lines;
     if (vllGetCommModemStatus(port, &lines) && (reported || lines != *printed)) {
@@ -39,7 +39,7 @@ static int printData(int port) {
     return length > 0 || (length == -1 && (errno == EAGAIN || errno == EINTR));
 }
 
-/* A pass for each event; the port is read without blocking. */
+/* Handles one event after the other. The port is open for reading without blocking. */
 static int monitor(int port, OverlappedRecord *record) {
     uint32_t events = 0;
     DWORD lines = ~(DWORD)0;
@@ -48,7 +48,7 @@ static int monitor(int port, OverlappedRecord *record) {
             if (vllGetLastError() != EINPROGRESS) {
                 return fail("wait");
             }
-            /* From here on changes are reported. What changed since the last look is not: look again. */
+            /* Changes from here on are reported. Those since the lines were last read are not: read them again. */
             printLines(port, 0, &lines);
             fflush(stdout);
             if (vllWaitForSingleObject(record->event, INFINITE) != WAIT_OBJECT_0) {

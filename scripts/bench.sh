@@ -6,7 +6,7 @@
 #
 # --json prints one array of objects instead; --filter takes the rows whose operation contains TEXT.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 . scripts/lib/packages.sh
 
 json=no filter=

@@ -7,7 +7,7 @@
 #
 # --preset takes another build than "release" (asan, tsan), --under runs the gateway under a tool such as valgrind.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 . scripts/lib/packages.sh
 
 preset=release under=()

@@ -6,7 +6,7 @@
 # What they find to go on from stays in build/fuzz/corpus, an input that made one fail in build/fuzz/failures:
 # run the target with its path to see the failure again.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 . scripts/lib/packages.sh
 
 case "${1:-}" in

@@ -4,11 +4,12 @@
 #   scripts/test.sh               plain, AddressSanitizer + UBSan, ThreadSanitizer, fuzzers, the emulated ARM target
 #   scripts/test.sh --quick       the plain build only
 #   scripts/test.sh --no-target   everything but the emulated target
+#   scripts/test.sh --clang       everything, and the build with clang as well
 #   scripts/test.sh --filter RE   only tests whose name matches (native builds)
 #
 # Builds go to build/<preset>. FUZZ_SECONDS (60) is the time that each fuzzer gets.
 set -uo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit
 . scripts/lib/packages.sh
 
 presets=(dev asan tsan)
@@ -17,14 +18,18 @@ while [ $# -gt 0 ]; do
     case "$1" in
         --quick) presets=(dev) target=no fuzz=no ;;
         --no-target) target=no ;;
+        --clang) presets+=(clang) ;;
         --filter) filter=${2:?--filter takes an expression} fuzz=no target=no; shift ;;
-        -h | --help) sed -n '2,10s/^# \{0,1\}//p' "$0"; exit 0 ;;
+        -h | --help) sed -n '2,11s/^# \{0,1\}//p' "$0"; exit 0 ;;
         *) echo "test.sh: unknown option $1" >&2; exit 2 ;;
     esac
     shift
 done
 
 vll_need_packages cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev || exit 1
+if [[ " ${presets[*]} " == *" clang "* ]]; then
+    vll_need_packages clang libbenchmark-dev || exit 1
+fi
 
 passed=0 failed=0
 

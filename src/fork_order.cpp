@@ -13,7 +13,7 @@
 #include "process/memory_probe.h"
 #include "process/thread.h"
 #include "sharing/shared_descriptor.h"
-#include "sharing/shmem_protocol.h"
+#include "sharing/shmem_fork.h"
 
 namespace {
 

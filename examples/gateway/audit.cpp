@@ -1,4 +1,5 @@
-// Counts its own descriptors and handles: what a daemon that runs for years must be able to say of itself.
+// Checks at the end that the gateway has closed every descriptor and handle: a daemon that runs for years must not
+// leak any.
 
 #include <dirent.h>
 #include <poll.h>
@@ -7,13 +8,13 @@
 
 namespace {
 
-constexpr int kHandles = 128;  // of a process
+constexpr int kHandles = 128;  // that a process can have
 constexpr int kAttempts = 100;
 constexpr int kAttemptMs = 20;
 
 int open_at_start = 0;
 
-int CountDescriptors() {
+int countDescriptors() {
     DIR *directory = opendir("/proc/self/fd");
     if (directory == nullptr) {
         return -1;
@@ -26,8 +27,8 @@ int CountDescriptors() {
     return count - 3;  // ".", ".." and the directory itself
 }
 
-// The handles that can still be made. Timers are the cheapest.
-int CountFreeHandles() {
+// Makes handles until none is left, and closes them: how many there were. Timers are the cheapest.
+int countFreeHandles() {
     HANDLE timers[kHandles];
     int count = 0;
     while (count < kHandles && (timers[count] = vllCreateWaitableTimer(nullptr)) != 0) {
@@ -41,23 +42,23 @@ int CountFreeHandles() {
 
 }  // namespace
 
-void AuditBegin() {
-    open_at_start = CountDescriptors();
+void auditBegin() {
+    open_at_start = countDescriptors();
 }
 
-bool AuditEnd() {
+bool auditEnd() {
     int descriptors = 0;
     int handles = 0;
     // A thread signals its end a moment before it gives back its last descriptor and handle.
     for (int i = 0; i < kAttempts; ++i) {
-        descriptors = CountDescriptors();
-        handles = descriptors == open_at_start ? CountFreeHandles() : 0;
+        descriptors = countDescriptors();
+        handles = descriptors == open_at_start ? countFreeHandles() : 0;
         if (handles == kHandles) {
             break;
         }
         poll(nullptr, 0, kAttemptMs);
     }
-    Report("descriptors: %d at the start, %d at the end; handles free: %d of %d", open_at_start, descriptors,
+    report("descriptors: %d at the start, %d at the end; handles free: %d of %d", open_at_start, descriptors,
            handles, kHandles);
     return handles == kHandles;
 }

@@ -1,5 +1,6 @@
-// One connection: what came in, what is being answered, what is still to be sent. Each step waits for the one
-// after it: a client whose answers are not taken is not read from, so that a flood stays in the network.
+// One connection: the input, the job that a worker answers, and the answers that are still to be sent. Each step
+// waits for the one after it. A client that does not take its answers is not read from, so that what it sends stays
+// in the buffers of the network.
 
 #include <sys/socket.h>
 #include <time.h>
@@ -24,7 +25,7 @@ struct Client {
     bool busy;      // a job or a command is under way
     bool offering;  // a command is being offered to the pieces
     bool gone;      // closed; the slot is free once it is no longer busy
-    bool closing;   // the peer has closed: no event tells what is left to read
+    bool closing;   // the peer has closed: no event reports what is left to read
     bool ended;     // nothing more will be read
     bool skipping;  // the rest of a line that was too long
     int input_length;
@@ -35,23 +36,23 @@ namespace {
 
 Client clients[kMaxClients];
 
-Client *ClientOfJob(Job *job) {
+Client *clientOfJob(Job *job) {
     return reinterpret_cast<Client *>(reinterpret_cast<char *>(job) - offsetof(Client, job));
 }
 
-time_t Now() {
+time_t now() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec;
 }
 
-bool IsSending(const Client *client) {
+bool isSending(const Client *client) {
     return !client->busy && client->sent < client->job.answer_length;
 }
 
-void Close(Client *client) {
+void closeClient(Client *client) {
     if (!client->gone) {
-        LoopRemove(client->event);
+        loopRemove(client->event);
         vllWSAEventSelect(client->socket, client->event, 0, &client->selection);
         vllCloseHandle(client->event);
         close(client->socket);
@@ -60,15 +61,15 @@ void Close(Client *client) {
     client->used = client->busy;
 }
 
-void Drop(Client *client, const char *why) {
+void drop(Client *client, const char *why) {
     ++statistics.dropped;
-    Report("client %d dropped: %s", static_cast<int>(client - clients), why);
-    Close(client);
+    report("client %d dropped: %s", static_cast<int>(client - clients), why);
+    closeClient(client);
 }
 
 // Sends what it can. False when the connection is broken.
-bool Send(Client *client) {
-    while (IsSending(client)) {
+bool sendAnswer(Client *client) {
+    while (isSending(client)) {
         const WSABUF rest = {client->job.answer + client->sent,
                              static_cast<SIZE_T>(client->job.answer_length - client->sent)};
         DWORD sent = 0;
@@ -76,101 +77,101 @@ bool Send(Client *client) {
             return errno == EAGAIN || errno == EINTR;
         }
         client->sent += static_cast<int>(sent);
-        client->last_active = Now();
+        client->last_active = now();
     }
     return true;
 }
 
-// Reads once, as far as there is room. False when the connection is broken.
-bool Receive(Client *client) {
-    const auto room = static_cast<size_t>(kJobText - client->input_length);
-    if (client->ended || room == 0) {
+// Reads once, unless the input is full. False when the connection is broken.
+bool receive(Client *client) {
+    const auto space = static_cast<size_t>(kJobText - client->input_length);
+    if (client->ended || space == 0) {
         return true;
     }
-    const ssize_t received = recv(client->socket, client->input + client->input_length, room, 0);
+    const ssize_t received = recv(client->socket, client->input + client->input_length, space, 0);
     if (received == -1) {
         client->ended = client->closing;
         return client->closing || errno == EAGAIN || errno == EINTR;
     }
     client->ended = received == 0;
     client->input_length += static_cast<int>(received);
-    client->last_active = Now();
+    client->last_active = now();
     return true;
 }
 
 // The length of the first line with its newline, or 0.
-int FirstLine(const Client *client, int from) {
+int firstLineLength(const Client *client, int from) {
     const void *end = memchr(client->input + from, '\n', static_cast<size_t>(client->input_length - from));
     return end == nullptr ? 0 : static_cast<int>(static_cast<const char *>(end) - client->input) + 1 - from;
 }
 
-void TakeInput(Client *client, int length) {
+void takeInput(Client *client, int length) {
     client->input_length -= length;
     memmove(client->input, client->input + length, static_cast<size_t>(client->input_length));
 }
 
-// Offers the first line to the pieces; what none takes is a line like others.
-void OfferCommand(Client *client, int length) {
+// Offers the first line to the pieces. A line that none of them takes is answered like any other.
+void offerCommand(Client *client, int length) {
     Job *job = &client->job;
     memcpy(job->text, client->input, static_cast<size_t>(length));
-    TakeInput(client, length);
+    takeInput(client, length);
     job->text[length - 1] = '\0';
     client->offering = true;
-    const bool taken = PiecesTakeCommand(client, job->text);
+    const bool taken = piecesTakeCommand(client, job->text);
     client->offering = false;
     if (!taken) {
         job->text[length - 1] = '\n';
         job->length = length;
-        WorkersSubmit(job);
+        workersSubmit(job);
     }
 }
 
 // The length of the whole lines that can go into one job, up to the next command.
-int Batch(const Client *client) {
-    int length = FirstLine(client, 0);
+int batchLength(const Client *client) {
+    int length = firstLineLength(client, 0);
     for (int lines = 1; lines < kJobLines; ++lines) {
         if (length == client->input_length || client->input[length] == '!') {
             break;
         }
-        length += FirstLine(client, length);
+        length += firstLineLength(client, length);
     }
     return length;
 }
 
 // Hands the whole lines that are there to a worker, or a command to the piece that takes it.
-void HandOver(Client *client) {
+void handOver(Client *client) {
     client->busy = true;
     client->lines_before = client->job.lines;
     client->job.answer_length = 0;
     client->sent = 0;
     if (client->input[0] == '!') {
-        OfferCommand(client, FirstLine(client, 0));
+        offerCommand(client, firstLineLength(client, 0));
         return;
     }
     Job *job = &client->job;
-    job->length = Batch(client);
+    job->length = batchLength(client);
     memcpy(job->text, client->input, static_cast<size_t>(job->length));
-    TakeInput(client, job->length);
-    WorkersSubmit(job);
+    takeInput(client, job->length);
+    workersSubmit(job);
 }
 
-// Listens for what the client can use now. Selecting anew also asks for the next room to write.
-void Select(Client *client) {
+// Selects the network events that the client can use now. Selecting anew also asks for the next write readiness.
+void selectWanted(Client *client) {
     int32_t wanted = 0;
     if (!client->ended && !client->closing) {
         wanted = FD_WRITE | FD_CLOSE | (client->input_length < kJobText ? FD_READ : 0);
-    } else if (IsSending(client)) {
+    } else if (isSending(client)) {
         wanted = FD_WRITE;
     }
     if (wanted != client->selected) {
         vllWSAEventSelect(client->socket, client->event, wanted, &client->selection);
         client->selected = wanted;
-    } else if (IsSending(client)) {
+    } else if (isSending(client)) {
         vllWSAEnableWriteEvent(&client->selection);
     }
 }
 
-void AnswerDirectly(Client *client, const char *text) {
+void answerDirectly(Client *client, const char *text) {
     Job *job = &client->job;
     const int length = snprintf(job->answer, sizeof job->answer, "%u %s\n", ++job->lines, text);
     job->answer_length = length < kJobAnswer ? length : kJobAnswer - 1;
@@ -180,21 +181,21 @@ void AnswerDirectly(Client *client, const char *text) {
 }
 
 // Drops what belongs to a line that was too long.
-void Skip(Client *client) {
-    const int rest = FirstLine(client, 0);
-    TakeInput(client, rest > 0 ? rest : client->input_length);
+void skip(Client *client) {
+    const int rest = firstLineLength(client, 0);
+    takeInput(client, rest > 0 ? rest : client->input_length);
     client->skipping = rest == 0;
 }
 
-// The next step with what came in. False when there is nothing to do before more comes.
-bool UseInput(Client *client) {
+// Takes the next step with the input. False when nothing can be done before more arrives.
+bool useInput(Client *client) {
     if (client->skipping) {
-        Skip(client);
+        skip(client);
     }
-    if (FirstLine(client, 0) > 0) {
-        HandOver(client);
+    if (firstLineLength(client, 0) > 0) {
+        handOver(client);
     } else if (client->input_length == kJobText) {
-        AnswerDirectly(client, "error: line too long");
+        answerDirectly(client, "error: line too long");
         client->skipping = true;
     } else {
         return false;
@@ -203,46 +204,46 @@ bool UseInput(Client *client) {
 }
 
 // Does whatever can be done now. The client may be gone afterwards.
-void Advance(Client *client) {
+void advance(Client *client) {
     for (;;) {
-        if (!Send(client)) {
-            Drop(client, strerror(errno));
+        if (!sendAnswer(client)) {
+            drop(client, strerror(errno));
             return;
         }
-        if (client->busy || IsSending(client)) {
+        if (client->busy || isSending(client)) {
             break;
         }
-        if (!UseInput(client)) {
+        if (!useInput(client)) {
             if (client->ended) {
                 statistics.cut += client->input_length > 0 ? 1 : 0;
-                Close(client);
+                closeClient(client);
                 return;
             }
             if (!client->closing) {
                 break;
             }
-            Receive(client);
+            receive(client);
         }
     }
-    Select(client);
+    selectWanted(client);
 }
 
-void NetworkEvent(void *context) {
+void networkEvent(void *context) {
     auto *client = static_cast<Client *>(context);
     WSANETWORKEVENTS occurred;
     vllWSAEnumNetworkEvents(&client->selection, client->event, &occurred);
-    if ((occurred.lNetworkEvents & (FD_READ | FD_CLOSE)) != 0 && !Receive(client)) {
-        Drop(client, strerror(errno));
+    if ((occurred.lNetworkEvents & (FD_READ | FD_CLOSE)) != 0 && !receive(client)) {
+        drop(client, strerror(errno));
         return;
     }
     if ((occurred.lNetworkEvents & FD_CLOSE) != 0) {
         client->closing = true;
         client->selected = 0;  // the socket has left its event
     }
-    Advance(client);
+    advance(client);
 }
 
-Client *FreeSlot() {
+Client *freeSlot() {
     for (int i = 0; i < settings.max_clients; ++i) {
         if (!clients[i].used) {
             return &clients[i];
@@ -253,8 +254,8 @@ Client *FreeSlot() {
 
 }  // namespace
 
-bool ClientAdd(int socket) {
-    Client *client = FreeSlot();
+bool clientAdd(int socket) {
+    Client *client = freeSlot();
     if (client == nullptr) {
         return false;
     }
@@ -265,9 +266,9 @@ bool ClientAdd(int socket) {
     }
     client->socket = socket;
     client->event = event;
-    client->last_active = Now();
+    client->last_active = now();
     if (vllWSAEventSelect(socket, event, FD_READ | FD_WRITE | FD_CLOSE, &client->selection) == SOCKET_ERROR ||
-        !LoopAdd(event, Turn::fair, NetworkEvent, client)) {
+        !loopAdd(event, Turn::fair, networkEvent, client)) {
         vllCloseHandle(event);
         return false;
     }
@@ -277,44 +278,44 @@ bool ClientAdd(int socket) {
     return true;
 }
 
-void ClientJobDone(Job *job) {
-    Client *client = ClientOfJob(job);
+void clientJobDone(Job *job) {
+    Client *client = clientOfJob(job);
     client->busy = false;
     if (client->gone) {
-        Close(client);
+        closeClient(client);
         return;
     }
     statistics.lines += job->lines - client->lines_before;
-    Advance(client);
+    advance(client);
 }
 
-void ClientAnswer(Client *client, const char *text) {
+void clientAnswer(Client *client, const char *text) {
     client->busy = false;
     if (client->gone) {
-        Close(client);
+        closeClient(client);
         return;
     }
-    AnswerDirectly(client, text);
+    answerDirectly(client, text);
     if (!client->offering) {
-        Advance(client);
+        advance(client);
     }
 }
 
-void ClientsCheckIdle() {
-    const time_t limit = Now() - settings.idle_seconds;
+void clientsCheckIdle() {
+    const time_t limit = now() - settings.idle_seconds;
     for (Client &client : clients) {
         if (client.used && !client.gone && !client.busy && client.last_active < limit) {
-            Drop(&client, "idle");
+            drop(&client, "idle");
         }
     }
 }
 
-void ClientsStop() {
+void clientsStop() {
     for (Client &client : clients) {
         if (client.used && !client.gone) {
-            Send(&client);
+            sendAnswer(&client);
             client.busy = false;
-            Close(&client);
+            closeClient(&client);
         }
     }
 }

@@ -1,5 +1,5 @@
-// The word "quit" on standard input ends the gateway. The input is a terminal or a pipe: what cannot be
-// waited for (a file, /dev/null) is left alone.
+// The word "quit" on standard input ends the gateway. The input is a terminal or a pipe; a descriptor that cannot be
+// waited for (a file, /dev/null) is not used.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,14 +15,14 @@ HANDLE console = INVALID_HANDLE_VALUE;
 char line[64];
 size_t length = 0;
 
-void StopListening() {
-    LoopRemove(console);
+void stopListening() {
+    loopRemove(console);
     vllCloseHandle(console);
     console = INVALID_HANDLE_VALUE;
 }
 
 // A program in the background must not read its terminal: it would be stopped.
-bool IsReadable() {
+bool isReadable() {
     DWORD mode = 0;
     struct stat status;
     if (vllGetConsoleMode(console, &mode)) {
@@ -31,39 +31,39 @@ bool IsReadable() {
     return fstat(STDIN_FILENO, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-// What does not fit is no part of the line, which is then too long for "quit" anyway.
-void TakeByte(char byte) {
+// Characters that do not fit are dropped: the line is then too long to be "quit" anyway.
+void takeByte(char byte) {
     if (byte == '\n') {
         const bool quit = length == sizeof kQuit - 1 && memcmp(line, kQuit, length) == 0;
         length = 0;
         if (quit) {
-            Report("quit on the console");
-            RequestStop();
+            report("quit on the console");
+            requestStop();
         }
     } else if (length < sizeof line) {
         line[length++] = byte;
     }
 }
 
-// The wait has said that a read will not block. Nothing to read is the end of the input.
-void Ready(void *) {
+// The wait has reported that a read will not block. A read of 0 bytes is the end of the input.
+void ready(void *) {
     char bytes[64];
-    const ssize_t count = IsReadable() ? read(STDIN_FILENO, bytes, sizeof bytes) : 0;
+    const ssize_t count = isReadable() ? read(STDIN_FILENO, bytes, sizeof bytes) : 0;
     if (count <= 0) {
-        StopListening();
+        stopListening();
         return;
     }
     for (ssize_t i = 0; i < count; ++i) {
-        TakeByte(bytes[i]);
+        takeByte(bytes[i]);
     }
 }
 
-bool Start() {
+bool start() {
     console = vllGetStdHandle(STD_INPUT_HANDLE);
     if (console == INVALID_HANDLE_VALUE) {
         return true;  // started without standard input
     }
-    if (IsReadable() && LoopAdd(console, Turn::fair, Ready, nullptr)) {
+    if (isReadable() && loopAdd(console, Turn::fair, ready, nullptr)) {
         return true;
     }
     vllCloseHandle(console);
@@ -71,13 +71,13 @@ bool Start() {
     return true;
 }
 
-void Stop() {
+void stop() {
     if (console != INVALID_HANDLE_VALUE) {
-        StopListening();
+        stopListening();
     }
 }
 
 }  // namespace
 
 extern const Piece console_piece;
-const Piece console_piece = {"console", Start, Stop, nullptr, nullptr};
+const Piece console_piece = {"console", start, stop, nullptr, nullptr};

@@ -1,4 +1,4 @@
-// A client of the gateway that checks every answer. A plain socket program: it stands for the rest of the world.
+// A client of the gateway that checks every answer. It is a plain socket program that does not use the library.
 //
 //   demo_client talk  PORT NAME LINES          sends LINES lines at once, and checks each answer
 //   demo_client cut   PORT NAME LINES          the same, then leaves in the middle of a line
@@ -25,7 +25,7 @@ constexpr int kMaxCrowd = 100;
 constexpr int kShown = 2;  // lines that are printed of each client
 constexpr int kLine = 128;
 
-int Connect(int port) {
+int connectToPort(int port) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
@@ -39,14 +39,14 @@ int Connect(int port) {
 }
 
 // Line number i of a client, with its newline; the length.
-int MakeLine(char *line, const char *name, int i) {
+int makeLine(char *line, const char *name, int i) {
     return snprintf(line, kLine, "%s says hello number %d, %.*s\n", name, i, i % 40,
                     "the quick brown fox jumps over the lazy dog");
 }
 
-int MakeAnswer(char *answer, const char *name, int i) {
+int makeAnswer(char *answer, const char *name, int i) {
     char line[kLine];
-    MakeLine(line, name, i);
+    makeLine(line, name, i);
     const int length = snprintf(answer, kLine + 16, "%d %s", i, line);
     for (char *c = answer; *c != '\0'; ++c) {
         *c = static_cast<char>(toupper(static_cast<unsigned char>(*c)));
@@ -69,65 +69,65 @@ struct Talk {
     int matched = 0;
 };
 
-bool Fail(const Talk &talk, const char *what) {
+bool fail(const Talk &talk, const char *what) {
     fprintf(stderr, "%s: %s after %d lines sent, %d answered\n", talk.name, what, talk.sent_lines,
             talk.answers);
     return false;
 }
 
-bool SendSome(Talk *talk) {
+bool sendSome(Talk *talk) {
     while (talk->out_sent < talk->out_length || talk->sent_lines < talk->lines) {
         if (talk->out_sent == talk->out_length) {
-            talk->out_length = MakeLine(talk->out, talk->name, ++talk->sent_lines);
+            talk->out_length = makeLine(talk->out, talk->name, ++talk->sent_lines);
             talk->out_sent = 0;
         }
         const ssize_t sent =
             send(talk->socket, talk->out + talk->out_sent,
                  static_cast<size_t>(talk->out_length - talk->out_sent), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent == -1) {
-            return errno == EAGAIN || errno == EINTR || Fail(*talk, strerror(errno));
+            return errno == EAGAIN || errno == EINTR || fail(*talk, strerror(errno));
         }
         talk->out_sent += static_cast<int>(sent);
     }
     return true;
 }
 
-void AnswerComplete(Talk *talk) {
+void answerComplete(Talk *talk) {
     if (talk->answers <= kShown || talk->answers == talk->lines) {
         char line[kLine];
-        MakeLine(line, talk->name, talk->answers);
+        makeLine(line, talk->name, talk->answers);
         printf("%-8s sent     %s%-8s answered %s", talk->name, line, talk->name, talk->expected);
     }
     talk->matched = talk->expected_length = 0;
 }
 
-bool CheckSome(Talk *talk) {
+bool checkSome(Talk *talk) {
     char in[4096];
     const ssize_t received = recv(talk->socket, in, sizeof in, MSG_DONTWAIT);
     if (received == -1) {
-        return errno == EAGAIN || errno == EINTR || Fail(*talk, strerror(errno));
+        return errno == EAGAIN || errno == EINTR || fail(*talk, strerror(errno));
     }
     if (received == 0) {
-        return Fail(*talk, "the connection was closed");
+        return fail(*talk, "the connection was closed");
     }
     for (ssize_t i = 0; i < received; ++i) {
         if (talk->expected_length == 0) {
             if (talk->answers == talk->lines) {
-                return Fail(*talk, "too many answers");
+                return fail(*talk, "too many answers");
             }
-            talk->expected_length = MakeAnswer(talk->expected, talk->name, ++talk->answers);
+            talk->expected_length = makeAnswer(talk->expected, talk->name, ++talk->answers);
         }
         if (in[i] != talk->expected[talk->matched++]) {
-            return Fail(*talk, "wrong answer");
+            return fail(*talk, "wrong answer");
         }
         if (talk->matched == talk->expected_length) {
-            AnswerComplete(talk);
+            answerComplete(talk);
         }
     }
     return true;
 }
 
-bool Exchange(int socket, const char *name, int lines) {
+bool exchange(int socket, const char *name, int lines) {
     Talk talk = {};
     talk.socket = socket;
     talk.name = name;
@@ -136,12 +136,12 @@ bool Exchange(int socket, const char *name, int lines) {
         const bool unsent = talk.sent_lines < lines || talk.out_sent < talk.out_length;
         pollfd events = {socket, static_cast<short>(unsent ? POLLIN | POLLOUT : POLLIN), 0};
         if (poll(&events, 1, kTimeoutMs) <= 0) {
-            return Fail(talk, "no progress");
+            return fail(talk, "no progress");
         }
-        if ((events.revents & POLLOUT) != 0 && !SendSome(&talk)) {
+        if ((events.revents & POLLOUT) != 0 && !sendSome(&talk)) {
             return false;
         }
-        if ((events.revents & ~POLLOUT) != 0 && !CheckSome(&talk)) {
+        if ((events.revents & ~POLLOUT) != 0 && !checkSome(&talk)) {
             return false;
         }
     }
@@ -150,8 +150,8 @@ bool Exchange(int socket, const char *name, int lines) {
 }
 
 // A connection over the limit gets one line and is closed.
-bool ExpectRefusal(int port, const char *name) {
-    const int socket = Connect(port);
+bool expectRefusal(int port, const char *name) {
+    const int socket = connectToPort(port);
     char text[64] = "";
     pollfd events = {socket, POLLIN, 0};
     const ssize_t length = poll(&events, 1, kTimeoutMs) == 1 ? recv(socket, text, sizeof text - 1, 0) : 0;
@@ -160,14 +160,14 @@ bool ExpectRefusal(int port, const char *name) {
     return strcmp(text, "busy, try again later\n") == 0;
 }
 
-bool Crowd(int port, const char *name, int connections) {
+bool crowd(int port, const char *name, int connections) {
     int sockets[kMaxCrowd];
     bool good = true;
     for (int i = 0; i < connections; ++i) {
-        sockets[i] = Connect(port);
-        good = Exchange(sockets[i], name, 1) && good;
+        sockets[i] = connectToPort(port);
+        good = exchange(sockets[i], name, 1) && good;
     }
-    good = good && ExpectRefusal(port, name);
+    good = good && expectRefusal(port, name);
     for (int i = 0; i < connections; ++i) {
         close(sockets[i]);
     }
@@ -185,10 +185,10 @@ int main(int argc, char **argv) {
     }
     setvbuf(stdout, nullptr, _IOFBF, 1 << 16);  // the lines of one client stay together
     if (strcmp(argv[1], "crowd") == 0) {
-        return count <= kMaxCrowd && Crowd(port, argv[3], count) ? 0 : 1;
+        return count <= kMaxCrowd && crowd(port, argv[3], count) ? 0 : 1;
     }
-    const int socket = Connect(port);
-    if (!Exchange(socket, argv[3], count)) {
+    const int socket = connectToPort(port);
+    if (!exchange(socket, argv[3], count)) {
         return 1;
     }
     if (strcmp(argv[1], "cut") == 0) {

@@ -1,7 +1,7 @@
 // The gateway: a small line server, written as a Win32 program would be.
 //
-// One loop waits on everything (loop.cpp); what it waits for is added with a function to call. Clients belong to
-// the loop's thread alone; a worker sees nothing of a client but the job it was handed. All memory is fixed.
+// One loop waits on everything (loop.cpp); each object is added with the function to call when it is signalled. Only
+// the loop's thread uses the clients; a worker gets nothing of a client but its job. No memory is allocated.
 #pragma once
 
 #include <vwincompat.h>
@@ -23,7 +23,7 @@ struct Settings {
 
 struct Statistics {
     unsigned clients;  // served
-    unsigned refused;  // for want of room
+    unsigned refused;  // because all places were taken
     unsigned lines;    // answered
     unsigned cut;      // clients that left in mid-line
     unsigned dropped;  // idle, broken or talking too long
@@ -33,27 +33,27 @@ struct Statistics {
 extern Settings settings;
 extern Statistics statistics;
 
-// Says something on standard output, and to the pieces that listen. Loop's thread only.
-void Report(const char *format, ...) VLL_PRINTF(1, 2);
+// Prints a line on standard output and passes it to the pieces. For the loop's thread only.
+void report(const char *format, ...) VLL_PRINTF(1, 2);
 
-// Asks the gateway to end. Any thread.
-void RequestStop();
+// Makes the gateway end. May be called by any thread.
+void requestStop();
 
-// Takes the settings that a profile file has in its section "gateway": clients, workers, heartbeat, idle, verbose.
+// Reads the settings in the section "gateway" of a profile file: clients, workers, heartbeat, idle, verbose.
 // False, with a message, when it cannot be read or a number is out of its range.
-bool ProfileRead(const char *file);
+bool profileRead(const char *file);
 
 // ---- the loop (loop.cpp) ----------------------------------------------------------------------------------
 
-// Urgent sources are looked at first; the others take turns, so that a busy one starves nobody.
+// Urgent sources are handled first. The others take turns, so that a busy one does not delay the rest for ever.
 enum class Turn { urgent, fair };
 
-// Calls ready(context) whenever the object is signalled. False when the wait has no room.
-bool LoopAdd(HANDLE object, Turn turn, void (*ready)(void *context), void *context);
-void LoopRemove(HANDLE object);
-// Runs until LoopEnd(). False when waiting failed.
-bool LoopRun();
-void LoopEnd();
+// Calls ready(context) whenever the object is signalled. False when the wait holds as many objects as it can.
+bool loopAdd(HANDLE object, Turn turn, void (*ready)(void *context), void *context);
+void loopRemove(HANDLE object);
+// Runs until loopEnd(). False when waiting failed.
+bool loopRun();
+void loopEnd();
 
 // ---- work for the workers (workers.cpp) -------------------------------------------------------------------
 
@@ -69,33 +69,33 @@ struct Job {
     Job *next;
     char text[kJobText];  // whole lines, each with its newline
     int length;
-    unsigned lines;  // answered before; counted on by the worker
+    unsigned lines;  // answered so far; the worker adds its own
     char answer[kJobAnswer];
     int answer_length;
 };
 
-bool WorkersStart();
-// Hands over a job; it comes back through ClientJobDone().
-void WorkersSubmit(Job *job);
-// Lets the workers finish what they have, and waits for them. False when one did not end.
-bool WorkersStop();
+bool workersStart();
+// Hands over a job; it comes back through clientJobDone().
+void workersSubmit(Job *job);
+// Lets the workers finish their jobs, and waits for their end. False when one did not end.
+bool workersStop();
 
 // ---- clients (client.cpp) and where they come from (listener.cpp) -----------------------------------------
 
 struct Client;
 
-bool ListenerStart();
-void ListenerStop();
+bool listenerStart();
+void listenerStop();
 
-// Takes a connection over. False when there is no room; the socket is then still the caller's.
-bool ClientAdd(int socket);
-void ClientJobDone(Job *job);
+// Takes a connection over. False when no place is free; the socket is then still the caller's to close.
+bool clientAdd(int socket);
+void clientJobDone(Job *job);
 // Answers a line that a piece took. The text is cut at what a job can hold.
-void ClientAnswer(Client *client, const char *text);
+void clientAnswer(Client *client, const char *text);
 // Drops the clients that have been idle for too long.
-void ClientsCheckIdle();
+void clientsCheckIdle();
 // Sends what can be sent at once, and closes all.
-void ClientsStop();
+void clientsStop();
 
 // ---- further pieces (pieces.cpp) --------------------------------------------------------------------------
 
@@ -103,20 +103,20 @@ void ClientsStop();
 // called in the loop's thread.
 struct Piece {
     const char *name;
-    bool (*start)();                                    // before the loop; it may LoopAdd()
+    bool (*start)();                                    // before the loop; it may loopAdd()
     void (*stop)();                                     // after the loop, in reverse order
-    void (*note)(const char *line);                     // what Report() says
-    bool (*command)(Client *client, const char *line);  // a line with '!' first; true: ClientAnswer() comes
+    void (*note)(const char *line);                     // every line that report() prints
+    bool (*command)(Client *client, const char *line);  // a line with '!' first; true: clientAnswer() comes
 };
 
-bool PiecesStart();
-void PiecesStop();
-void PiecesNote(const char *line);
-bool PiecesTakeCommand(Client *client, const char *line);
+bool piecesStart();
+void piecesStop();
+void piecesNote(const char *line);
+bool piecesTakeCommand(Client *client, const char *line);
 
 // ---- nothing leaked (audit.cpp) ---------------------------------------------------------------------------
 
 // Remembers how many descriptors are open.
-void AuditBegin();
+void auditBegin();
 // True when as many are open again, and no handle is.
-bool AuditEnd();
+bool auditEnd();

@@ -1,4 +1,4 @@
-// The listening socket: loopback only, on a port that the kernel gives.
+// The listening socket, bound to loopback only, on a port that the kernel chooses.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -14,46 +14,46 @@
 namespace {
 
 int listening = -1;
-int spare = -1;  // given up for a moment when no descriptor is left, to be able to refuse
+int spare = -1;  // closed for a moment when no descriptor is left, so that a connection can be refused
 HANDLE event = 0;
 WSASockData selection;
 
-void Refuse(int socket) {
+void refuse(int socket) {
     static const char kBusy[] = "busy, try again later\n";
     send(socket, kBusy, sizeof kBusy - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
     close(socket);
     ++statistics.refused;
 }
 
-// Out of descriptors the connection would stay, and wake the loop for ever.
-void RefuseWithSpare() {
+// Without a free descriptor the connection could not be accepted, and would wake the loop again and again.
+void refuseWithSpare() {
     close(spare);
     const int socket = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket != -1) {
-        Refuse(socket);
+        refuse(socket);
     }
     spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-void AcceptClients(void *) {
+void acceptClients(void *) {
     WSANETWORKEVENTS occurred;
     vllWSAEnumNetworkEvents(&selection, event, &occurred);
     for (;;) {
         const int socket = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
         if (socket == -1) {
             if (errno == EMFILE || errno == ENFILE) {
-                RefuseWithSpare();
+                refuseWithSpare();
             }
             return;
         }
-        if (!ClientAdd(socket)) {
-            Refuse(socket);
+        if (!clientAdd(socket)) {
+            refuse(socket);
         }
     }
 }
 
 // The port, or -1.
-int OpenPort() {
+int openPort() {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -67,8 +67,8 @@ int OpenPort() {
     return ntohs(address.sin_port);
 }
 
-// Whoever waits for the file must not see it half written.
-bool WritePortFile(int port) {
+// Renamed into place, so that a program that waits for the file never reads half of it.
+bool writePortFile(int port) {
     char temporary[4096];
     if (snprintf(temporary, sizeof temporary, "%s.new", settings.port_file) >=
         static_cast<int>(sizeof temporary)) {
@@ -84,22 +84,22 @@ bool WritePortFile(int port) {
 
 }  // namespace
 
-bool ListenerStart() {
-    const int port = OpenPort();
+bool listenerStart() {
+    const int port = openPort();
     spare = open("/dev/null", O_RDONLY | O_CLOEXEC);
     event = vllCreateEvent(TRUE, FALSE, nullptr);
     if (port == -1 || spare == -1 || event == 0 ||
         vllWSAEventSelect(listening, event, FD_ACCEPT, &selection) == SOCKET_ERROR ||
-        !LoopAdd(event, Turn::fair, AcceptClients, nullptr)) {
+        !loopAdd(event, Turn::fair, acceptClients, nullptr)) {
         return false;
     }
-    Report("listening on 127.0.0.1:%d", port);
-    return settings.port_file == nullptr || WritePortFile(port);
+    report("listening on 127.0.0.1:%d", port);
+    return settings.port_file == nullptr || writePortFile(port);
 }
 
-void ListenerStop() {
+void listenerStop() {
     if (event != 0) {
-        LoopRemove(event);
+        loopRemove(event);
         vllWSAEventSelect(listening, event, 0, &selection);
         vllCloseHandle(event);
     }

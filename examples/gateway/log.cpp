@@ -8,16 +8,16 @@
 namespace {
 
 // Without LOG_PID: a tag with a process id is no event-log source.
-bool Start() {
+bool start() {
     openlog("gateway", 0, LOG_USER);
     return true;
 }
 
-void Note(const char *line) {
+void note(const char *line) {
     syslog(LOG_INFO, "%s", line);
 }
 
 }  // namespace
 
 extern const Piece log_piece;
-const Piece log_piece = {"log", Start, closelog, Note, nullptr};
+const Piece log_piece = {"log", start, closelog, note, nullptr};

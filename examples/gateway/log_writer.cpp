@@ -1,6 +1,6 @@
 // Writes what the gateway reports to a log reader, in the background: overlapped writes into a pipe, so that the loop
-// never waits for a slow reader. Two buffers take turns: one is on its way while the other fills. What does not fit is
-// counted and dropped, as a log must never stop a daemon.
+// never waits for a slow reader. Two buffers take turns: one is written while the other fills. Lines that do not fit
+// are counted and dropped, since a log must never stop a daemon.
 //
 // The pipe's reader here is a thread that appends to a file (--log); it could as well be a serial line.
 
@@ -28,11 +28,11 @@ Buffer buffers[2];
 Buffer *filling = &buffers[0];
 bool under_way = false;
 unsigned dropped = 0;
-bool file_is_whole = true;  // the thread's, until it has ended
+bool file_is_whole = true;  // used by the thread alone until it has ended
 OverlappedRecord record;
 
 // Runs until the pipe's last writer is closed.
-uint32_t CopyToFile(LPVOID) {
+uint32_t copyToFile(LPVOID) {
     char text[kBuffer];
     DWORD count;
     while (vllReadFile((HANDLE)pipe_fds[0], text, sizeof text, &count, nullptr) && count > 0) {
@@ -44,8 +44,8 @@ uint32_t CopyToFile(LPVOID) {
     return 0;
 }
 
-// Sends the buffer that was filling, and goes on with the other.
-void Send() {
+// Starts to write the buffer that was being filled, and goes on filling the other.
+void sendNotes() {
     under_way = vllWriteFile((HANDLE)pipe_fds[1], filling->text, filling->length, nullptr, &record) != 0;
     if (!under_way) {
         ++dropped;
@@ -54,15 +54,15 @@ void Send() {
     filling->length = 0;
 }
 
-void Written(void *) {
+void written(void *) {
     vllResetEvent(record.event);
     under_way = false;
     if (filling->length > 0) {
-        Send();
+        sendNotes();
     }
 }
 
-void Note(const char *line) {
+void note(const char *line) {
     if (record.event == 0) {
         return;  // no --log
     }
@@ -75,11 +75,11 @@ void Note(const char *line) {
     filling->length += (DWORD)length;
     filling->text[filling->length++] = '\n';
     if (!under_way) {
-        Send();
+        sendNotes();
     }
 }
 
-bool ServiceIsReady() {
+bool serviceIsReady() {
     for (int i = 0; i < kStopMs; ++i) {
         if (__atomic_load_n(&epoll_fd, __ATOMIC_ACQUIRE) != -1) {
             return true;
@@ -89,19 +89,19 @@ bool ServiceIsReady() {
     return false;
 }
 
-bool Open() {
+bool openLog() {
     log_file = vllCreateFile(settings.log_file, O_WRONLY | O_APPEND | O_CLOEXEC, 0640, OPEN_ALWAYS);
     if (log_file == INVALID_HANDLE_VALUE || pipe2(pipe_fds, O_CLOEXEC) == -1) {
         return false;
     }
     service = vllCreateThread(0, vlliAsyncIo, nullptr, nullptr, 0);
-    file_writer = vllCreateThread(0, CopyToFile, nullptr, nullptr, 0);
+    file_writer = vllCreateThread(0, copyToFile, nullptr, nullptr, 0);
     record.event = vllCreateEvent(TRUE, FALSE, nullptr);
-    return service != 0 && file_writer != 0 && record.event != 0 && ServiceIsReady() &&
-           LoopAdd(record.event, Turn::fair, Written, nullptr);
+    return service != 0 && file_writer != 0 && record.event != 0 && serviceIsReady() &&
+           loopAdd(record.event, Turn::fair, written, nullptr);
 }
 
-void EndThread(HANDLE thread, bool cancel) {
+void endThread(HANDLE thread, bool cancel) {
     if (thread != 0) {
         if (cancel) {
             vllTerminateThread(thread, 0);
@@ -111,23 +111,23 @@ void EndThread(HANDLE thread, bool cancel) {
     }
 }
 
-void Stop() {
+void stop() {
     while (under_way && vllWaitForSingleObject(record.event, kStopMs) == WAIT_OBJECT_0) {
-        Written(nullptr);
+        written(nullptr);
     }
     if (under_way) {
         vllCancelIo((HANDLE)pipe_fds[1]);
     }
     if (record.event != 0) {
-        LoopRemove(record.event);
+        loopRemove(record.event);
         vllCloseHandle(record.event);
         record.event = 0;
     }
     if (pipe_fds[1] != -1) {
         close(pipe_fds[1]);
     }
-    EndThread(file_writer, false);
-    EndThread(service, true);
+    endThread(file_writer, false);
+    endThread(service, true);
     if (pipe_fds[0] != -1) {
         close(pipe_fds[0]);
     }
@@ -142,13 +142,13 @@ void Stop() {
     }
 }
 
-bool Start() {
+bool start() {
     if (settings.log_file == nullptr) {
         return true;
     }
-    const bool good = Open();
+    const bool good = openLog();
     if (!good) {
-        Stop();
+        stop();
     }
     return good;
 }
@@ -156,4 +156,4 @@ bool Start() {
 }  // namespace
 
 extern const Piece log_writer_piece;
-const Piece log_writer_piece = {"log writer", Start, Stop, Note, nullptr};
+const Piece log_writer_piece = {"log writer", start, stop, note, nullptr};

@@ -1,5 +1,5 @@
-// One wait for everything. Sources stand in two groups: urgent ones keep the low indexes, the others start at a
-// different one after each turn, since a wait that finds several objects signalled reports the first.
+// One wait for all objects. A wait that finds several objects signalled reports the first in its array. So the urgent
+// sources come first, and the others start with a different one after each turn.
 
 #include "gateway.h"
 
@@ -17,7 +17,7 @@ int source_count = 0;
 int first_fair = 0;  // the source whose turn is next
 bool ended = false;
 
-int FindSource(HANDLE object) {
+int findSource(HANDLE object) {
     for (int i = 0; i < source_count; ++i) {
         if (sources[i].object == object) {
             return i;
@@ -26,8 +26,8 @@ int FindSource(HANDLE object) {
     return -1;
 }
 
-// The order of this turn, as indexes of sources.
-void Arrange(int *order) {
+// Stores the order of this turn, as indexes of sources.
+void arrange(int *order) {
     int n = 0;
     for (int i = 0; i < source_count; ++i) {
         if (sources[i].turn == Turn::urgent) {
@@ -44,7 +44,7 @@ void Arrange(int *order) {
 
 }  // namespace
 
-bool LoopAdd(HANDLE object, Turn turn, void (*ready)(void *), void *context) {
+bool loopAdd(HANDLE object, Turn turn, void (*ready)(void *), void *context) {
     if (source_count == MAXIMUM_WAIT_OBJECTS) {
         return false;
     }
@@ -52,8 +52,8 @@ bool LoopAdd(HANDLE object, Turn turn, void (*ready)(void *), void *context) {
     return true;
 }
 
-void LoopRemove(HANDLE object) {
-    const int found = FindSource(object);
+void loopRemove(HANDLE object) {
+    const int found = findSource(object);
     if (found == -1) {
         return;
     }
@@ -66,11 +66,11 @@ void LoopRemove(HANDLE object) {
     }
 }
 
-bool LoopRun() {
+bool loopRun() {
     while (!ended) {
         int order[MAXIMUM_WAIT_OBJECTS] = {};
         HANDLE objects[MAXIMUM_WAIT_OBJECTS];
-        Arrange(order);
+        arrange(order);
         for (int i = 0; i < source_count; ++i) {
             objects[i] = sources[order[i]].object;
         }
@@ -87,6 +87,6 @@ bool LoopRun() {
     return true;
 }
 
-void LoopEnd() {
+void loopEnd() {
     ended = true;
 }

@@ -1,4 +1,4 @@
-// Start, run, stop.
+// The settings, and how the gateway starts, runs and stops.
 
 #include <signal.h>
 #include <unistd.h>
@@ -21,8 +21,8 @@ HANDLE stop_event = 0;
 int stop_fd = -1;
 HANDLE heartbeat = 0;
 
-// write() to the event's descriptor is all that a signal handler may do to it.
-void OnSignal(int) {
+// A signal handler must not call vllSetEvent(), but may write to the event's descriptor.
+void onSignal(int) {
     const int saved_errno = errno;
     const uint64_t one = 1;
     if (write(stop_fd, &one, sizeof one) == -1) {
@@ -31,9 +31,9 @@ void OnSignal(int) {
     errno = saved_errno;
 }
 
-void CatchSignals() {
+void catchSignals() {
     struct sigaction action = {};
-    action.sa_handler = OnSignal;
+    action.sa_handler = onSignal;
     action.sa_flags = SA_RESTART;
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
@@ -41,41 +41,41 @@ void CatchSignals() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
-void Stop(void *) {
-    Report("stopping");
-    LoopEnd();
+void stop(void *) {
+    report("stopping");
+    loopEnd();
 }
 
-void Beat(void *) {
+void beat(void *) {
     ++statistics.beats;
-    ClientsCheckIdle();
+    clientsCheckIdle();
     if (settings.verbose) {
-        Report("heartbeat %u: %u clients, %u lines", statistics.beats, statistics.clients, statistics.lines);
+        report("heartbeat %u: %u clients, %u lines", statistics.beats, statistics.clients, statistics.lines);
     }
     vllSetWaitableTimer(heartbeat, settings.heartbeat_seconds * kUnitsPerSecond);
 }
 
-bool Start() {
+bool start() {
     stop_event = vllCreateEvent(TRUE, FALSE, nullptr);
     heartbeat = vllCreateWaitableTimer(nullptr);
     if (stop_event == 0 || heartbeat == 0) {
         return false;
     }
     stop_fd = vllGetEventFd(stop_event);
-    CatchSignals();
-    return LoopAdd(stop_event, Turn::urgent, Stop, nullptr) &&
-           LoopAdd(heartbeat, Turn::urgent, Beat, nullptr) &&
-           vllSetWaitableTimer(heartbeat, settings.heartbeat_seconds * kUnitsPerSecond) && PiecesStart() &&
-           WorkersStart() && ListenerStart();
+    catchSignals();
+    return loopAdd(stop_event, Turn::urgent, stop, nullptr) &&
+           loopAdd(heartbeat, Turn::urgent, beat, nullptr) &&
+           vllSetWaitableTimer(heartbeat, settings.heartbeat_seconds * kUnitsPerSecond) && piecesStart() &&
+           workersStart() && listenerStart();
 }
 
-bool Finish() {
-    ListenerStop();
-    const bool workers_ended = WorkersStop();
-    ClientsStop();
-    Report("%u clients, %u lines answered, %u cut in mid-line, %u dropped, %u refused", statistics.clients,
+bool finish() {
+    listenerStop();
+    const bool workers_ended = workersStop();
+    clientsStop();
+    report("%u clients, %u lines answered, %u cut in mid-line, %u dropped, %u refused", statistics.clients,
            statistics.lines, statistics.cut, statistics.dropped, statistics.refused);
-    PiecesStop();
+    piecesStop();
     signal(SIGTERM, SIG_IGN);
     signal(SIGINT, SIG_IGN);
     vllCloseHandle(heartbeat);
@@ -83,7 +83,7 @@ bool Finish() {
     return workers_ended;
 }
 
-bool Number(const char *text, int low, int high, int *value) {
+bool parseNumber(const char *text, int low, int high, int *value) {
     char *end;
     errno = 0;
     const long number = strtol(text, &end, 10);
@@ -94,7 +94,7 @@ bool Number(const char *text, int low, int high, int *value) {
     return true;
 }
 
-bool ParseOptions(int argc, char **argv) {
+bool parseOptions(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
         const char *value = i + 1 < argc ? argv[i + 1] : "";
         bool good = true;
@@ -113,15 +113,15 @@ bool ParseOptions(int argc, char **argv) {
             settings.log_file = value;
             good = *value != '\0';
         } else if (strcmp(argv[i], "--profile") == 0) {
-            good = ProfileRead(value);
+            good = profileRead(value);
         } else if (strcmp(argv[i], "--clients") == 0) {
-            good = Number(value, 1, kMaxClients, &settings.max_clients);
+            good = parseNumber(value, 1, kMaxClients, &settings.max_clients);
         } else if (strcmp(argv[i], "--workers") == 0) {
-            good = Number(value, 1, kMaxWorkers, &settings.workers);
+            good = parseNumber(value, 1, kMaxWorkers, &settings.workers);
         } else if (strcmp(argv[i], "--heartbeat") == 0) {
-            good = Number(value, 1, 3600, &settings.heartbeat_seconds);
+            good = parseNumber(value, 1, 3600, &settings.heartbeat_seconds);
         } else if (strcmp(argv[i], "--idle") == 0) {
-            good = Number(value, 1, 86400, &settings.idle_seconds);
+            good = parseNumber(value, 1, 86400, &settings.idle_seconds);
         } else {
             good = false;
         }
@@ -140,7 +140,7 @@ bool ParseOptions(int argc, char **argv) {
 
 }  // namespace
 
-void Report(const char *format, ...) {
+void report(const char *format, ...) {
     char line[512];
     va_list arguments;
     va_start(arguments, format);
@@ -148,28 +148,28 @@ void Report(const char *format, ...) {
     va_end(arguments);
     printf("gateway: %s\n", line);
     fflush(stdout);
-    PiecesNote(line);
+    piecesNote(line);
 }
 
-void RequestStop() {
+void requestStop() {
     vllSetEvent(stop_event);
 }
 
 int main(int argc, char **argv) {
     vllvwincompatMain();
-    if (!ParseOptions(argc, argv)) {
+    if (!parseOptions(argc, argv)) {
         return 2;
     }
-    AuditBegin();
-    bool good = Start();
+    auditBegin();
+    bool good = start();
     if (good) {
-        good = LoopRun();
+        good = loopRun();
     }
     if (!good) {
-        Report("failed: %s", strerror(errno));
+        report("failed: %s", strerror(errno));
     }
-    good = Finish() && good;
-    good = AuditEnd() && good;
+    good = finish() && good;
+    good = auditEnd() && good;
     vllvwincompatExit();
     return good ? 0 : 1;
 }

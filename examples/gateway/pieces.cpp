@@ -1,4 +1,4 @@
-// The pieces that extend the gateway. Each is one file and one line here.
+// The table of pieces that extend the gateway. Each piece is one file and one line here.
 
 #include "gateway.h"
 
@@ -9,7 +9,7 @@ extern const Piece processes_piece;
 
 namespace {
 
-// Ends with null. A command goes to the first that takes it; processes take any.
+// A command goes to the first piece that takes it. The processes take any, so they stand last.
 const Piece *const kPieces[] = {
     &log_piece, &console_piece, &log_writer_piece, &processes_piece, nullptr,
 };
@@ -18,17 +18,17 @@ int started = 0;
 
 }  // namespace
 
-bool PiecesStart() {
+bool piecesStart() {
     for (; kPieces[started] != nullptr; ++started) {
         if (kPieces[started]->start != nullptr && !kPieces[started]->start()) {
-            Report("%s could not start", kPieces[started]->name);
+            report("%s could not start", kPieces[started]->name);
             return false;
         }
     }
     return true;
 }
 
-void PiecesStop() {
+void piecesStop() {
     while (started > 0) {
         const Piece *piece = kPieces[--started];
         if (piece->stop != nullptr) {
@@ -37,7 +37,7 @@ void PiecesStop() {
     }
 }
 
-void PiecesNote(const char *line) {
+void piecesNote(const char *line) {
     for (int i = 0; i < started && kPieces[i] != nullptr; ++i) {
         if (kPieces[i]->note != nullptr) {
             kPieces[i]->note(line);
@@ -45,7 +45,7 @@ void PiecesNote(const char *line) {
     }
 }
 
-bool PiecesTakeCommand(Client *client, const char *line) {
+bool piecesTakeCommand(Client *client, const char *line) {
     for (int i = 0; i < started && kPieces[i] != nullptr; ++i) {
         if (kPieces[i]->command != nullptr && kPieces[i]->command(client, line)) {
             return true;

@@ -24,7 +24,7 @@ constexpr struct {
 
 }  // namespace
 
-bool ProfileRead(const char *file) {
+bool profileRead(const char *file) {
     char entries[1024];
     // An absent section gives 0, as an empty one does; the last error tells them apart.
     errno = 0;

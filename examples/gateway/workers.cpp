@@ -1,5 +1,5 @@
-// Worker threads. Jobs wait in a list behind a lock; an auto-reset event wakes one worker for it, who wakes the
-// next one when there is more. Finished jobs go back through a second list and event.
+// Worker threads. Jobs wait in a list with a lock. An auto-reset event wakes one worker, which wakes the next one when
+// more jobs wait. Finished jobs go back through a second list and event.
 
 #include <pthread.h>
 #include <cctype>
@@ -25,7 +25,7 @@ HANDLE stop_event = 0;      // manual-reset: no more jobs will come
 HANDLE threads[kMaxWorkers];
 int thread_count = 0;
 
-void Append(JobList *list, Job *job) {
+void append(JobList *list, Job *job) {
     pthread_mutex_lock(&list->lock);
     job->next = nullptr;
     *list->last = job;
@@ -33,8 +33,8 @@ void Append(JobList *list, Job *job) {
     pthread_mutex_unlock(&list->lock);
 }
 
-// The first job, or null; tells whether there are more.
-Job *TakeFirst(JobList *list, bool *more) {
+// Takes the first job, or null, and stores whether there are more.
+Job *takeFirst(JobList *list, bool *more) {
     pthread_mutex_lock(&list->lock);
     Job *job = list->first;
     if (job != nullptr) {
@@ -49,7 +49,7 @@ Job *TakeFirst(JobList *list, bool *more) {
 }
 
 // "line\n" becomes "count LINE\n".
-void AnswerLines(Job *job) {
+void answerLines(Job *job) {
     int out = 0;
     bool at_start = true;
     for (int in = 0; in < job->length; ++in) {
@@ -65,47 +65,47 @@ void AnswerLines(Job *job) {
     job->answer_length = out;
 }
 
-void WorkOff() {
+void workOff() {
     bool more = false;
-    while (Job *job = TakeFirst(&waiting, &more)) {
+    while (Job *job = takeFirst(&waiting, &more)) {
         if (more) {
             vllSetEvent(work_event);
         }
-        AnswerLines(job);
-        Append(&finished, job);
+        answerLines(job);
+        append(&finished, job);
         vllSetEvent(finished_event);
     }
 }
 
-uint32_t Work(LPVOID) {
+uint32_t work(LPVOID) {
     const HANDLE objects[] = {work_event, stop_event};
     DWORD result;
     do {
         result = vllWaitForMultipleObjects(2, objects, INFINITE);
-        WorkOff();
+        workOff();
     } while (result == WAIT_OBJECT_0);
     return 0;
 }
 
-void CollectAnswers(void *) {
+void collectAnswers(void *) {
     bool more = false;
-    while (Job *job = TakeFirst(&finished, &more)) {
-        ClientJobDone(job);
+    while (Job *job = takeFirst(&finished, &more)) {
+        clientJobDone(job);
     }
 }
 
 }  // namespace
 
-bool WorkersStart() {
+bool workersStart() {
     work_event = vllCreateEvent(FALSE, FALSE, nullptr);
     finished_event = vllCreateEvent(FALSE, FALSE, nullptr);
     stop_event = vllCreateEvent(TRUE, FALSE, nullptr);
     if (work_event == 0 || finished_event == 0 || stop_event == 0 ||
-        !LoopAdd(finished_event, Turn::urgent, CollectAnswers, nullptr)) {
+        !loopAdd(finished_event, Turn::urgent, collectAnswers, nullptr)) {
         return false;
     }
     while (thread_count < settings.workers) {
-        const HANDLE thread = vllCreateThread(0, Work, nullptr, nullptr, 0);
+        const HANDLE thread = vllCreateThread(0, work, nullptr, nullptr, 0);
         if (thread == 0) {
             return false;
         }
@@ -114,12 +114,12 @@ bool WorkersStart() {
     return true;
 }
 
-void WorkersSubmit(Job *job) {
-    Append(&waiting, job);
+void workersSubmit(Job *job) {
+    append(&waiting, job);
     vllSetEvent(work_event);
 }
 
-bool WorkersStop() {
+bool workersStop() {
     bool all_ended = true;
     vllSetEvent(stop_event);
     while (thread_count > 0) {
@@ -127,8 +127,8 @@ bool WorkersStop() {
         all_ended = vllWaitForSingleObject(thread, kStopTimeoutMs) == WAIT_OBJECT_0 && all_ended;
         vllCloseHandle(thread);
     }
-    CollectAnswers(nullptr);
-    LoopRemove(finished_event);
+    collectAnswers(nullptr);
+    loopRemove(finished_event);
     vllCloseHandle(work_event);
     vllCloseHandle(finished_event);
     vllCloseHandle(stop_event);

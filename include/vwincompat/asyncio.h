@@ -2,13 +2,28 @@
  * @file
  * The service that carries out background transfers (file.h).
  *
- * The application runs it in a thread of its own, and waits until it is ready, that is, until `epoll_fd` is no
- * longer -1:
+ * The library never starts it. The application runs it in a thread of its own before the first background
+ * transfer, and waits until it is ready, that is, until `epoll_fd` is no longer -1. There is one service in a
+ * process; a forked child begins without one.
  *
- *     async_io_thread_handle = (int32_t)vllCreateThread(0, vlliAsyncIo, NULL, NULL, 0);
- *     while (__atomic_load_n(&epoll_fd, __ATOMIC_ACQUIRE) == -1) {
- *         vllSleep(1);
+ * Example: start the service.
+ *
+ * @code{.c}
+ * BOOL startService(void) {
+ *     HANDLE thread = vllCreateThread(0, vlliAsyncIo, NULL, NULL, 0);
+ *     if (thread == 0) {
+ *         return FALSE;
  *     }
+ *     async_io_thread_handle = (int32_t)thread;
+ *     while (__atomic_load_n(&epoll_fd, __ATOMIC_ACQUIRE) == -1) {
+ *         if (vllWaitForSingleObject(thread, 1) == WAIT_OBJECT_0) {
+ *             vllCloseHandle(thread); // the service could not be started
+ *             return FALSE;
+ *         }
+ *     }
+ *     return TRUE;
+ * }
+ * @endcode
  */
 #ifndef VWINCOMPAT_ASYNCIO_H
 #define VWINCOMPAT_ASYNCIO_H
@@ -22,28 +37,49 @@
 extern "C" {
 #endif
 
-/** The epoll(7) set of the registered descriptors; -1 while no service runs. Written by the service only. */
+/**
+ * The epoll(7) set of the registered descriptors, or -1 while no service runs.
+ *
+ * @thread  Written by the service's thread only, atomically. Other threads read it as the example does.
+ */
 extern VLL_API int32_t epoll_fd;
 
-/** What the service takes out of its set at one wake-up. */
+/**
+ * The events that the service takes out of its set at one wake-up.
+ *
+ * @thread  Used by the service's thread only.
+ */
 extern VLL_API struct epoll_event async_events[64];
 
-/** Held while a descriptor is registered or cancelled. */
+/**
+ * The lock that the library holds while a descriptor is registered or its transfer is cancelled, and while
+ * the service starts and ends.
+ *
+ * @thread  A thread that holds it must not call vllReadFile(), vllWriteFile() or vllCancelIo() with
+ *          background transfers: it would wait for itself.
+ */
 extern VLL_API pthread_mutex_t async_mutex;
 
-/** For the application, to keep the handle of the service's thread in; -1 at first. Not used by the library. */
+/**
+ * A place where the application may keep the handle of the service's thread; -1 at first.
+ *
+ * @thread  The library never uses it: the application guards it.
+ */
 extern VLL_API int32_t async_io_thread_handle;
 
 /**
- * The body of the service's thread, for vllCreateThread() or pthread_create(3): it serves all background
- * transfers of the process and does not return. Cancelling its thread ends the service: `epoll_fd` is -1 again,
- * the transfers that were registered are forgotten without a signal, and the service can be started anew. A
- * forked child begins without a service.
+ * The body of the service's thread, for vllCreateThread() or pthread_create(3). It serves all background
+ * transfers of the process and does not return once it has started. SIGPIPE is blocked in its thread.
  *
- * SIGPIPE is blocked in its thread.
- *
- * @param lpArgument  not used.
- * @return 0, only when the service cannot be started: an error of epoll_create(2), or EBUSY (it runs already).
+ * @param lpArgument  not used; may be null.
+ * @return  0, only when the service cannot be started.
+ * @error EBUSY  the service runs already, in another thread.
+ * @error EMFILE, ENFILE  no descriptor is left.
+ * @error others  as epoll_create(2) gives them.
+ * @cancel  A cancellation point while it waits for descriptors to become ready; this is how the service is
+ *          ended. `epoll_fd` is then -1 again, the transfers that were registered are forgotten without a
+ *          signal, and the service can be started anew.
+ * @thread  Safe from any thread; one at a time becomes the service.
  */
 VLL_API DWORD vlliAsyncIo(LPVOID lpArgument);
 

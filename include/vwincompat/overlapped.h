@@ -1,6 +1,24 @@
 /**
  * @file
- * The record of background work on a descriptor: a file transfer (file.h), or waiting for serial events.
+ * The record of background work on a descriptor: a file transfer (file.h), or waiting for serial events
+ * (serial.h).
+ *
+ * Example: read from a pipe in the background, and do something else meanwhile.
+ *
+ * @code{.c}
+ * BOOL readInBackground(HANDLE pipe, char *bytes, DWORD size, void (*doSomethingElse)(void)) {
+ *     OVERLAPPED record = {0}; // the library makes the event
+ *     DWORD count;
+ *     BOOL done;
+ *     if (!vllReadFile(pipe, bytes, size, NULL, &record)) {
+ *         return FALSE;
+ *     }
+ *     doSomethingElse();
+ *     done = vllGetOverlappedResult(&record, &count, TRUE) && record.transferred == size;
+ *     vllCloseHandle(record.event);
+ *     return done;
+ * }
+ * @endcode
  */
 #ifndef VWINCOMPAT_OVERLAPPED_H
 #define VWINCOMPAT_OVERLAPPED_H
@@ -14,9 +32,9 @@ extern "C" {
 #endif
 
 /**
- * Owned by the caller, who sets it to 0 (and, if he has one, `event`) before its first use. The library writes
- * it while the work goes on: until the event is signalled or the work is cancelled it must stay where it is and
- * must not be touched.
+ * Owned by the caller, who sets it to 0 (and, if he has one, `event`) before its first use. The library
+ * writes it while the work goes on: until the event is signalled or the work is cancelled it must stay where
+ * it is and must not be touched.
  */
 typedef struct OverlappedRecord {
     int32_t fd;   /**< the descriptor */

@@ -2,8 +2,8 @@
  * @file
  * Basic types and constants of the interface.
  *
- * The types are those of Win32 at the width that the library gives them. A handle has 32 bits on
- * every machine; whatever holds an address has the machine's own width.
+ * The types are those of Win32 at the width that the library gives them. A handle has 32 bits on every
+ * machine; whatever holds an address has the machine's own width.
  */
 #ifndef VWINCOMPAT_TYPES_H
 #define VWINCOMPAT_TYPES_H
@@ -11,6 +11,22 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/**
+ * The version of these headers. A program may compare ::VLL_VERSION: `#if VLL_VERSION >= 10200` is 1.2.0 or
+ * later.
+ */
+#define VLL_VERSION_MAJOR 1
+#define VLL_VERSION_MINOR 0
+#define VLL_VERSION_PATCH 0
+/** The version as one number: major * 10000 + minor * 100 + patch. */
+#define VLL_VERSION (VLL_VERSION_MAJOR * 10000 + VLL_VERSION_MINOR * 100 + VLL_VERSION_PATCH)
+/** The version as text: "1.0.0". */
+#define VLL_VERSION_STRING \
+    VLL_TEXT_(VLL_VERSION_MAJOR) "." VLL_TEXT_(VLL_VERSION_MINOR) "." VLL_TEXT_(VLL_VERSION_PATCH)
+#define VLL_TEXT_(number) VLL_QUOTE_(number)
+#define VLL_QUOTE_(text) #text
+
+/* VLL_API marks what the library exports, VLL_PRINTF what takes a printf(3) format. */
 #if defined(__GNUC__)
 #define VLL_API __attribute__((visibility("default")))
 #define VLL_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
@@ -29,6 +45,7 @@ typedef uint32_t DWORD;
 typedef uint32_t UINT;
 typedef uint16_t WORD;
 typedef uint8_t BYTE;
+/** FALSE, or TRUE: what an operation returns is one of the two. As a parameter, any value but 0 is true. */
 typedef int32_t BOOL;
 typedef int32_t LONG;
 typedef int64_t LONGLONG;
@@ -47,6 +64,7 @@ typedef DWORD *LPDWORD;
 #define FALSE 0
 #endif
 
+/** What operations that give out descriptors and console handles return when they fail; others return 0. */
 #define INVALID_HANDLE_VALUE ((HANDLE)-1)
 
 /** Seconds since 1970-01-01 00:00:00 UTC: not the 100 ns count of Win32. */

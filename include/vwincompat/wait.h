@@ -3,6 +3,28 @@
  * Waiting on one object and on several.
  *
  * All time-outs are in milliseconds: 0 asks without blocking, INFINITE waits without limit.
+ *
+ * Example: serve requests until the program is to stop.
+ *
+ * @code{.c}
+ * BOOL serve(HANDLE stop, HANDLE request, void (*answer)(void), void (*idle)(void)) {
+ *     HANDLE both[2] = {stop, request};
+ *     for (;;) {
+ *         switch (vllWaitForMultipleObjects(2, both, 1000)) {
+ *         case WAIT_OBJECT_0:
+ *             return TRUE;
+ *         case WAIT_OBJECT_0 + 1:
+ *             answer();
+ *             break;
+ *         case WAIT_TIMEOUT:
+ *             idle();
+ *             break;
+ *         default:
+ *             return FALSE; // vllGetLastError() has the reason
+ *         }
+ *     }
+ * }
+ * @endcode
  */
 #ifndef VWINCOMPAT_WAIT_H
 #define VWINCOMPAT_WAIT_H
@@ -26,41 +48,80 @@ extern "C" {
 /**
  * Waits until any one of several objects is signalled: events, timers, consoles, threads and processes.
  *
- * An auto-reset event and a timer are consumed by the wait that reports them; a signal that another waiter
+ * An auto-reset event and a timer are consumed by the wait that reports them. A signal that another waiter
  * took first is not reported, and the wait goes on for the rest of its time. Only one object is reported, and
- * the lowest index is not preferred. Socket activity on a manual-reset event leaves it signalled.
- * A signal handler that runs during the wait makes it start its full time-out again. Blocking, and a
- * cancellation point that consumes nothing and gives back everything. Closing a handle in another thread does
- * not end a wait on it.
+ * the lowest index is not preferred. Socket activity on a manual-reset event leaves it signalled. A signal
+ * handler that runs during the wait makes it start its full time-out again.
  *
  * @param nCount          the number of handles, 1 to MAXIMUM_WAIT_OBJECTS.
- * @param lpHandles       that many handles; copied, so the array may change during the wait. One listed twice
- *                        is reported at its first index.
- * @param dwMilliseconds  the time-out; values of 0x80000000 and more wait without limit.
- * @return WAIT_OBJECT_0 + index, WAIT_TIMEOUT, or WAIT_FAILED: EINVAL (a count out of range, a null array, a
- *         handle that is not open or of a type that cannot be waited on here), ENOMEM, EMFILE (no descriptor
- *         for the wait), EPERM (a console on a regular file).
+ * @param lpHandles       that many handles; not null. They are copied, so the array may change during the
+ *                        wait. A handle that is listed twice is reported at its first index.
+ * @param dwMilliseconds  the time-out in milliseconds; values of 0x80000000 and more wait without limit.
+ * @return  WAIT_OBJECT_0 + index, WAIT_TIMEOUT, or WAIT_FAILED. The last error is unchanged unless the wait
+ *          failed.
+ * @error EINVAL  nCount is out of range, or lpHandles is null; or a handle is not open, or is none of an
+ *                event, a timer, a console, a thread or a process.
+ * @error EPERM  a console's stream cannot be waited on, as with a regular file and /dev/null.
+ * @error ENOMEM  no memory is left.
+ * @error EMFILE, ENFILE  no descriptor is left for a wait that has to block; one that can be answered at once
+ *                needs none, unless a console is among the objects.
+ * @error others  as epoll_create(2) and epoll_ctl(2) give them.
+ * @cancel  A cancellation point, also when an object is signalled already: nothing is consumed.
+ * @thread  Safe from any thread, also on one object at once. Closing a handle in another thread does not end
+ *          the wait on its object.
  */
 VLL_API DWORD vllWaitForMultipleObjects(int32_t nCount, const HANDLE *lpHandles, DWORD dwMilliseconds);
 
-/** The same as vllWaitForMultipleObjects(): there is no message queue. */
+/**
+ * Does the same as vllWaitForMultipleObjects(): there is no message queue.
+ *
+ * @param nCount          the number of handles, 1 to MAXIMUM_WAIT_OBJECTS.
+ * @param lpHandles       that many handles; not null. They are copied, so the array may change during the
+ *                        wait. A handle that is listed twice is reported at its first index.
+ * @param dwMilliseconds  the time-out in milliseconds; values of 0x80000000 and more wait without limit.
+ * @return  WAIT_OBJECT_0 + index, WAIT_TIMEOUT, or WAIT_FAILED. The last error is unchanged unless the wait
+ *          failed.
+ * @error EINVAL  nCount is out of range, or lpHandles is null; or a handle is not open, or is none of an
+ *                event, a timer, a console, a thread or a process.
+ * @error EPERM  a console's stream cannot be waited on, as with a regular file and /dev/null.
+ * @error ENOMEM  no memory is left.
+ * @error EMFILE, ENFILE  no descriptor is left for a wait that has to block; one that can be answered at once
+ *                needs none, unless a console is among the objects.
+ * @error others  as epoll_create(2) and epoll_ctl(2) give them.
+ * @cancel  A cancellation point, also when an object is signalled already: nothing is consumed.
+ * @thread  Safe from any thread, also on one object at once. Closing a handle in another thread does not end
+ *          the wait on its object.
+ */
 VLL_API DWORD vllMsgWaitForMultipleObjectsEx(int32_t nCount, const HANDLE *lpHandles, DWORD dwMilliseconds);
 
 /**
- * Waits until one object is signalled. Blocking, and a cancellation point except for mutexes: a thread that is
- * cancelled while it waits for a mutex ends after it has acquired it, or after the time-out.
+ * Waits until one object is signalled.
  *
- * - Events, timers, consoles, threads and processes: vllWaitForMultipleObjects() with one handle.
+ * - Events, timers, consoles, threads and processes: the operation is vllWaitForMultipleObjects() with one
+ *   handle.
  * - Mutexes: the caller becomes the owner, once more if it is the owner already. WAIT_ABANDONED says that the
  *   former owner died and that what the mutex protects may be half changed; the caller owns it.
- * - Semaphores: takes one unit.
+ * - Semaphores: the caller takes one unit.
  *
- * The time-out of mutexes and semaphores follows the system's real-time clock, signals or not.
+ * The time-out of mutexes and semaphores ends at a time of the system's real-time clock: setting that clock
+ * changes how long they wait. Signal handlers that run during the wait do not.
  *
- * @return WAIT_OBJECT_0, WAIT_ABANDONED, WAIT_TIMEOUT, or WAIT_FAILED: EINVAL (a handle that is not open or whose
- *         type cannot be waited on), and the errors of vllWaitForMultipleObjects(). With time-out 0, EBUSY for a
- *         mutex that another thread owns and EAGAIN for a semaphore without units, not WAIT_TIMEOUT. EAGAIN for
- *         a mutex acquired too often.
+ * @param hHandle         the object: of any type but a file mapping.
+ * @param dwMilliseconds  the time-out in milliseconds. Other than for mutexes and semaphores, values of
+ *                        0x80000000 and more wait without limit.
+ * @return  WAIT_OBJECT_0, WAIT_ABANDONED (mutexes only), WAIT_TIMEOUT, or WAIT_FAILED.
+ * @error EINVAL  hHandle is not open, or it is a file mapping.
+ * @error EBUSY  another thread owns the mutex, and the time-out is 0: this is not WAIT_TIMEOUT.
+ * @error EAGAIN  the semaphore has no unit, and the time-out is 0: this is not WAIT_TIMEOUT. Or the caller
+ *                has acquired the mutex as often as can be counted.
+ * @error EFAULT  the mutex or semaphore has a name, and the thread that makes the handle has not finished.
+ * @error others  as pthread_mutex_timedlock(3) gives them for a mutex, and vllWaitForMultipleObjects() for
+ *                any object that is neither a mutex nor a semaphore.
+ * @cancel  A cancellation point, also when the object is signalled already: nothing is consumed. Two cases
+ *          are not cancellation points: a semaphore with time-out 0, and a mutex. A thread that is cancelled
+ *          while it waits for a mutex waits on, and ends at its next cancellation point.
+ * @thread  Safe from any thread, also on one object at once. Closing the handle in another thread does not
+ *          end the wait.
  */
 VLL_API DWORD vllWaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds);
 

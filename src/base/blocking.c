@@ -14,7 +14,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -103,10 +102,6 @@ pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options) {
 
 int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining) {
     VLL_BLOCK(int, nanosleep(duration, remaining));
-}
-
-int vlliBlockInSystem(const char *command) {
-    VLL_BLOCK(int, system(command));
 }
 
 /* ioctl(2) is no cancellation point, so that the thread is made asynchronously cancellable while it waits. */

@@ -35,7 +35,6 @@ ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
 ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);
 pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options);
 int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining);
-int vlliBlockInSystem(const char *command);
 int vlliBlockInModemWait(int port, int lines);
 
 // No cancellation points, but a thread that is asynchronously cancellable may be cancelled inside.

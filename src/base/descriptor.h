@@ -9,17 +9,18 @@
 // close(2), called once, without being a cancellation point: 0, or -1 with errno.
 int vlliCloseFd(int fd);
 
-// A descriptor that is closed at the end of its scope, with errno kept.
-class Fd final {
+// A descriptor that belongs to a scope: it is passed to end(), with errno kept, unless it is released before.
+template <auto end>
+class OwnedFd final {
   public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    // noexcept is sound: closing is no cancellation point, so nothing unwinds from here.
-    Fd(Fd &&other) noexcept : fd_(other.release()) {}
-    Fd &operator=(Fd &&other) noexcept {
+    OwnedFd() = default;
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    ~OwnedFd() { reset(); }
+    OwnedFd(const OwnedFd &) = delete;
+    OwnedFd &operator=(const OwnedFd &) = delete;
+    // noexcept is sound: no end() is a cancellation point, so nothing unwinds from here.
+    OwnedFd(OwnedFd &&other) noexcept : fd_(other.release()) {}
+    OwnedFd &operator=(OwnedFd &&other) noexcept {
         reset(other.release());
         return *this;
     }
@@ -34,7 +35,7 @@ class Fd final {
     void reset(int fd = -1) {
         if (fd_ >= 0) {
             const KeepErrno keep_errno;
-            vlliCloseFd(fd_);
+            end(fd_);
         }
         fd_ = fd;
     }
@@ -42,6 +43,9 @@ class Fd final {
   private:
     int fd_ = -1;
 };
+
+// A descriptor that is closed at the end of its scope.
+using Fd = OwnedFd<vlliCloseFd>;
 
 // Makes a descriptor non-blocking and clears its other status flags: 0, or -1 with errno.
 int vlliSetNonBlocking(int fd);

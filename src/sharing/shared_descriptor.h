@@ -1,4 +1,4 @@
-// The descriptor-sharing protocol, for its tests.
+// The steps of descriptor sharing that are named in its protocol, and the fork handlers of its server.
 #pragma once
 
 #include "base/fork_handlers.h"

@@ -14,11 +14,15 @@ echo "find_package"
 "$cmake" -S "$source/tests/abi/install" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" \
     -DCMAKE_C_FLAGS="$flags" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
 "$cmake" --build "$work/consumer" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
-"$work/consumer/consumer"
+"$work/consumer/consumer" >"$work/version"
 
 echo "pkg-config"
 libdir=$(dirname "$(find "$prefix" -name 'libvwincompat.so')")
 options=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs vwincompat)
 # shellcheck disable=SC2086  # the options are words
 $cc $flags "$source/tests/abi/install/consumer.c" -o "$work/by_pkg_config" $options
-LD_LIBRARY_PATH=$libdir "$work/by_pkg_config"
+LD_LIBRARY_PATH=$libdir "$work/by_pkg_config" >/dev/null
+
+echo "one version"
+PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --modversion vwincompat | diff - "$work/version"
+ls "$libdir/libvwincompat.so.$(cat "$work/version")"

@@ -153,4 +153,9 @@ extern "C" {
         return __real_##name arguments;                     \
     }
 #include "support/faults.def"
+
+// poll() in a build that checks its buffers (_FORTIFY_SOURCE).
+int __wrap___poll_chk(pollfd *fds, nfds_t count, int timeout, size_t /*size*/) {
+    return __wrap_poll(fds, count, timeout);
+}
 }

@@ -15,6 +15,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "vwincompat/types.h"
+
 // An operation's result, and the last error that it leaves.
 template <typename ResultMatcher>
 class ResultWithErrno {
@@ -74,4 +76,11 @@ inline ResultWithErrno<IsZeroMatcher> FailsWith(int error) {
 template <typename Result>
 auto FailsWith(int error, Result result) {
     return Yields(testing::Eq(result), error);
+}
+
+// For rows of a table that succeed or fail: with error 0 a result that is not zero, whatever the last error; otherwise
+// FailsWith(error).
+inline testing::Matcher<BOOL> Outcome(int error) {
+    errno = 0;
+    return error == 0 ? testing::Matcher<BOOL>(testing::Ne(FALSE)) : testing::Matcher<BOOL>(FailsWith(error));
 }
