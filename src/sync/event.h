@@ -1,4 +1,4 @@
-// Events, as other modules use them.
+// Events: the functions of their row in the table of types, and the hook for sockets that are selected into events.
 #pragma once
 
 #include "core/objmem.h"
@@ -7,11 +7,11 @@
 BOOL vlliCloseEvent(ObjectRecord *record);
 BOOL vlliDuplicateEvent(ObjectRecord *record, const ObjectRecord *source);
 
-// Takes what an event's set of sockets reports: data is the pointer that the socket was added with, readiness the bits
-// of epoll_ctl(2). Called without cancellation, with a reference on the event held.
+// Handles the readiness of a socket in an event's set: data is the pointer with which the socket was added, readiness
+// the bits of epoll_ctl(2). The caller has disabled cancellation and holds a reference on the event.
 using SocketActivityHandler = void (*)(void *data, ObjectRecord *event, uint32_t readiness);
 
-// Sets the handler of all events' sets. Before the first one is set no event has a socket, and waits do not look.
+// Sets the handler for the sets of all events. Until it is set no event has a socket, and waits do not poll the sets.
 void vlliSetSocketActivityHandler(SocketActivityHandler handler);
 
 // The handler, or null.

@@ -4,8 +4,8 @@
 //     EXPECT_THAT(vllGetEventFd(closed), FailsWith(EINVAL, -1));
 //     EXPECT_THAT(vllCreateMutex(FALSE, name), Yields(testing::Ne(0U), EEXIST));
 //
-// The last error is 0 when the call is made: the matcher clears it, and is made before the call (the function of a call
-// expression is evaluated before its arguments).
+// The last error is 0 when the call is made: the matcher clears it, and is made before the call (the function of a
+// call expression is evaluated before its arguments).
 #pragma once
 
 #include <gmock/gmock-matchers.h>
