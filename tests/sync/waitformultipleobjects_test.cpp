@@ -221,10 +221,10 @@ TEST_F(WaitForMultipleObjectsTest, waiters_beside_each_other) {
     EXPECT_EQ(fourth.finish(), WAIT_OBJECT_0);
 }
 
-// 8 threads wait on one auto-reset event for 10,000 signals, which come at once, or one after each wait that
+// 8 threads wait on one auto-reset event for 3,000 signals, which come at once, or one after each wait that
 // returned.
 TEST_F(WaitForMultipleObjectsTest, no_signal_is_lost_or_seen_twice_among_waiters) {
-    constexpr int kSignals = 10000;
+    constexpr int kSignals = 3000;
     for (const bool alternate : {false, true}) {
         const Owned event(makeAutoEvent()), stop(makeManualEvent());
         const HANDLE handles[] = {event, stop};
