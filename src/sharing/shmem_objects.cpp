@@ -145,8 +145,8 @@ PendingFd removeUser(SharedObject *object, int fd) {
     return beginPending(own_fd);
 }
 
-// Keeps the mutex of an object without handles in use, by this descriptor, while a thread of this process owns it. It is
-// not released on behalf of its owner, also where that is the caller.
+// Keeps the mutex of an object without handles in use, by this descriptor, if a thread of this process owns it: the caller,
+// too, which may be in the middle of what the mutex protects.
 bool keepOwnedMutex(SharedObject *object, int fd) {
     if (!vlliIsOwnedByLiveThread(static_cast<pthread_mutex_t *>(object->payload))) {
         return false;

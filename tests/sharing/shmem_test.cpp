@@ -142,26 +142,6 @@ TEST_F(ShmemTest, creator_killed_while_it_initialises) {
     }
 }
 
-// Programs that use F_SETLK by themselves see the library's users, and are seen.
-TEST_F(ShmemTest, classic_record_locks_take_part) {
-    const HANDLE mutex = fresh(vllCreateMutex(0, kName));
-    const Doorbell locked;
-    const pid_t user = startChild([&] {
-        const int fd = shm_open(kName, O_RDWR, 0);
-        EXPECT_EQ(classicLock(fd, F_WRLCK), -1);
-        EXPECT_EQ(classicLock(fd, F_RDLCK), 0);
-        locked.ring();
-        return pause();
-    });
-    locked.wait();
-    EXPECT_TRUE(vllCloseHandle(mutex));
-    EXPECT_EQ(objectLength(kName), kMutexSize);
-    const HANDLE again = inUse(vllCreateMutex(0, kName));
-    killChild(user);
-    EXPECT_TRUE(vllCloseHandle(again));
-    EXPECT_EQ(objectLength(kName), 0);
-}
-
 // What an opener gets is new when the last user empties the object while the opener waits.
 TEST_F(ShmemTest, emptied_under_a_waiting_opener) {
     const Fd user(shm_open(kName, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
