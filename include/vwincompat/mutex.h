@@ -4,9 +4,9 @@
  *
  * vllWaitForSingleObject() acquires a mutex. A named mutex exists while some process holds a handle of it;
  * its name is one of shm_open(3), shared with semaphores and file mappings (mapping.h). A mutex whose last
- * handle (in this process, for a named one) is closed by its owner is released first. A named mutex whose last
- * handle is closed while another thread of the process owns it stays that thread's, until the thread releases
- * it through a new handle, or ends.
+ * handle (in this process, for a named one) is closed by its owner is released first. A named mutex whose
+ * last handle is closed while another thread of the process owns it stays that thread's, until the thread
+ * releases it through a new handle, or ends.
  *
  * Example: let one process at a time use a device.
  *
