@@ -69,8 +69,8 @@ typedef struct PROCESS_INFORMATION {
  * watched any further: ask vllGetExitCodeProcess() for its end. The record is not used after the call.
  *
  * The call returns when the child has executed its program or failed. The child shares the caller's memory
- * until then, as with vfork(2), and no handler of pthread_atfork(3) runs. After the call nothing of the
- * caller counts for the child: it uses no named object.
+ * until then, as with vfork(2), and no handler of pthread_atfork(3) runs. After the call the child counts
+ * for nothing that the caller uses: its close-on-exec descriptors are closed.
  *
  * When the directory or the program cannot be used, the call succeeds all the same: it logs
  * "vllCreateProcess() - chdir() FAILED, ..." or "vllCreateProcess() - exec() FAILED, ...", and the child ends

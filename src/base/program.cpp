@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +19,7 @@
 #include "base/blocking.h"
 #include "base/descriptor.h"
 #include "base/failure.h"
+#include "base/file_lock.h"
 #include "base/guards.h"
 
 namespace {
@@ -76,6 +78,7 @@ char *joinCandidates(char *out, const char *path, const char *name, size_t name_
 struct Launch {
     const ChildPlan *plan;
     const sigset_t *signals;
+    int barrier;
     const char *failed_call;
     int error;
 };
@@ -92,6 +95,26 @@ void dropHandlers() {
             sigaction(number, &action, nullptr);
         }
     }
+}
+
+// The kernel lets the parent go on a moment before it closes the child's close-on-exec descriptors: locks that belong to
+// them would still count. So the child holds a record lock on a file until they are closed, and the parent waits for it. The
+// kernel closes descriptors in ascending order; closing the file's, the highest, drops the lock.
+void holdBarrier(int file) {
+    constexpr rlim_t kHighest = 1024;
+    rlimit limit;
+    if (file == -1 || getrlimit(RLIMIT_NOFILE, &limit) == -1) {
+        return;
+    }
+    int high = -1;
+    for (auto number = static_cast<int>(std::min(limit.rlim_cur, kHighest)); high == -1 && number-- > file;) {
+        high = fcntl(file, F_DUPFD_CLOEXEC, number);
+    }
+    if (high != -1) {
+        close(file);  // before the lock is taken: closing any descriptor of the file would drop it
+        file = high;
+    }
+    vlliLockFile(file, F_SETLK, F_WRLCK);
 }
 
 // Makes the planned descriptor the standard output; the descriptor itself is close-on-exec.
@@ -141,6 +164,7 @@ int execute(const ChildPlan &plan) {
 int runChild(void *argument) {
     auto *launch = static_cast<Launch *>(argument);
     const ChildPlan &plan = *launch->plan;
+    holdBarrier(launch->barrier);
     dropHandlers();
     pthread_sigmask(SIG_SETMASK, launch->signals, nullptr);
     redirectOutput(plan.output);
@@ -172,8 +196,8 @@ class ChildStack {
     ChildStack &operator=(const ChildStack &) = delete;
 
     explicit operator bool() const { return memory_ != MAP_FAILED; }
-    Launch *launch(const ChildPlan &plan, const sigset_t &signals) const {
-        return new (memory_) Launch{&plan, &signals, nullptr, 0};
+    Launch *launch(const ChildPlan &plan, const sigset_t &signals, int barrier) const {
+        return new (memory_) Launch{&plan, &signals, barrier, nullptr, 0};
     }
     void *top() const { return static_cast<char *>(memory_) + kSize; }
 
@@ -304,16 +328,21 @@ bool vlliPlanCommand(ChildPlan *plan, std::initializer_list<const char *> argume
 
 bool vlliStartProgram(const ChildPlan &plan, const sigset_t &signals, StartedChild *child) {
     const NoCancel no_cancel;
-    const BlockSignals blocked;  // a handler would run on the child's stack, in the caller's memory
+    const BlockSignals blocked;    // a handler would run on the child's stack, in the caller's memory
+    const int last_error = errno;  // which the child's calls change
     const ChildStack stack;
     if (!stack) {
         return false;
     }
-    Launch *launch = stack.launch(plan, signals);
-    const int last_error = errno;  // which the child's calls change
+    // Without a descriptor for it the program is started all the same.
+    const Fd barrier(memfd_create("start", MFD_CLOEXEC));
+    Launch *launch = stack.launch(plan, signals, barrier.get());
     child->pid = clone(runChild, stack.top(), kCloneFlags | SIGCHLD, launch);
     if (child->pid == -1) {
         return false;
+    }
+    if (barrier) {
+        vlliLockFile(barrier.get(), F_SETLKW, F_WRLCK);
     }
     errno = last_error;
     child->failed_call = launch->failed_call;

@@ -3,7 +3,7 @@
 //
 // lifecycle_mutex is taken first: it keeps a new server from starting before the old one has freed the address.
 // list_mutex guards the registry and the server's identity. The server holds it while it searches the list, and while it
-// opens and closes its socket.
+// ends. The publisher opens the server's socket, so that a lookup finds it as soon as the publication has returned.
 
 #include "sharing/shared_descriptor.h"
 
@@ -67,6 +67,14 @@ void freeList() {
     }
 }
 
+// Needs list_mutex.
+void closeListeningSocket() {
+    if (listening_socket != -1) {
+        vlliCloseFd(listening_socket);
+        listening_socket = -1;
+    }
+}
+
 void lockForFork() {
     pthread_mutex_lock(&lifecycle_mutex);
     pthread_mutex_lock(&list_mutex);
@@ -81,10 +89,7 @@ void unlockAfterFork() {
 void forgetServerInChild() {
     pthread_mutex_init(&list_mutex, nullptr);
     pthread_mutex_init(&lifecycle_mutex, nullptr);
-    if (listening_socket != -1) {
-        vlliCloseFd(listening_socket);
-        listening_socket = -1;
-    }
+    closeListeningSocket();
     had_address = false;
     freeList();
     server_thread_id = kNoServer;
@@ -94,56 +99,50 @@ void forgetServerInChild() {
     }
 }
 
-// The server's listening socket. When it is closed, the address is free. A server that ends by itself clears its identity.
-class ListeningSocket {
-  public:
-    // A child that this process is starting holds a copy of an earlier socket, and with it the address, until its fork
-    // handlers or its exec have closed the copy.
-    ListeningSocket() {
-        for (int tries = kBindTries; !take() && errno == EADDRINUSE && tries > 1; --tries) {
-            {
-                const MutexLock lock(&list_mutex);
-                if (!had_address) {
-                    return;
-                }
-            }
-            vlliBlockInPoll(nullptr, 0, kBindPauseMs);
-        }
+// Opens the server's socket: false with errno. The lock keeps a fork away until listening_socket is set, so that the
+// child closes its copy.
+bool tryToListen() {
+    const MutexLock lock(&list_mutex);
+    Fd fd = makeSocket(SOCK_NONBLOCK);
+    sockaddr_un address;
+    const socklen_t length = makeAddress(&address);
+    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        listen(fd.get(), kBacklog) != 0) {
+        return false;
     }
-    ~ListeningSocket() {
+    listening_socket = fd.release();
+    had_address = true;
+    return true;
+}
+
+bool mayBeOwnAddress() {
+    const MutexLock lock(&list_mutex);
+    return had_address;
+}
+
+// Opens the server's socket unless another process has the address. A child that this process is starting holds a copy
+// of an earlier socket, and with it the address, until its fork handlers or its exec have closed the copy.
+void startToListen() {
+    const KeepErrno keep_errno;
+    for (int tries = 1; !tryToListen() && errno == EADDRINUSE && tries < kBindTries && mayBeOwnAddress();
+         ++tries) {
+        vlliBlockInPoll(nullptr, 0, kBindPauseMs);
+    }
+}
+
+// What the server's thread leaves when it ends: the address is free, and a server that ended by itself has no identity.
+struct ServerEnd {
+    ServerEnd() = default;
+    ~ServerEnd() {
         const NoCancel no_cancel;
         const MutexLock lock(&list_mutex);
-        if (fd_ != -1) {
-            vlliCloseFd(fd_);
-            listening_socket = -1;
-        }
+        closeListeningSocket();
         if (server_thread_id == vllGetCurrentThreadId()) {
             server_thread_id = kNoServer;
         }
     }
-    ListeningSocket(const ListeningSocket &) = delete;
-    ListeningSocket &operator=(const ListeningSocket &) = delete;
-
-    int get() const { return fd_; }
-
-  private:
-    // False with errno. The lock keeps a fork away until listening_socket is set, so that the child closes its copy.
-    bool take() {
-        const MutexLock lock(&list_mutex);
-        Fd fd = makeSocket(SOCK_NONBLOCK);
-        sockaddr_un address;
-        const socklen_t length = makeAddress(&address);
-        if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-            listen(fd.get(), kBacklog) != 0) {
-            return false;
-        }
-        fd_ = fd.release();
-        listening_socket = fd_;
-        had_address = true;
-        return true;
-    }
-
-    int fd_ = -1;
+    ServerEnd(const ServerEnd &) = delete;
+    ServerEnd &operator=(const ServerEnd &) = delete;
 };
 
 // The next client, or nothing when accept() failed for good. Blocks in poll(), so that a cancelled server
@@ -200,12 +199,15 @@ int findPublished(const char *name) {
     return -1;
 }
 
-void appendEntry(SharedFdEntry *entry) {
+// True if the entry is the first one.
+bool appendEntry(SharedFdEntry *entry) {
+    const MutexLock lock(&list_mutex);
     SharedFdEntry **link = &shared_fd_list;
     while (*link != nullptr) {
         link = &(*link)->next;
     }
     *link = entry;
+    return shared_fd_list == entry;
 }
 
 // A control buffer for exactly one descriptor. The kernel closes any further ones that a peer sends.
@@ -316,23 +318,25 @@ BOOL vlliProcessClient(int socket) {
 }
 
 uint32_t vlliServerFunction(LPVOID) {
-    const ListeningSocket listening;
-    if (listening.get() == -1) {
-        return 0;
+    const ServerEnd end;
+    int listening;
+    {
+        const MutexLock lock(&list_mutex);
+        listening = listening_socket;
     }
-    for (;;) {
-        const Fd client = acceptClient(listening.get());
+    while (listening != -1) {
+        const Fd client = acceptClient(listening);
         if (!client) {
-            return 0;
+            break;
         }
         vlliProcessClient(client.get());
     }
+    return 0;
 }
 
 BOOL vlliStartSharingFdServer() {
-    if (server_handle != 0) {
-        vllCloseHandle(server_handle);  // the handle of a server that ended by itself
-    }
+    startToListen();
+    const MutexLock lock(&list_mutex);
     server_handle = vllCreateThread(0, vlliServerFunction, nullptr, &server_thread_id, 0);
     return server_handle != 0;
 }
@@ -354,13 +358,10 @@ BOOL vllSetSharedFileDescriptor(int32_t descriptor, const char *name) {
     }
     *entry = {nullptr, copy.release(), descriptor};
 
+    const NoCancel no_cancel;
     MutexLock lifecycle(&lifecycle_mutex);
-    MutexLock lock(&list_mutex);
-    const bool first = shared_fd_list == nullptr;
-    appendEntry(entry.release());
-    if (first && !vlliStartSharingFdServer()) {
+    if (appendEntry(entry.release()) && !vlliStartSharingFdServer()) {
         const KeepErrno keep_errno;
-        lock.unlock();
         lifecycle.unlock();
         vllDeallocateSharedFdList();
         return FALSE;
@@ -389,15 +390,16 @@ int32_t vllDeallocateSharedFdList() {
     server_thread_id = kNoServer;
     server_handle = 0;
     lock.unlock();
-    if (handle == 0) {
-        return 0;
-    }
     int32_t result = 0;
-    if (running && !vllTerminateThread(handle, 0) && errno != ESRCH) {
-        result = errno;
+    if (handle != 0) {
+        if (running && !vllTerminateThread(handle, 0) && errno != ESRCH) {
+            result = errno;
+        }
+        // The thread's handle is signalled after its frames have been unwound, which closes its sockets.
+        vllWaitForSingleObject(handle, INFINITE);
+        vllCloseHandle(handle);
     }
-    // The thread's handle is signalled after its frames have been unwound, which closes its sockets.
-    vllWaitForSingleObject(handle, INFINITE);
-    vllCloseHandle(handle);
+    const MutexLock again(&list_mutex);
+    closeListeningSocket();  // of a server whose thread was not started, or was cancelled before it ran
     return result;
 }

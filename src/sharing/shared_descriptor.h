@@ -6,7 +6,8 @@
 
 extern const ForkHandlers kDescriptorServerForkHandlers;
 
-// Starts the server thread. The caller holds list_mutex.
+// Opens the server's socket, if no other process has the address, and starts the server thread: TRUE when the thread was
+// started.
 BOOL vlliStartSharingFdServer();
 
 // The server thread's start routine. Serves until it is cancelled or accept() fails.

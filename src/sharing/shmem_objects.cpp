@@ -11,7 +11,6 @@
 
 #include "sharing/shmem_objects.h"
 
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -146,15 +145,27 @@ PendingFd removeUser(SharedObject *object, int fd) {
     return beginPending(own_fd);
 }
 
-// Keeps the mutex of an object without handles in use, by this descriptor, if a thread of this process owns it.
+// Keeps the mutex of an object without handles in use, by this descriptor, if a thread of this process owns it: the caller,
+// too, which may be in the middle of what the mutex protects.
 bool keepOwnedMutex(SharedObject *object, int fd) {
-    auto *mutex = static_cast<pthread_mutex_t *>(object->payload);
-    vlliReleaseOwnedMutex(mutex);
-    if (!vlliIsOwnedByLiveThread(mutex)) {
+    if (!vlliIsOwnedByLiveThread(static_cast<pthread_mutex_t *>(object->payload))) {
         return false;
     }
     object->kept_fd = fd;
     __atomic_fetch_add(&kept_mutexes, 1, __ATOMIC_RELAXED);
+    return true;
+}
+
+// Unmaps the payload of an object whose last handle is closed: false if its use goes on, for a mutex that another thread
+// owns. A mutex that the caller owns is released.
+bool endPayload(SharedObject *object, SIZE_T size, int fd) {
+    if (size == sizeof(pthread_mutex_t)) {
+        vlliReleaseOwnedMutex(static_cast<pthread_mutex_t *>(object->payload));
+        if (keepOwnedMutex(object, fd)) {
+            return false;
+        }
+    }
+    unmapPayload(object);
     return true;
 }
 
@@ -206,7 +217,6 @@ PendingFd vlliCreateSharedFile(int access, SIZE_T size, const char *name, bool k
         (opener == Opener::kCreator && initialise(file.get(), size, keep_exclusive) == -1)) {
         return PendingFd();
     }
-    flock(file.get(), LOCK_UN);
     errno = opener == Opener::kUser ? EEXIST : 0;
     return file;
 }
@@ -254,11 +264,8 @@ void vlliCloseSharedFile(ObjectRecord *record, bool payload) {
     }
     const int fd = record->fd;
     record->fd = -1;
-    if (payload && --object->payloads == 0) {
-        if (record->size == sizeof(pthread_mutex_t) && keepOwnedMutex(object, fd)) {
-            return;
-        }
-        unmapPayload(object);
+    if (payload && --object->payloads == 0 && !endPayload(object, record->size, fd)) {
+        return;
     }
     last = removeUser(object, fd);
 }

@@ -7,12 +7,12 @@
 //
 // Opening: an opener that gets the exclusive lock at the first try is alone. It resets the object, gives it its content
 // and goes down to the shared lock. Any other opener waits for the shared lock. If the object is empty then, its
-// creator died on the way or its last user emptied it meanwhile, and the opener tries the exclusive lock again.
-// The content comes with the length, in one call (ftruncate() for zeros, pwrite() for a payload), so that a creator
+// creator died on the way, or its last user emptied it meanwhile: nobody uses it. Since two openers that hold the shared
+// lock of an empty object at once would take each other for users, each drops the lock, tries the exclusive lock
+// again, and waits a little before a further try. Whoever still holds the shared lock of an empty object after about a
+// second is a lasting user: one that can only read, or one with a mapping of size 0.
+//   The content comes with the length, in one call (ftruncate() for zeros, pwrite() for a payload), so that a creator
 // that is killed at any instruction leaves an empty object or a complete one.
-//   Two openers that hold the shared lock of an empty object at once would take each other for users. Openers
-// therefore come one at a time, by flock(2), which record locks do not see. Whoever still holds the lock of an
-// empty object then is a lasting user: one that can only read, or one with a mapping of size 0.
 //
 // Closing: a user that gets the exclusive lock is the last one and empties the object. Two users that leave at once see
 // each other's shared lock; each therefore drops its own and tries once more, and the later one gets it.
@@ -26,17 +26,34 @@
 #include "sharing/shmem_protocol.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 #include "base/file_lock.h"
 
 namespace {
 
+constexpr int kMaxTries = 150;  // with the pauses about a second
+constexpr long kShortestPauseNs = 100000;
+
+// errno is EBADF for a descriptor that can only read.
 bool tryExclusive(int fd) {
     return vlliLockFile(fd, F_OFD_SETLK, F_WRLCK) == 0;
+}
+
+// Waits between tries for an empty object that others hold the shared lock of: not at all after the first try, then
+// longer each time. A random part keeps two openers from waiting in step.
+void pauseAfter(int failed_tries) {
+    if (failed_tries == 0) {
+        return;
+    }
+    timespec pause;
+    clock_gettime(CLOCK_MONOTONIC, &pause);
+    pause = {0, std::min(failed_tries, 100) * kShortestPauseNs + pause.tv_nsec % kShortestPauseNs};
+    nanosleep(&pause, nullptr);
 }
 
 bool isEmpty(int fd) {
@@ -47,16 +64,20 @@ bool isEmpty(int fd) {
 }  // namespace
 
 Opener vlliJoinSharedFile(int fd) {
-    if (vlliRetryOnEintr([&] { return flock(fd, LOCK_EX); }) == -1) {
-        return Opener::kFailed;
+    for (int failed_tries = 0;; ++failed_tries) {
+        if (tryExclusive(fd)) {
+            return Opener::kCreator;
+        }
+        const bool may_create = errno != EBADF;
+        if (vlliUseSharedFile(fd) == -1) {
+            return Opener::kFailed;
+        }
+        if (!isEmpty(fd) || !may_create || failed_tries == kMaxTries) {
+            return Opener::kUser;
+        }
+        vlliLockFile(fd, F_OFD_SETLK, F_UNLCK);
+        pauseAfter(failed_tries);
     }
-    if (tryExclusive(fd)) {
-        return Opener::kCreator;
-    }
-    if (vlliUseSharedFile(fd) == -1) {
-        return Opener::kFailed;
-    }
-    return isEmpty(fd) && tryExclusive(fd) ? Opener::kCreator : Opener::kUser;
 }
 
 int vlliUseSharedFile(int fd) {

@@ -8,7 +8,8 @@
 // of no use; in the second the shared lock of one that another user initialised. On failure errno is set.
 enum class Opener { kCreator, kUser, kFailed };
 
-// Waits while another process initialises the object.
+// Waits while another process initialises the object, and for a while when others hold the lock of an empty one. Called
+// with cancellation disabled.
 Opener vlliJoinSharedFile(int fd);
 
 // Takes the shared lock, waiting for it: 0, or -1 with errno. A creator's content is then open to all.

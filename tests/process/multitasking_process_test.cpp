@@ -225,6 +225,24 @@ TEST_F(ProcessTest, handlers_run_in_the_callers_threads_only) {
     });
 }
 
+// Once it has executed or failed, a child does not keep named objects in use by the descriptors that it inherited.
+TEST_F(ProcessTest, a_child_counts_for_no_named_object) {
+    int used = 0;
+    for (int i = 0; i < 100; ++i) {
+        const HANDLE handles[] = {vllCreateMutex(FALSE, "counted"), vllCreateMutex(FALSE, "counted")};
+        const HANDLE process = start(i % 10 == 0 ? "/nowhere" : "/bin/true", nullptr).hProcess;
+        for (const HANDLE handle : handles) {
+            EXPECT_TRUE(vllCloseHandle(handle));
+        }
+        errno = 0;
+        const Owned again(vllCreateMutex(FALSE, "counted"));
+        used += errno == EEXIST;
+        finishThread(process);
+    }
+    EXPECT_EQ(used, 0);
+    EXPECT_EQ(takeErrors().size(), 10U);
+}
+
 // ---- failures ----
 
 TEST_F(ProcessTest, the_child_reports_its_failure) {

@@ -1,6 +1,7 @@
 // Shared variables: what processes read and write, and what failures leave.
 #include <cstring>
 
+#include "base/file_lock.h"
 #include "sharing/named_objects.h"
 #include "support/faults.h"
 #include "support/matchers.h"
@@ -135,6 +136,20 @@ TEST_F(SharedVariableTest, waiting_for_a_lock) {
     finishChild(holder);
     reader.finish();
     EXPECT_EQ(result, 1);
+    EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
+}
+
+// A thread that is terminated at the moment at which it gets the lock does not keep it.
+TEST_F(SharedVariableTest, terminated_when_the_lock_comes) {
+    SharedVar *variable = make(4);
+    const Fd other(shm_open(kName, O_RDWR | O_CLOEXEC, 0));
+    char buffer[4];
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_EQ(vlliLockFile(other.get(), F_OFD_SETLK, F_WRLCK), 0) << "round " << round;
+        Sleeper waiter([&] { vllSharedVarManipulate(buffer, variable, SHVAR_WRITE); });
+        EXPECT_EQ(vlliLockFile(other.get(), F_OFD_SETLK, F_UNLCK), 0);
+        vllTerminateThread(waiter.handle(), 0);
+    }
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }
 

@@ -118,7 +118,10 @@ TEST_F(EventTest, running_out_of_descriptors_and_recovering) {
         ASSERT_LT(events.size(), kObjectCount);
     }
     EXPECT_EQ(errno, EMFILE);
-    EXPECT_THAT(vllDuplicateHandle(events[0]), FailsWith(EMFILE));
+    // Not by a matcher: UBSan checks its virtual calls by way of a pipe, which cannot be had here.
+    errno = 0;
+    EXPECT_EQ(vllDuplicateHandle(events[0]), 0U);
+    EXPECT_EQ(errno, EMFILE);
     EXPECT_FALSE(isSignalled(events[0])) << "polling needs no descriptor";
     EXPECT_TRUE(vllCloseHandle(events.back()));
     events.back() = makeAutoEvent(TRUE);
