@@ -27,12 +27,24 @@ static void nothingToCleanUp(void *argument) {
 }
 
 /* Makes a blocking call under a cleanup handler, from which unwinding can continue, and returns its result. */
-#define VLL_BLOCK(type, call)                     \
-    type result;                                  \
-    pthread_cleanup_push(nothingToCleanUp, NULL); \
-    result = (call);                              \
-    pthread_cleanup_pop(0);                       \
+#define VLL_BLOCK_WITH(cleanup, argument, type, call) \
+    type result;                                      \
+    pthread_cleanup_push(cleanup, argument);          \
+    result = (call);                                  \
+    pthread_cleanup_pop(0);                           \
     return result
+
+#define VLL_BLOCK(type, call) VLL_BLOCK_WITH(nothingToCleanUp, NULL, type, call)
+
+/*
+ * Runs when a thread is cancelled in a semaphore's wait. A release may have woken this thread before the cancellation, so
+ * that no other waiter knows of the unit. Taking and returning a unit wakes the next one.
+ */
+static void wakeNextWaiter(void *semaphore) {
+    if (sem_trywait(semaphore) == 0) {
+        sem_post(semaphore);
+    }
+}
 
 void vlliCallWithCleanup(void (*body)(void *), void (*cleanup)(void *), void *argument) {
     pthread_cleanup_push(cleanup, argument);
@@ -45,11 +57,11 @@ int vlliBlockInEpollWait(int epfd, struct epoll_event *events, int max_events, i
 }
 
 int vlliBlockInSemWait(sem_t *semaphore) {
-    VLL_BLOCK(int, sem_wait(semaphore));
+    VLL_BLOCK_WITH(wakeNextWaiter, semaphore, int, sem_wait(semaphore));
 }
 
 int vlliBlockInSemTimedwait(sem_t *semaphore, const struct timespec *deadline) {
-    VLL_BLOCK(int, sem_timedwait(semaphore, deadline));
+    VLL_BLOCK_WITH(wakeNextWaiter, semaphore, int, sem_timedwait(semaphore, deadline));
 }
 
 int vlliBlockInMutexLock(pthread_mutex_t *mutex) {

@@ -48,12 +48,18 @@ inline bool vlliSucceeded(int error) {
     return error == 0;
 }
 
-// Makes a system call again for as long as signals interrupt it. The result of the call that was not interrupted.
+// Makes a system call again for as long as signals interrupt it. The result of the call that was not interrupted;
+// errno is that of the call if it failed, and otherwise unchanged.
 template <typename Call>
 auto vlliRetryOnEintr(Call call) -> decltype(call()) {
+    const int last_error = errno;
     for (;;) {
         const auto result = call();
-        if (result != -1 || errno != EINTR) {
+        if (result != -1) {
+            errno = last_error;
+            return result;
+        }
+        if (errno != EINTR) {
             return result;
         }
     }

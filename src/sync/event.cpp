@@ -11,6 +11,7 @@
 
 #include "base/counter.h"
 #include "base/descriptor.h"
+#include "base/failure.h"
 #include "base/log.h"
 #include "core/ref.h"
 
@@ -65,7 +66,14 @@ BOOL vllSetEvent(HANDLE hEvent) {
 
 BOOL vllResetEvent(HANDLE hEvent) {
     const Ref<OBJ_EVENT> event(hEvent, Refusal::kUnchanged);
-    return event && (vlliTakeCounter(event->fd) == sizeof(uint64_t) || errno == EAGAIN);
+    if (!event) {
+        return FALSE;
+    }
+    const int last_error = errno;
+    if (vlliTakeCounter(event->fd) == sizeof(uint64_t)) {
+        return TRUE;
+    }
+    return errno == EAGAIN ? Fail(last_error, TRUE) : FALSE;  // EAGAIN: it was not signalled
 }
 
 int32_t vllGetEventFd(HANDLE hEvent) {

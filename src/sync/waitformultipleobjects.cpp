@@ -10,6 +10,7 @@
 #include "sync/waitformultipleobjects.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <cstring>
 #include <optional>
@@ -295,6 +296,7 @@ DWORD vllWaitForMultipleObjects(int32_t nCount, const HANDLE *lpHandles, DWORD d
     if (nCount < 1 || nCount > MAXIMUM_WAIT_OBJECTS || lpHandles == nullptr) {
         return Fail(EINVAL, WAIT_FAILED);
     }
+    pthread_testcancel();  // a wait for threads that run may get by without a system call
     const int saved_errno = errno;
     const auto count = static_cast<size_t>(nCount);
     const HeapBlock<HANDLE> copy = vlliAllocate<HANDLE>(count);

@@ -81,11 +81,12 @@ int blockForSemaphore(sem_t *semaphore, DWORD milliseconds, const timespec *dead
 }
 
 DWORD waitForSemaphore(sem_t *semaphore, DWORD milliseconds) {
+    const int last_error = errno;
     const timespec deadline = deadlineAfter(milliseconds);
     if (vlliRetryOnEintr([&] { return blockForSemaphore(semaphore, milliseconds, &deadline); }) == 0) {
         return WAIT_OBJECT_0;
     }
-    return errno == ETIMEDOUT ? WAIT_TIMEOUT : WAIT_FAILED;
+    return errno == ETIMEDOUT ? Fail(last_error, WAIT_TIMEOUT) : WAIT_FAILED;
 }
 
 // Makes the first attempt. If it fails, takes a reference and waits.
@@ -128,10 +129,10 @@ DWORD vllWaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
     if (kind == WaitKind::kMutex) {
         return acquire<MutexRef>(hHandle, tryMutex, waitForMutex, dwMilliseconds);
     }
+    // What need not block may get by without a system call, and thus without a cancellation point: a thread that
+    // repeats the wait could not be terminated.
+    pthread_testcancel();
     if (kind == WaitKind::kSemaphore) {
-        if (dwMilliseconds != 0) {
-            pthread_testcancel();  // the first attempt is no cancellation point
-        }
         return acquire<SemaphoreRef>(hHandle, trySemaphore, waitForSemaphore, dwMilliseconds);
     }
     return waitForDescriptor(hHandle, kind, dwMilliseconds);

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/syscall.h>
 #include <atomic>
+#include <functional>
 
 #include "support/faults.h"
 #include "support/fixture.h"
@@ -219,6 +220,31 @@ TEST_F(WaitForMultipleObjectsTest, waiters_beside_each_other) {
     vllSetEvent(manual);
     EXPECT_EQ(third.finish(), WAIT_OBJECT_0) << "a manual-reset event releases all";
     EXPECT_EQ(fourth.finish(), WAIT_OBJECT_0);
+}
+
+// A wait for threads that run makes no system call.
+TEST_F(WaitForMultipleObjectsTest, a_thread_that_polls_another_can_be_terminated) {
+    const Owned never(makeManualEvent());
+    Waiter running(never);
+    const HANDLE handle = running.thread.handle();
+    const std::function<void()> polls[] = {
+        [&] { vllWaitForSingleObject(handle, 0); },
+        [&] { vllWaitForMultipleObjects(1, &handle, 0); },
+    };
+    for (const auto &poll_once : polls) {
+        std::atomic<bool> stop{false};
+        const auto poll_on = [&] {
+            while (!stop) {
+                poll_once();
+            }
+        };
+        const HANDLE poller = startThread(poll_on);
+        EXPECT_TRUE(vllTerminateThread(poller, 1));
+        EXPECT_EQ(vllWaitForSingleObject(poller, 10000), WAIT_OBJECT_0);
+        stop = true;
+        finishThread(poller);
+    }
+    vllSetEvent(never);
 }
 
 // 8 threads wait on one auto-reset event for 3,000 signals, which come at once, or one after each wait that
