@@ -12,6 +12,7 @@
 #include "core/objmem.h"
 #include "process/memory_probe.h"
 #include "process/thread.h"
+#include "profile/config_copy.h"
 #include "sharing/shared_descriptor.h"
 #include "sharing/shmem_fork.h"
 
@@ -20,7 +21,8 @@ namespace {
 // The outermost lock first, as in src/LAYERS.
 constexpr const ForkHandlers *kHandlers[] = {
     &kDescriptorServerForkHandlers, &kSharedObjectForkHandlers, &kAsyncServiceForkHandlers,
-    &kThreadForkHandlers,           &kProbeForkHandlers,        &kHandleTableForkHandlers,
+    &kThreadForkHandlers,           &kProbeForkHandlers,        &kConfigCopyForkHandlers,
+    &kHandleTableForkHandlers,
 };
 constexpr size_t kCount = sizeof kHandlers / sizeof *kHandlers;
 

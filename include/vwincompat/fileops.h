@@ -238,7 +238,10 @@ typedef struct FindDataRecord {
 /** A search that has begun. Used by one thread at a time. */
 typedef struct SearchRecord SearchRecord;
 
-/** What a search that cannot begin returns. */
+/**
+ * What a search that cannot begin returns: a pointer. Where pointers have 64 bits INVALID_HANDLE_VALUE, which
+ * has 32, does not equal it.
+ */
 #define INVALID_FIND_HANDLE ((SearchRecord *)(intptr_t)-1)
 
 /**
@@ -255,7 +258,8 @@ typedef struct SearchRecord SearchRecord;
  * @error ENAMETOOLONG  the pattern is too long.
  * @error ENOMEM  there is no memory for the search or for its entries.
  * @error EACCES  a directory before a wildcard is missing or cannot be read.
- * @error ENOENT  nothing matches, or the first entry has vanished meanwhile or is a dangling symbolic link.
+ * @error ENOENT  nothing matches; or the first entry has vanished meanwhile or is a dangling symbolic link:
+ *                there is no search then, although other entries may match.
  * @error others  as stat(2) gives them for the first entry.
  * @cancel  Not a cancellation point.
  * @thread  Safe from any thread.
@@ -265,7 +269,8 @@ VLL_API SearchRecord *vllFindFirstFile(LPCSTR lpFileName, FindDataRecord *lpFind
 /**
  * Reports the next entry of a search.
  *
- * An entry whose stat(2) fails is passed over: the next call goes on behind it.
+ * An entry whose stat(2) fails makes this call fail, and the next call goes on behind it: there may be more
+ * entries. After the last one every call fails with ENOENT.
  *
  * @param hFindFile       the search.
  * @param lpFindFileData  receives the entry; not null. Untouched when the operation fails.

@@ -20,16 +20,19 @@
  * a line of more than 4095 bytes every 4095 are read as a line of their own.
  *
  * Nothing is cached: each operation reads the file anew. File names are used as they are, without conversion
- * of Windows paths. Operations take no lock, and none is a cancellation point; they block as long as the file
- * system does. Two edits of one file at the same time, by threads or processes, can lose one another's
- * change: callers take turns.
+ * of Windows paths. No operation is a cancellation point; they block as long as the file system does.
  *
  * An edit writes a complete copy, named as the file with "copy" appended, and renames it over the file:
  * whoever reads meanwhile, or finds the file after a crash, sees the old file or the new one. So during an
  * edit the file system holds two files, and a symbolic link or one of several hard links is replaced by a
  * plain file. When an edit fails the file is as it was. A line that an edit does not concern stays as it is,
- * byte for byte. The rename is not checked: when it fails, the operation succeeds and the new content is in
- * the copy.
+ * byte for byte. The rename is not checked: when it fails, the operation still returns TRUE, the file is the
+ * old one, and the new content is in the copy.
+ *
+ * Edits of one file come one at a time, in all threads and processes: an edit holds a lock (flock(2)) on the
+ * copy, and another one waits until it has ended, then reads the file. On a file system without locks two
+ * edits at the same time can lose one another's change; callers take turns there. A copy that a killed
+ * process left behind is removed by the next edit. Readers take no lock.
  *
  * Example: read a number with a default, and change it.
  *
@@ -140,10 +143,11 @@ VLL_API DWORD vllGetPrivateProfileSection(LPCSTR section, LPSTR buffer, DWORD si
  *                nothing is created or changed then.
  * @error ENAMETOOLONG  the file name has more than 255 bytes.
  * @error ENOENT  there is no such entry to be deleted, or a directory of the file's name does not exist.
+ * @error EISDIR  the file, or what has the copy's name, is a directory.
  * @error ENOSPC  the file system is full.
- * @error others  as vllCopyFile(), open(2), read(2), write(2) and fsync(2) give them.
+ * @error others  as open(2), read(2), write(2) and fsync(2) give them.
  * @cancel  Not a cancellation point.
- * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
+ * @thread  Safe from any thread. Waits while another edit of the file goes on.
  */
 VLL_API BOOL vllWritePrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR value, LPCSTR file);
 
@@ -233,10 +237,11 @@ VLL_API DWORD vllReadAllValues(LPCSTR section, LPCSTR default_value, LPSTR buffe
  *                blank, or starts with a quote or as a comment or a header does.
  * @error ENAMETOOLONG  the file name has more than 255 bytes.
  * @error ENOENT  there is no such file or section.
+ * @error EISDIR  the file, or what has the copy's name, is a directory.
  * @error ENOSPC  the file system is full.
  * @error others  as open(2), read(2), write(2) and fsync(2) give them.
  * @cancel  Not a cancellation point.
- * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
+ * @thread  Safe from any thread. Waits while another edit of the file goes on.
  */
 VLL_API BOOL vllAddConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPCSTR value);
 
@@ -250,10 +255,11 @@ VLL_API BOOL vllAddConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPCSTR v
  * @error EINVAL  the file or the key is null.
  * @error ENAMETOOLONG  the file name has more than 255 bytes.
  * @error ENOENT  there is no such file, section or entry.
+ * @error EISDIR  the file, or what has the copy's name, is a directory.
  * @error ENOSPC  the file system is full.
  * @error others  as open(2), read(2), write(2) and fsync(2) give them.
  * @cancel  Not a cancellation point.
- * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
+ * @thread  Safe from any thread. Waits while another edit of the file goes on.
  */
 VLL_API BOOL vllDeleteConfigValue(LPCSTR file, LPCSTR section, LPCSTR key);
 
@@ -269,10 +275,11 @@ VLL_API BOOL vllDeleteConfigValue(LPCSTR file, LPCSTR section, LPCSTR key);
  * @error ENAMETOOLONG  the file name has more than 255 bytes.
  * @error ENOENT  there is no such file.
  * @error EEXIST  there is a section of that name. The copy stays, and the next edit removes it.
+ * @error EISDIR  the file, or what has the copy's name, is a directory.
  * @error ENOSPC  the file system is full.
- * @error others  as vllCopyFile(), open(2), read(2), write(2) and fsync(2) give them.
+ * @error others  as open(2), read(2), write(2) and fsync(2) give them.
  * @cancel  Not a cancellation point.
- * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
+ * @thread  Safe from any thread. Waits while another edit of the file goes on.
  */
 VLL_API BOOL vllAddConfigSection(LPCSTR file, LPCSTR section);
 
@@ -286,10 +293,11 @@ VLL_API BOOL vllAddConfigSection(LPCSTR file, LPCSTR section);
  * @error EINVAL  the file is null.
  * @error ENAMETOOLONG  the file name has more than 255 bytes.
  * @error ENOENT  there is no such file or section.
+ * @error EISDIR  the file, or what has the copy's name, is a directory.
  * @error ENOSPC  the file system is full.
  * @error others  as open(2), read(2), write(2) and fsync(2) give them.
  * @cancel  Not a cancellation point.
- * @thread  Safe from any thread. Edits of one file at once can lose one another's change.
+ * @thread  Safe from any thread. Waits while another edit of the file goes on.
  */
 VLL_API BOOL vllDeleteConfigSection(LPCSTR file, LPCSTR section);
 

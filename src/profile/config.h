@@ -1,6 +1,7 @@
 // Profile files: the grammar of a line, the reader of lines, and what readers and editors share.
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <string_view>
 
@@ -32,10 +33,11 @@ int vlliGetValue(const char *line, char *key, char *value);
 // the descriptor of the file: callers disable cancellation (NoCancel).
 class ConfigReader final {
   public:
-    // Opens a file and reads its first bytes, so that a directory fails here: false with errno.
+    // Opens a file, instead of one that was open, and reads its first bytes, so that a directory fails here: false
+    // with errno.
     bool open(const char *file);
-    // Reads from a descriptor of the caller's instead, from its present position: false with errno.
-    bool attach(int fd);
+    // The permissions of the file.
+    mode_t mode() const;
 
     // Goes on to the next line, or piece of one: false at the end, or when reading failed.
     bool next();
@@ -58,8 +60,7 @@ class ConfigReader final {
     bool fill();
     void takeLine(size_t length);
 
-    Fd own_;
-    int fd_ = -1;
+    Fd fd_;
     int error_ = 0;
     bool at_end_ = false;
     bool starts_line_ = true;

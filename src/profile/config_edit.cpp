@@ -5,13 +5,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/descriptor.h"
 #include "base/failure.h"
 #include "base/guards.h"
 #include "base/text.h"
 #include "profile/config.h"
 #include "profile/config_copy.h"
-#include "vwincompat/fileops.h"
 #include "vwincompat/profile.h"
 
 namespace {
@@ -81,11 +79,17 @@ bool copyEdited(ConfigReader *reader, ConfigCopy *copy, const Edit &edit) {
     return true;
 }
 
+// Opens the file and creates its copy. The file is opened once more when no other edit goes on: what it was before may
+// have been replaced meanwhile. False with errno.
+bool startEdit(const char *file, ConfigReader *reader, ConfigCopy *copy, mode_t mode) {
+    return reader->open(file) && copy->create(mode) && reader->open(file);
+}
+
 BOOL editFile(const char *file, const Edit &edit) {
     const NoCancel no_cancel;
     ConfigCopy copy(file);
     ConfigReader reader;
-    if (!reader.open(file) || !copy.create()) {
+    if (!startEdit(file, &reader, &copy, 0666)) {
         return FALSE;
     }
     const bool edited = copyEdited(&reader, &copy, edit);
@@ -104,20 +108,21 @@ BOOL editFile(const char *file, const Edit &edit) {
     return TRUE;
 }
 
-// Appends the header to a copy, behind an empty line: FALSE with errno.
-BOOL appendSection(const ConfigCopy &copy, const char *section) {
-    const off_t size = lseek(copy.fd(), 0, SEEK_END);
-    if (size == -1) {
-        return FALSE;
+// Copies the whole file: true when it has the section.
+bool copyAll(ConfigReader *reader, ConfigCopy *copy, const char *section) {
+    const bool found = copyToSection(reader, copy, section, true);
+    while (reader->nextBlock()) {
+        copyLine(*reader, copy);
     }
-    char last[2] = {};
-    if (size >= 2 && vlliReadFullyAt(copy.fd(), last, sizeof last, size - 2) != sizeof last) {
-        return FALSE;
-    }
+    return found;
+}
+
+// Puts the header behind an empty line.
+void putSection(ConfigCopy *copy, const char *section) {
     char header[kConfigNameSize + 4];
-    const bool after_empty_line = last[0] == '\n' && last[1] == '\n';
-    const int length = snprintf(header, sizeof header, "%s[%s]\n", after_empty_line ? "" : "\n", section);
-    return vlliWriteFully(copy.fd(), header, static_cast<size_t>(length)) != -1;
+    const int length =
+        snprintf(header, sizeof header, "%s[%s]\n", copy->endsWithEmptyLine() ? "" : "\n", section);
+    copy->put({header, static_cast<size_t>(length)});
 }
 
 bool hasBlank(const char *key) {
@@ -192,20 +197,24 @@ BOOL vllAddConfigSection(LPCSTR file, LPCSTR section) {
         return FALSE;
     }
     ConfigCopy copy(file);
-    if (!vllCopyFile(file, copy.name(), FALSE) || !copy.adopt()) {
+    ConfigReader reader;
+    if (!startEdit(file, &reader, &copy, 0600)) {
         return FALSE;
     }
-    ConfigReader reader;
-    const bool found = reader.attach(copy.fd()) && reader.findSection(section);
+    copy.setMode(reader.mode());
+    const bool found = copyAll(&reader, &copy, section);
     if (reader.error() != 0) {
         return Fail(reader.error());
+    }
+    if (!found) {
+        putSection(&copy, section);
+    }
+    if (!copy.finish()) {
+        return FALSE;
     }
     if (found) {
         copy.keep();
         return Fail(EEXIST);
-    }
-    if (!appendSection(copy, section) || !copy.finish()) {
-        return FALSE;
     }
     copy.replaceFile();
     return TRUE;

@@ -1,6 +1,7 @@
 // Reading a profile file line by line, through a buffer of one line.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cstring>
@@ -10,13 +11,17 @@
 #include "profile/config.h"
 
 bool ConfigReader::open(const char *file) {
-    own_.reset(::open(file, O_RDONLY | O_CLOEXEC));
-    return own_ && attach(own_.get());
+    fd_.reset(::open(file, O_RDONLY | O_CLOEXEC));
+    begin_ = end_ = 0;
+    at_end_ = false;
+    starts_line_ = ended_line_ = true;
+    error_ = 0;
+    return fd_ && fill();
 }
 
-bool ConfigReader::attach(int fd) {
-    fd_ = fd;
-    return fill();
+mode_t ConfigReader::mode() const {
+    struct stat status;
+    return fstat(fd_.get(), &status) == 0 ? status.st_mode & 0777 : 0600;
 }
 
 // Moves the bytes that are left to the buffer's begin and reads on behind them, which adds nothing at the end of the
@@ -26,7 +31,8 @@ bool ConfigReader::fill() {
     end_ -= begin_;
     begin_ = 0;
     const int last_error = errno;
-    const ssize_t count = vlliRetryOnEintr([&] { return read(fd_, buffer_ + end_, sizeof buffer_ - end_); });
+    const ssize_t count =
+        vlliRetryOnEintr([&] { return read(fd_.get(), buffer_ + end_, sizeof buffer_ - end_); });
     if (count == -1) {
         error_ = errno;
         return false;

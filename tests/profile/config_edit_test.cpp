@@ -1,4 +1,5 @@
 // Editing profile files: bytes, failures, and what a killed process leaves.
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -7,7 +8,9 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <thread>
 
+#include "base/descriptor.h"
 #include "profile/config.h"
 #include "support/child.h"
 #include "support/faults.h"
@@ -256,7 +259,7 @@ TEST_F(ConfigEditTest, files_that_cannot_be_edited) {
     rmdir(file_.c_str());
     writeFile(file_, "[S]\nk=1\n");
     mkdir(copy_.c_str(), 0755);
-    expectFailures(file_, EEXIST);
+    expectFailures(file_, EISDIR);
     rmdir(copy_.c_str());
     ASSERT_EQ(mount(nullptr, "/mnt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     expectFailures(file_, EROFS);
@@ -267,6 +270,116 @@ TEST_F(ConfigEditTest, files_that_cannot_be_edited) {
     writeFile(full, "[S]\nk=1\n[Big]\n" + string(40000, ';') + "\n");
     expectFailures(full, ENOSPC);
     umount2("/mnt/small", MNT_DETACH);
+}
+
+// Edits of one file in two processes and their threads, beside a reader: the file is whole whenever it is read, and no
+// change is lost.
+TEST_F(ConfigEditTest, edits_at_the_same_time) {
+    const string tail = string(9000, ';') + "\n[End]\n";
+    writeFile(file_, "[S]\n" + tail);
+    const auto edit = [&](const string &name) {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", name.c_str(), std::to_string(i).c_str()));
+            EXPECT_TRUE(vllAddConfigSection(file_.c_str(), name.c_str()));
+            EXPECT_TRUE(vllDeleteConfigSection(file_.c_str(), name.c_str()));
+        }
+    };
+    const auto edit_in_threads = [&](const string &name) {
+        std::thread other([&] { edit(name + "2"); });
+        edit(name + "1");
+        other.join();
+        return 0;
+    };
+    const pid_t children[] = {startChild([&] { return edit_in_threads("a"); }),
+                              startChild([&] { return edit_in_threads("b"); })};
+    for (const pid_t child : children) {
+        siginfo_t ended = {};
+        while (ended.si_pid == 0 && !HasFailure()) {
+            EXPECT_NE(readFile(file_).find(tail), string::npos);
+            EXPECT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT), 0);
+        }
+        expectSuccess(child);
+    }
+    for (const char *key : {"a1", "a2", "b1", "b2"}) {
+        EXPECT_EQ(vllGetPrivateProfileInt("S", key, -1, file_.c_str()), 99U) << key;
+    }
+    EXPECT_FALSE(exists(copy_));
+}
+
+// What stands under the copy's name when no edit uses it: it is replaced, and nothing that it leads to is touched.
+TEST_F(ConfigEditTest, copies_that_no_edit_uses) {
+    const string victim = file_ + ".victim";
+    const std::function<int(const char *)> rows[] = {
+        [](const char *copy) { return mknod(copy, S_IFREG | 0777, 0); },
+        [](const char *copy) { return mknod(copy, S_IFREG, 0); },  // nobody may open it
+        [](const char *copy) { return mkfifo(copy, 0666); },
+        [](const char *copy) { return symlink("nowhere", copy); },
+        [&](const char *copy) { return symlink(victim.c_str(), copy); },
+        [&](const char *copy) { return link(victim.c_str(), copy); },
+    };
+    const auto edit_over_all = [&] {
+        for (const auto &make : rows) {
+            SCOPED_TRACE(&make - rows);
+            writeFile(file_, "[S]\n");
+            writeFile(victim, "victim");
+            EXPECT_EQ(make(copy_.c_str()), 0);
+            EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v"));
+            EXPECT_EQ(readFile(file_) + readFile(victim), "[S]\nk=v\nvictim");
+            EXPECT_EQ(modeOf(file_), 0644U);
+            EXPECT_FALSE(exists(copy_));
+        }
+        return 0;
+    };
+    edit_over_all();
+    {
+        const FailCall fail("flock", 1, ENOLCK, 100);  // a file system without locks
+        edit_over_all();
+    }
+    if (geteuid() == 0) {
+        ASSERT_EQ(chmod("/mnt", 0777) + unlink(file_.c_str()) + unlink(victim.c_str()), 0);
+        expectInChild([&] { return setresuid(65534, 65534, 65534) == 0 ? edit_over_all() : 1; });
+    }
+}
+
+// An edit waits for the lock of another one's copy. One whose copy was replaced all the same does not rename the other.
+TEST_F(ConfigEditTest, the_copy_of_another_edit) {
+    writeFile(file_, "[S]\n");
+    Fd other(open(copy_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+    {
+        Sleeper edit([&] { EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "v")); });
+        EXPECT_EQ(readFile(file_), "[S]\n");
+        writeFile(copy_, "[S]\nother=edit\n");
+        ASSERT_EQ(rename(copy_.c_str(), file_.c_str()), 0);
+        other.reset();
+    }
+    EXPECT_EQ(readFile(file_), "[S]\nk=v\nother=edit\n");
+    on_sync = [&] {
+        EXPECT_TRUE(unlink(copy_.c_str()) == 0 && (writeFile(copy_, "half"), on_sync = nullptr, true));
+    };
+    EXPECT_TRUE(vllAddConfigValue(file_.c_str(), "S", "k", "w"));
+    EXPECT_EQ(readFile(file_), "[S]\nk=v\nother=edit\n");
+    EXPECT_EQ(readFile(copy_), "half");
+}
+
+// A child that was forked during an edit does not keep the lock when the parent is killed.
+TEST_F(ConfigEditTest, forked_during_an_edit_and_killed) {
+    writeFile(file_, "[S]\n");
+    const Doorbell done;
+    expectInChild([&] {
+        on_sync = [&] {
+            if (fork() == 0) {
+                done.wait();
+                _exit(0);
+            }
+            _exit(0);
+        };
+        return vllAddConfigValue(file_.c_str(), "S", "k", "v");
+    });
+    EXPECT_TRUE(exists(copy_));
+    expectSuccess(startChild([&] { return vllAddConfigValue(file_.c_str(), "S", "k", "w") ? 0 : 1; }), 10000);
+    EXPECT_EQ(readFile(file_), "[S]\nk=w\n");
+    done.ring();
 }
 
 TEST_F(ConfigEditTest, failing_calls) {
