@@ -71,30 +71,37 @@ class WaitObjects {
     const bool borrowed_;
 };
 
-// What a ready descriptor means for its object.
-enum class Report { signalled, taken, failed };
+// What a ready descriptor means for its object. An object that is not signalled after all does not end the wait: another
+// waiter has taken the signal, or nothing occurred on a socket.
+enum class Report { signalled, unsignalled, failed };
 
 // Handles a ready counter. An auto-reset object is consumed, unless another waiter was faster.
 Report consumeCounter(const ObjectRecord *record) {
     if ((record->flags & OBJF_AUTO_RESET) != 0 && vlliTakeCounter(record->fd) == -1 && errno == EAGAIN) {
-        return Report::taken;
+        return Report::unsignalled;
     }
     return Report::signalled;
 }
 
-// Handles the ready socket set of an event. The activity is passed on to the owner of the socket's selection; a
-// manual-reset event ends up signalled, an auto-reset one not.
+// Handles the ready socket set of an event: one socket whose activity the owner of the selections takes. A manual-reset
+// event ends up signalled, an auto-reset one not.
 Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
     const NoCancel no_cancel;
-    epoll_event ready = {};
-    const int found = vlliRetryOnEintr([&] { return epoll_wait(event->efd, &ready, 1, 0); });
-    if (found == -1) {
-        return Report::failed;
-    }
     const SocketActivityHandler deliver = vlliSocketActivityHandler();
-    if (found > 0 && deliver != nullptr) {
-        deliver(ready.data.ptr, event, ready.events);
-    } else {
+    SocketActivity activity = SocketActivity::kUnknown;
+    do {
+        epoll_event ready = {};
+        const int found = vlliRetryOnEintr([&] { return epoll_wait(event->efd, &ready, 1, 0); });
+        if (found == -1) {
+            return Report::failed;
+        }
+        if (found == 0 && activity == SocketActivity::kNone) {
+            return Report::unsignalled;
+        }
+        activity = found > 0 && deliver != nullptr ? deliver(ready.data.u64, event, ready.events)
+                                                   : SocketActivity::kUnknown;
+    } while (activity == SocketActivity::kNone);
+    if (activity == SocketActivity::kUnknown) {
         vlliLogNotice("VLL: WaitForMultipleObjects: False alarm, E%08X\n", handle);
     }
     if ((event->flags & OBJF_AUTO_RESET) != 0) {
@@ -106,13 +113,13 @@ Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
 }
 
 // Handles a ready descriptor: slot i is the counter of object i, slot count + i its set of sockets.
-// The wait's result, or nothing when another waiter has taken the signal.
+// The wait's result, or nothing when the object is not signalled after all.
 std::optional<DWORD> handleReady(const WaitObjects &wait, int32_t slot) {
     const bool socket_set = slot >= wait.count;
     const int32_t i = socket_set ? slot - wait.count : slot;
     const Report report = socket_set ? deliverSocketActivity(wait.handles[i], wait.records[i])
                                      : consumeCounter(wait.records[i]);
-    if (report == Report::taken) {
+    if (report == Report::unsignalled) {
         return std::nullopt;
     }
     vlliAnnotateAcquire();
