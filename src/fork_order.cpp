@@ -10,6 +10,7 @@
 #include "base/fork_handlers.h"
 #include "core/internal_async.h"
 #include "core/objmem.h"
+#include "net/commport.h"
 #include "net/wsasockets.h"
 #include "process/memory_probe.h"
 #include "process/thread.h"
@@ -20,9 +21,9 @@ namespace {
 
 // The outermost lock first, as in LAYERS.
 constexpr const ForkHandlers *kHandlers[] = {
-    &kDescriptorServerForkHandlers, &kSharedObjectForkHandlers, &kSelectionForkHandlers,
-    &kAsyncServiceForkHandlers,     &kThreadForkHandlers,       &kProbeForkHandlers,
-    &kHandleTableForkHandlers,
+    &kDescriptorServerForkHandlers, &kSharedObjectForkHandlers, &kSerialForkHandlers,
+    &kSelectionForkHandlers, &kAsyncServiceForkHandlers,
+    &kThreadForkHandlers,           &kProbeForkHandlers,        &kHandleTableForkHandlers,
 };
 constexpr size_t kCount = sizeof kHandlers / sizeof *kHandlers;
 
