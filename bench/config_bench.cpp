@@ -57,7 +57,7 @@ class Profile {
 
 const char kLastSection[] = "section 900";
 
-void ReadLastValue(benchmark::State &state) {
+void readLastValue(benchmark::State &state) {
     const Profile profile;
     char value[64];
     bool good = profile.good();
@@ -70,7 +70,7 @@ void ReadLastValue(benchmark::State &state) {
     }
 }
 
-void ReadWithFgets(benchmark::State &state) {
+void readWithFgets(benchmark::State &state) {
     const Profile profile;
     char line[kBufferSize];
     for (auto _ : state) {
@@ -82,7 +82,7 @@ void ReadWithFgets(benchmark::State &state) {
 }
 
 template <typename Edit>
-void EditProfile(benchmark::State &state, Edit edit) {
+void editProfile(benchmark::State &state, Edit edit) {
     const Profile profile;
     bool good = profile.good();
     for (auto _ : state) {
@@ -93,13 +93,13 @@ void EditProfile(benchmark::State &state, Edit edit) {
     }
 }
 
-void SetLastValue(benchmark::State &state) {
-    EditProfile(state,
+void setLastValue(benchmark::State &state) {
+    editProfile(state,
                 [](const char *file) { return vllAddConfigValue(file, kLastSection, "last", "new value"); });
 }
 
-void WriteProfileString(benchmark::State &state) {
-    EditProfile(state, [](const char *file) {
+void writeProfileString(benchmark::State &state) {
+    editProfile(state, [](const char *file) {
         return vllWritePrivateProfileString("section 0", "last", "new", file);
     });
 }
@@ -117,7 +117,7 @@ bool copyPlainly(const char *from, const char *to) {
     return count == 0;
 }
 
-void CopyFile(benchmark::State &state) {
+void copyFile(benchmark::State &state) {
     const Profile profile;
     const std::string copy = profile.copy();
     bool good = profile.good();
@@ -131,8 +131,8 @@ void CopyFile(benchmark::State &state) {
 
 }  // namespace
 
-void bench::RegisterPairs() {
-    AddPair({"read the last value of 1,000 lines / fgets", 1.5, ReadLastValue, ReadWithFgets, Clock::cpu});
-    AddPair({"set the last value of 1,000 lines / copy", 2.0, SetLastValue, CopyFile, Clock::cpu});
-    AddPair({"profile string into 1,000 lines / copy", 2.0, WriteProfileString, CopyFile, Clock::cpu});
+void bench::registerPairs() {
+    addPair({"read the last value of 1,000 lines / fgets", 1.5, readLastValue, readWithFgets, Clock::cpu});
+    addPair({"set the last value of 1,000 lines / copy", 2.0, setLastValue, copyFile, Clock::cpu});
+    addPair({"profile string into 1,000 lines / copy", 2.0, writeProfileString, copyFile, Clock::cpu});
 }

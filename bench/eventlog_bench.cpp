@@ -19,7 +19,7 @@ constexpr size_t kMiB = 1 << 20;
 constexpr size_t kLogSize = 64 * kMiB;
 constexpr char kLog[] = "/var/log/vservices";
 
-// Half of the lines are records.
+// Every second line is a record.
 void writeLog(size_t size) {
     static const std::string lines =
         "Nov 16 16:21:16 unit1 user.info gateway: call set up between line 4 and line 11\n"
@@ -39,7 +39,8 @@ void writeLog(size_t size) {
     utimensat(AT_FDCWD, kLog, rest, 0);
 }
 
-// Each pair's process has its own namespace, entered once; a log that is there already is not written again.
+// Writes a log into the private namespace of this pair's process, which is entered once. A log of the right size is not
+// written again.
 void privateLog(size_t size) {
     static bool entered = false;
     static size_t written = 0;
@@ -71,7 +72,7 @@ void openLog() {
     }
 }
 
-void CountOurs(benchmark::State &state) {
+void countOurs(benchmark::State &state) {
     openLog();
     for (auto _ : state) {
         vlliGetSyslogRecordsNumber();
@@ -79,7 +80,7 @@ void CountOurs(benchmark::State &state) {
     }
 }
 
-void CountRaw(benchmark::State &state) {
+void countRaw(benchmark::State &state) {
     openLog();
     for (auto _ : state) {
         const char *at = SyslogMappings[0].pData;
@@ -109,24 +110,24 @@ void readThrough(benchmark::State &state, DWORD direction, size_t size) {
     }
 }
 
-void ForwardsOurs(benchmark::State &state) {
+void forwardsOurs(benchmark::State &state) {
     readThrough(state, EVENTLOG_FORWARDS_READ, kLogSize);
 }
 
-void BackwardsOurs(benchmark::State &state) {
+void backwardsOurs(benchmark::State &state) {
     readThrough(state, EVENTLOG_BACKWARDS_READ, kLogSize);
 }
 
-void ForwardsHalf(benchmark::State &state) {
+void forwardsHalf(benchmark::State &state) {
     readThrough(state, EVENTLOG_FORWARDS_READ, kLogSize / 2);
 }
 
-void BackwardsHalf(benchmark::State &state) {
+void backwardsHalf(benchmark::State &state) {
     readThrough(state, EVENTLOG_BACKWARDS_READ, kLogSize / 2);
 }
 
-// What the log's size takes at 100 MB a second.
-void HundredMegabytesASecond(benchmark::State &state) {
+// Takes as long as reading the log would at 100 MB a second.
+void hundredMegabytesASecond(benchmark::State &state) {
     constexpr int64_t kNanoseconds = static_cast<int64_t>(kLogSize) * 10;
     for (auto _ : state) {
         timespec now;
@@ -140,16 +141,16 @@ void HundredMegabytesASecond(benchmark::State &state) {
 
 }  // namespace
 
-void bench::RegisterPairs() {
+void bench::registerPairs() {
     constexpr int kFew = 5;
-    AddPair(
-        {"count the lines of a 64 MiB log / memchr loop", 1.25, CountOurs, CountRaw, Clock::cpu, 1, 0, 9});
-    AddPair({"read 64 MiB of log forwards / at 100 MB/s", 1.0, ForwardsOurs, HundredMegabytesASecond,
+    addPair(
+        {"count the lines of a 64 MiB log / memchr loop", 1.25, countOurs, countRaw, Clock::cpu, 1, 0, 9});
+    addPair({"read 64 MiB of log forwards / at 100 MB/s", 1.0, forwardsOurs, hundredMegabytesASecond,
              Clock::cpu, 1, 0, kFew});
-    AddPair({"read 64 MiB of log backwards / at 100 MB/s", 1.0, BackwardsOurs, HundredMegabytesASecond,
+    addPair({"read 64 MiB of log backwards / at 100 MB/s", 1.0, backwardsOurs, hundredMegabytesASecond,
              Clock::cpu, 1, 0, kFew});
-    AddPair(
-        {"read 64 MiB of log forwards / 32 MiB", 2.2, ForwardsOurs, ForwardsHalf, Clock::cpu, 1, 0, kFew});
-    AddPair(
-        {"read 64 MiB of log backwards / 32 MiB", 2.2, BackwardsOurs, BackwardsHalf, Clock::cpu, 1, 0, kFew});
+    addPair(
+        {"read 64 MiB of log forwards / 32 MiB", 2.2, forwardsOurs, forwardsHalf, Clock::cpu, 1, 0, kFew});
+    addPair(
+        {"read 64 MiB of log backwards / 32 MiB", 2.2, backwardsOurs, backwardsHalf, Clock::cpu, 1, 0, kFew});
 }

@@ -2,7 +2,7 @@
 //
 //   <topic>_bench [--filter TEXT] [--json] [--part] [--list]
 //
-// --part leaves out the head of the table, or the brackets of the array: scripts/bench.sh joins the topics.
+// --part leaves out the head of the table, or the brackets of the array, for scripts/bench.sh, which joins the topics.
 // Exit status: 0, 1 when an operation is over its bound or could not be measured, 2 for a wrong argument.
 
 #include <sched.h>
@@ -26,13 +26,13 @@ constexpr int kRunsPerRepetition = 5;
 constexpr double kSlowNs = 1e7;  // operations that take so long are run once per repetition
 constexpr const char *kSides[] = {"ours", "raw"};
 
-std::vector<bench::Pair> &Pairs() {
+std::vector<bench::Pair> &pairs() {
     static auto *const pairs = new std::vector<bench::Pair>;
     return *pairs;
 }
 
-// What the process of one pair reports: medians. The ratio is that of runs next to each other, so that load
-// which comes and goes weighs on both of its sides.
+// What the process of one pair reports: medians. The ratio is that of runs next to each other, so that passing load
+// slows both of its sides.
 struct Result {
     double ours_ns;
     double raw_ns;
@@ -40,7 +40,7 @@ struct Result {
     char error[112];
 };
 
-double Median(std::vector<double> *values) {
+double median(std::vector<double> *values) {
     if (values->empty()) {
         return 0;
     }
@@ -49,7 +49,7 @@ double Median(std::vector<double> *values) {
     return *middle;
 }
 
-// Takes what one run of one side measured.
+// Receives the measurement of one run of one side.
 class Collector : public benchmark::BenchmarkReporter {
   public:
     explicit Collector(bench::Clock clock) : clock_(clock) {}
@@ -77,7 +77,7 @@ class Collector : public benchmark::BenchmarkReporter {
     std::string error_;
 };
 
-benchmark::internal::Benchmark *RegisterSide(const bench::Pair &pair, const char *side, bench::Body body) {
+benchmark::internal::Benchmark *registerSide(const bench::Pair &pair, const char *side, bench::Body body) {
     benchmark::internal::Benchmark *const run = benchmark::RegisterBenchmark(side, body);
     run->Arg(pair.argument)->Threads(pair.threads);
     if (pair.clock == bench::Clock::wall) {
@@ -88,24 +88,24 @@ benchmark::internal::Benchmark *RegisterSide(const bench::Pair &pair, const char
     return run;
 }
 
-// Finds how often each side is to be run at a time, and registers both so.
-void RegisterSides(const bench::Pair &pair, Collector *collector) {
+// Finds the number of iterations of each side, and registers both with it.
+void registerSides(const bench::Pair &pair, Collector *collector) {
     int64_t iterations[2];
     const bench::Body bodies[] = {pair.ours, pair.raw};
     for (int side = 0; side < 2; ++side) {
-        RegisterSide(pair, kSides[side], bodies[side])->MinTime(kMinSeconds);
+        registerSide(pair, kSides[side], bodies[side])->MinTime(kMinSeconds);
         benchmark::RunSpecifiedBenchmarks(collector, kSides[side]);
         iterations[side] = collector->iterations();
         benchmark::ClearRegisteredBenchmarks();
     }
     for (int side = 0; side < 2 && collector->error().empty(); ++side) {
-        RegisterSide(pair, kSides[side], bodies[side])->Iterations(iterations[side]);
+        registerSide(pair, kSides[side], bodies[side])->Iterations(iterations[side]);
     }
 }
 
-// One repetition: some short runs of both sides in turn, the one or the other first, of which the fastest of
-// each side counts. Other processes can only make a run slower.
-void RunBoth(Collector *collector, int first, double *best) {
+// One repetition: some short runs of both sides in turn, beginning with the side "first". The fastest run of each side
+// counts, since other processes can only make a run slower.
+void runBoth(Collector *collector, int first, double *best) {
     best[0] = best[1] = HUGE_VAL;
     for (int run = 0; run < kRunsPerRepetition; ++run) {
         for (const int side : {first, 1 - first}) {
@@ -118,7 +118,7 @@ void RunBoth(Collector *collector, int first, double *best) {
     }
 }
 
-void StayOnOneProcessor() {
+void stayOnOneProcessor() {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(static_cast<size_t>(sched_getcpu()), &set);
@@ -128,9 +128,9 @@ void StayOnOneProcessor() {
     }
 }
 
-Result MeasureHere(const bench::Pair &pair) {
+Result measureHere(const bench::Pair &pair) {
     if (pair.one_processor) {
-        StayOnOneProcessor();
+        stayOnOneProcessor();
     }
     char name[] = "bench";
     char *arguments[] = {name, nullptr};
@@ -138,23 +138,23 @@ Result MeasureHere(const bench::Pair &pair) {
     benchmark::Initialize(&count, arguments);
     vllvwincompatMain();
     Collector collector(pair.clock);
-    RegisterSides(pair, &collector);
+    registerSides(pair, &collector);
     std::vector<double> times[2];
     std::vector<double> ratios;
     for (int i = 0; i < pair.repetitions && collector.error().empty(); ++i) {
         double best[2];
-        RunBoth(&collector, i % 2, best);
+        runBoth(&collector, i % 2, best);
         times[0].push_back(best[0]);
         times[1].push_back(best[1]);
         ratios.push_back(best[0] / best[1]);
     }
-    Result result = {Median(&times[0]), Median(&times[1]), Median(&ratios), ""};
+    Result result = {median(&times[0]), median(&times[1]), median(&ratios), ""};
     snprintf(result.error, sizeof result.error, "%s", collector.error().c_str());
     return result;
 }
 
 // Measures one pair in a child.
-Result Measure(const bench::Pair &pair) {
+Result measure(const bench::Pair &pair) {
     Result result = {};
     int ends[2];
     if (pipe(ends) == -1) {
@@ -165,7 +165,7 @@ Result Measure(const bench::Pair &pair) {
     const pid_t child = fork();
     if (child == 0) {
         close(ends[0]);
-        result = MeasureHere(pair);
+        result = measureHere(pair);
         _exit(write(ends[1], &result, sizeof result) == sizeof result ? 0 : 1);
     }
     close(ends[1]);
@@ -179,12 +179,12 @@ Result Measure(const bench::Pair &pair) {
     return result;
 }
 
-void PrintHead() {
+void printHead() {
     printf("%-60s %12s %12s %7s %7s\n", "operation", "ours ns", "raw ns", "ratio", "bound");
 }
 
-// Names and messages are this tree's own, but an error text may hold anything.
-std::string JsonText(const char *text) {
+// Names and messages are plain, but an error text may hold any character.
+std::string jsonText(const char *text) {
     std::string quoted = "\"";
     for (; *text != '\0'; ++text) {
         if (*text == '"' || *text == '\\') {
@@ -195,17 +195,17 @@ std::string JsonText(const char *text) {
     return quoted + '"';
 }
 
-void PrintRow(const bench::Pair &pair, const Result &result, bool within) {
+void printRow(const bench::Pair &pair, const Result &result, bool within) {
     printf("%-60s %12.1f %12.1f %7.2f %7.2f%s%s\n", pair.operation, result.ours_ns, result.raw_ns,
            result.ratio, pair.bound, within ? "" : "  OVER ", result.error);
 }
 
-void PrintJson(const bench::Pair &pair, const Result &result, bool within, bool first) {
+void printJson(const bench::Pair &pair, const Result &result, bool within, bool first) {
     printf(
         "%s{\"operation\": %s, \"ours_ns\": %.1f, \"raw_ns\": %.1f, \"ratio\": %.3f, \"bound\": %.2f, "
         "\"within\": %s, \"error\": %s}",
-        first ? "" : ",\n", JsonText(pair.operation).c_str(), result.ours_ns, result.raw_ns, result.ratio,
-        pair.bound, within ? "true" : "false", JsonText(result.error).c_str());
+        first ? "" : ",\n", jsonText(pair.operation).c_str(), result.ours_ns, result.raw_ns, result.ratio,
+        pair.bound, within ? "true" : "false", jsonText(result.error).c_str());
 }
 
 struct Options {
@@ -215,7 +215,7 @@ struct Options {
     bool list = false;
 };
 
-bool ParseOptions(int argc, char **argv, Options *options) {
+bool parseOptions(int argc, char **argv, Options *options) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--json") == 0) {
             options->json = true;
@@ -233,11 +233,11 @@ bool ParseOptions(int argc, char **argv, Options *options) {
     return true;
 }
 
-// Measures and prints the pairs that the filter lets through. True when all are within their bounds.
-bool RunPairs(const Options &options) {
+// Measures and prints the pairs that match the filter. True when all are within their bounds.
+bool runPairs(const Options &options) {
     bool all_within = true;
     bool first = true;
-    for (const bench::Pair &pair : Pairs()) {
+    for (const bench::Pair &pair : pairs()) {
         if (strstr(pair.operation, options.filter) == nullptr) {
             continue;
         }
@@ -245,13 +245,13 @@ bool RunPairs(const Options &options) {
             puts(pair.operation);
             continue;
         }
-        const Result result = Measure(pair);
+        const Result result = measure(pair);
         const bool within = result.error[0] == '\0' && result.ratio > 0 && result.ratio <= pair.bound;
         all_within = all_within && within;
         if (options.json) {
-            PrintJson(pair, result, within, first);
+            printJson(pair, result, within, first);
         } else {
-            PrintRow(pair, result, within);
+            printRow(pair, result, within);
         }
         fflush(stdout);
         first = false;
@@ -261,21 +261,21 @@ bool RunPairs(const Options &options) {
 
 }  // namespace
 
-void bench::AddPair(const Pair &pair) {
-    Pairs().push_back(pair);
+void bench::addPair(const Pair &pair) {
+    pairs().push_back(pair);
 }
 
 int main(int argc, char **argv) {
     Options options;
-    if (!ParseOptions(argc, argv, &options)) {
+    if (!parseOptions(argc, argv, &options)) {
         return 2;
     }
-    bench::RegisterPairs();
+    bench::registerPairs();
     const bool head = !options.part && !options.list;
     if (head) {
-        options.json ? static_cast<void>(puts("[")) : PrintHead();
+        options.json ? static_cast<void>(puts("[")) : printHead();
     }
-    const bool within = RunPairs(options);
+    const bool within = runPairs(options);
     if (head && options.json) {
         puts("\n]");
     }

@@ -1,4 +1,4 @@
-// Mutexes and semaphores, and named objects, beside the calls of the C library that they stand on.
+// Mutexes and semaphores, and named objects, beside the calls of the C library that they are made of.
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -11,7 +11,7 @@
 
 namespace {
 
-void MutexOurs(benchmark::State &state) {
+void mutexOurs(benchmark::State &state) {
     const HANDLE mutex = vllCreateMutex(0, nullptr);
     for (auto _ : state) {
         vllWaitForSingleObject(mutex, INFINITE);
@@ -30,7 +30,7 @@ void initRobust(pthread_mutex_t *mutex) {
     pthread_mutexattr_destroy(&attributes);
 }
 
-void MutexRaw(benchmark::State &state) {
+void mutexRaw(benchmark::State &state) {
     pthread_mutex_t mutex;
     initRobust(&mutex);
     for (auto _ : state) {
@@ -40,7 +40,7 @@ void MutexRaw(benchmark::State &state) {
     pthread_mutex_destroy(&mutex);
 }
 
-void SemaphoreOurs(benchmark::State &state) {
+void semaphoreOurs(benchmark::State &state) {
     const HANDLE semaphore = vllCreateSemaphore(1, nullptr);
     for (auto _ : state) {
         vllWaitForSingleObject(semaphore, INFINITE);
@@ -49,7 +49,7 @@ void SemaphoreOurs(benchmark::State &state) {
     vllCloseHandle(semaphore);
 }
 
-void SemaphoreRaw(benchmark::State &state) {
+void semaphoreRaw(benchmark::State &state) {
     sem_t semaphore;
     sem_init(&semaphore, 1, 1);
     for (auto _ : state) {
@@ -61,7 +61,7 @@ void SemaphoreRaw(benchmark::State &state) {
 
 constexpr const char *kName = "vll_sync_bench";
 
-void NamedMutexOurs(benchmark::State &state) {
+void namedMutexOurs(benchmark::State &state) {
     for (auto _ : state) {
         vllCloseHandle(vllCreateMutex(0, kName));
     }
@@ -75,7 +75,7 @@ void lockRaw(int fd, int command, short type) {
     fcntl(fd, command, &lock);
 }
 
-void NamedMutexRaw(benchmark::State &state) {
+void namedMutexRaw(benchmark::State &state) {
     for (auto _ : state) {
         const int fd = shm_open(kName, O_RDWR | O_CREAT, 0666);
         lockRaw(fd, F_SETLK, F_WRLCK);
@@ -93,8 +93,8 @@ void NamedMutexRaw(benchmark::State &state) {
     shm_unlink(kName);
 }
 
-// What one change of an interlocked counter cannot do without: opening the mutex that others keep in use.
-void InterlockedOurs(benchmark::State &state) {
+// The least that one change of an interlocked counter needs: opening the mutex that others keep in use.
+void interlockedOurs(benchmark::State &state) {
     const HANDLE used = vllCreateMutex(0, "InterlockingMutex");
     volatile LONG counter = 0;
     for (auto _ : state) {
@@ -103,7 +103,7 @@ void InterlockedOurs(benchmark::State &state) {
     vllCloseHandle(used);
 }
 
-void InterlockedRaw(benchmark::State &state) {
+void interlockedRaw(benchmark::State &state) {
     pthread_mutex_t mutex;
     initRobust(&mutex);
     const int kept = shm_open(kName, O_RDWR | O_CREAT, 0666);
@@ -125,9 +125,9 @@ void InterlockedRaw(benchmark::State &state) {
 
 }  // namespace
 
-void bench::RegisterPairs() {
-    AddPair({"acquire and release an unnamed mutex", 3, MutexOurs, MutexRaw, Clock::cpu});
-    AddPair({"take and release an unnamed semaphore", 3, SemaphoreOurs, SemaphoreRaw, Clock::cpu});
-    AddPair({"create and close a named mutex", 1.5, NamedMutexOurs, NamedMutexRaw, Clock::cpu});
-    AddPair({"interlocked increment", 3, InterlockedOurs, InterlockedRaw, Clock::cpu});
+void bench::registerPairs() {
+    addPair({"acquire and release an unnamed mutex", 3, mutexOurs, mutexRaw, Clock::cpu});
+    addPair({"take and release an unnamed semaphore", 3, semaphoreOurs, semaphoreRaw, Clock::cpu});
+    addPair({"create and close a named mutex", 1.5, namedMutexOurs, namedMutexRaw, Clock::cpu});
+    addPair({"interlocked increment", 3, interlockedOurs, interlockedRaw, Clock::cpu});
 }

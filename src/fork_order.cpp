@@ -1,8 +1,8 @@
 // What the library does around fork(2), in the order of its locks. The handlers are registered when the library is
-// loaded, before it can have taken any lock: a fork beside a registration, or beside a thread that has just taken a
-// lock whose handlers are not registered yet, would leave the child with a lock that nobody there releases.
+// loaded, before any of its locks can be taken. If they were registered at first use, a fork by another thread at
+// that moment would leave the child with a lock that nobody releases.
 //
-// Like the table of types, this file looks down into every folder; nothing refers to it.
+// Like the table of types, this file includes headers of every folder, and no other file refers to it.
 
 #include <pthread.h>
 
@@ -15,11 +15,11 @@
 #include "process/memory_probe.h"
 #include "process/thread.h"
 #include "sharing/shared_descriptor.h"
-#include "sharing/shmem_protocol.h"
+#include "sharing/shmem_fork.h"
 
 namespace {
 
-// The outermost lock first, as in LAYERS.
+// The outermost lock first, as in src/LAYERS.
 constexpr const ForkHandlers *kHandlers[] = {
     &kDescriptorServerForkHandlers, &kSharedObjectForkHandlers, &kSerialForkHandlers,
     &kSelectionForkHandlers, &kAsyncServiceForkHandlers,
@@ -40,7 +40,7 @@ void prepare() {
     }
 }
 
-// The locks are released, or made anew, in the reverse order.
+// After the fork the locks are released, or initialised again, in the reverse order.
 
 void finishInParent() {
     const KeepErrno keep_errno;

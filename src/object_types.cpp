@@ -1,4 +1,5 @@
-// The one table of object types, which alone looks down into every folder. A new type fills a row here.
+// The table of object types. It is the one place that knows the functions of all types, which live in several
+// folders. A new type adds a row here.
 
 #include "core/console.h"
 #include "core/objmem_types.h"

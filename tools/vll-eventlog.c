@@ -1,4 +1,4 @@
-/* vll-eventlog: shows the event log from the shell. */
+/* vll-eventlog: shows the event log from the shell. It uses the public operations alone. */
 #include <errno.h>
 #include <getopt.h>
 #include <stdio.h>
@@ -10,7 +10,7 @@
 
 enum { DONE = 0, USAGE = 2, TROUBLE = 3 };
 
-/* How often a follower looks, and by how many records it finds its place again. */
+/* The pause between two looks of --follow, and the number of shown records by which it finds its place again. */
 enum { FOLLOW_US = 500000, ANCHOR_RECORDS = 16 };
 
 /* No record has more bytes. */
@@ -32,13 +32,13 @@ struct Options {
     long last; /* -1: all */
 };
 
-/* Records in one block, each with its Length first. */
+/* The result of one read: records back to back, each with its Length first. */
 struct Records {
     uint32_t words[BUFFER_SIZE / 4];
     DWORD size;
 };
 
-/* What a follower saw last, oldest first. */
+/* The records that were shown last, oldest first. */
 struct Anchor {
     uint32_t words[ANCHOR_RECORDS][RECORD_SIZE / 4];
     int count;
@@ -110,7 +110,7 @@ static void printJsonText(const char *text) {
     putchar('"');
 }
 
-/* What a terminal would obey is not printed. */
+/* Control characters are replaced, since a terminal acts on them. */
 static void printPlainText(const char *text) {
     for (; *text != '\0'; ++text) {
         const unsigned char c = (unsigned char)*text;
@@ -145,7 +145,7 @@ static void printRecord(const EVENTLOGRECORD *record, int json) {
     putchar('\n');
 }
 
-/* Notes what was shown, in the order of the log. */
+/* Adds a record to those that were shown, in the order of the log. */
 static void remember(struct Anchor *anchor, const EVENTLOGRECORD *record) {
     if (anchor->count == ANCHOR_RECORDS) {
         memmove(anchor->words[0], anchor->words[1], sizeof anchor->words - sizeof anchor->words[0]);
@@ -154,7 +154,7 @@ static void remember(struct Anchor *anchor, const EVENTLOGRECORD *record) {
     memcpy(anchor->words[anchor->count++], record, record->Length);
 }
 
-/* True when two records say the same; their numbers may differ. */
+/* True when two records are equal but for their numbers. */
 static int sameRecord(const EVENTLOGRECORD *a, const EVENTLOGRECORD *b) {
     return a->Length == b->Length && a->TimeGenerated == b->TimeGenerated && a->EventType == b->EventType &&
            memcmp(a + 1, b + 1, a->Length - sizeof *a) == 0;
@@ -166,7 +166,7 @@ static int readSome(void *log, DWORD flags, DWORD number, struct Records *record
                            &needed);
 }
 
-/* Shows what a read starts with and all behind it. */
+/* Shows the records of a read and of all sequential reads after it. */
 static void showFrom(void *log, DWORD flags, DWORD number, const struct Options *options,
                      struct Anchor *anchor) {
     static struct Records records;
@@ -181,7 +181,7 @@ static void showFrom(void *log, DWORD flags, DWORD number, const struct Options 
     }
 }
 
-/* The number of the count-th record from the newest, or of the oldest; 0 when there is none. */
+/* The number of the count-th record from the newest, or of the oldest when there are fewer; 0 when there is none. */
 static DWORD numberFromEnd(void *log, DWORD total, long count) {
     static struct Records records;
     DWORD flags = EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ;
@@ -197,7 +197,7 @@ static DWORD numberFromEnd(void *log, DWORD total, long count) {
     return number;
 }
 
-/* True when the records up to this number are those of the anchor, as many of them as the log has. */
+/* True when the records up to this number equal those of the anchor, as far as the log goes back. */
 static int isPlace(void *log, const struct Anchor *anchor, DWORD number) {
     static struct Records records;
     int left = anchor->count;
@@ -215,7 +215,7 @@ static int isPlace(void *log, const struct Anchor *anchor, DWORD number) {
     return 1;
 }
 
-/* The record that was shown last, by its number now: numbers shift when the log is rotated. 0: it is gone. */
+/* The present number of the record that was shown last, which a rotation of the log changes. 0: the record is gone. */
 static DWORD findPlace(void *log, const struct Anchor *anchor, DWORD total) {
     static struct Records records;
     const EVENTLOGRECORD *last;
@@ -261,6 +261,21 @@ static int follow(void *log, const struct Options *options, struct Anchor *ancho
     }
 }
 
+/* Shows the records from the newest to one of them. */
+static void showReverse(void *log, DWORD newest, DWORD oldest, const struct Options *options) {
+    static struct Records records;
+    DWORD flags = EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ;
+    while (oldest != 0 && readSome(log, flags, newest, &records)) {
+        DWORD at;
+        for (at = 0; at < records.size; at += recordAt(records.words + at / 4)->Length) {
+            if (recordAt(records.words + at / 4)->RecordNumber >= oldest) {
+                printRecord(recordAt(records.words + at / 4), options->json);
+            }
+        }
+        flags = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ;
+    }
+}
+
 static int show(void *log, const struct Options *options) {
     static struct Anchor anchor;
     DWORD total;
@@ -272,17 +287,7 @@ static int show(void *log, const struct Options *options) {
         first = numberFromEnd(log, total, options->last);
     }
     if (options->reverse) {
-        static struct Records records;
-        DWORD flags = EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ;
-        while (first != 0 && readSome(log, flags, total, &records)) {
-            DWORD at;
-            for (at = 0; at < records.size; at += recordAt(records.words + at / 4)->Length) {
-                if (recordAt(records.words + at / 4)->RecordNumber >= first) {
-                    printRecord(recordAt(records.words + at / 4), options->json);
-                }
-            }
-            flags = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ;
-        }
+        showReverse(log, total, first, options);
     } else if (first != 0) {
         showFrom(log, EVENTLOG_SEEK_READ | EVENTLOG_FORWARDS_READ, first, options, &anchor);
     }
@@ -290,13 +295,35 @@ static int show(void *log, const struct Options *options) {
         return writeOut();
     }
     if (anchor.count == 0) {
-        /* What is there already is not new, also where none of it was to be shown. */
+        /* The records that are there already are not new, also when none of them was to be shown. */
         static struct Records newest;
         if (readSome(log, EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ, total, &newest)) {
             remember(&anchor, recordAt(newest.words));
         }
     }
     return follow(log, options, &anchor);
+}
+
+static int count(void) {
+    DWORD total;
+    if (!vllGetNumberOfEventLogRecords(NULL, &total)) {
+        return trouble("log");
+    }
+    printf("%u\n", total);
+    return writeOut();
+}
+
+static int clear(void) {
+    DWORD total;
+    vllClearEventLog(NULL, NULL);
+    if (!vllGetNumberOfEventLogRecords(NULL, &total)) {
+        return trouble("log");
+    }
+    if (total != 0) {
+        fprintf(stderr, "vll-eventlog: log: %u lines are left\n", total);
+        return TROUBLE;
+    }
+    return DONE;
 }
 
 /* The options of the command line: DONE or USAGE. */
@@ -356,24 +383,10 @@ int main(int argc, char **argv) {
         return USAGE;
     }
     if (options.count) {
-        DWORD total;
-        if (!vllGetNumberOfEventLogRecords(NULL, &total)) {
-            return trouble("log");
-        }
-        printf("%u\n", total);
-        return writeOut();
+        return count();
     }
     if (options.clear) {
-        DWORD total;
-        vllClearEventLog(NULL, NULL);
-        if (!vllGetNumberOfEventLogRecords(NULL, &total)) {
-            return trouble("log");
-        }
-        if (total != 0) {
-            fprintf(stderr, "vll-eventlog: log: %u lines are left\n", total);
-            return TROUBLE;
-        }
-        return DONE;
+        return clear();
     }
     log = vllOpenEventLog(NULL, NULL);
     if (log == NULL) {

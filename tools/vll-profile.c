@@ -1,4 +1,4 @@
-/* vll-profile: reads and edits profile (INI) files from the shell. */
+/* vll-profile: reads and edits profile (INI) files from the shell. It uses nothing but the public operations. */
 #include <ctype.h>
 #include <errno.h>
 #include <stdio.h>
@@ -10,7 +10,7 @@
 
 enum { DONE = 0, NOT_FOUND = 1, USAGE = 2, TROUBLE = 3 };
 
-/* A value has 1023 bytes at most. */
+/* A value has at most 1023 bytes, and a terminator. */
 enum { VALUE_SIZE = 1024 };
 
 static const char usage_text[] =
@@ -24,7 +24,7 @@ static const char usage_text[] =
     "Exit status: 0 done, 1 no such file, section or key, 2 wrong usage, 3 the file cannot be read or "
     "written.\n";
 
-/* The last error as a message and an exit status. what may be null. */
+/* Prints the last error as a message about the file, or about something in it (what may be null): the exit status. */
 static int fail(const char *file, const char *what) {
     const int error = errno;
     if (what != NULL && what[0] != '\0') {
@@ -43,12 +43,12 @@ static int wrongUsage(void) {
     return USAGE;
 }
 
-/* A section as the library takes it. */
+/* An empty argument stands for the section without a name, which is null for the library. */
 static const char *sectionOf(const char *argument) {
     return argument[0] != '\0' ? argument : NULL;
 }
 
-/* What a list is read with. */
+/* Reads a list: the number of bytes, or (DWORD)-1. */
 typedef DWORD (*Reader)(const char *section, char *buffer, DWORD size, const char *file);
 
 static DWORD readSections(const char *section, char *buffer, DWORD size, const char *file) {
@@ -56,13 +56,13 @@ static DWORD readSections(const char *section, char *buffer, DWORD size, const c
     return vllReadAllSections(NULL, buffer, size, file);
 }
 
-/* An entry list of a missing file is empty, too: the last error tells it apart. */
+/* The library gives 0 for an empty list and for a failure: only a failure sets the last error. */
 static DWORD readEntries(const char *section, char *buffer, DWORD size, const char *file) {
     const DWORD count = vllGetPrivateProfileSection(section, buffer, size, file);
     return count == 0 && errno != 0 ? (DWORD)-1 : count;
 }
 
-/* A section without keys is not missing: its empty list of entries tells. */
+/* The library gives ENOENT for a section without keys, too. Its list of entries shows whether it exists. */
 static DWORD readKeys(const char *section, char *buffer, DWORD size, const char *file) {
     const DWORD count = vllReadAllValues(section, NULL, buffer, size, file);
     if (count == 0 && errno == ENOENT) {
@@ -72,7 +72,7 @@ static DWORD readKeys(const char *section, char *buffer, DWORD size, const char 
     return count;
 }
 
-/* A list in a block of its own, to be freed; null with the last error. */
+/* Reads a list into a block that is large enough and that the caller frees: null with the last error. */
 static char *readList(Reader reader, const char *section, const char *file) {
     DWORD size;
     for (size = 16384; size < 1U << 31; size *= 2) {
@@ -115,7 +115,7 @@ static int get(const char *file, const char *section, const char *key, const cha
     return fail(file, key);
 }
 
-/* True when a value reads back as it is written, which it does not for its blanks, comment signs and quotes. */
+/* True when a value is read back as it is written. Blanks at its ends, comments and quotes prevent it. */
 static int isPlain(const char *value) {
     const char *c;
     if (value[0] == '"' || value[0] == '\'' || isspace((unsigned char)value[0])) {
@@ -129,7 +129,7 @@ static int isPlain(const char *value) {
     return 1;
 }
 
-/* Puts a value between quotes: null when no profile can hold it. */
+/* Puts a value between quotes: null when it would still not be read back as it is. */
 static const char *quoted(const char *value, char *buffer) {
     const char quote = strchr(value, '"') == NULL ? '"' : '\'';
     const size_t length = strlen(value);
@@ -166,7 +166,7 @@ static int list(Reader reader, const char *section, const char *file) {
     return DONE;
 }
 
-/* True when a section was already shown: the library reads the first of a name. */
+/* True when a section of this name was shown already. Of several, the library reads the first. */
 static int isRepeated(const char *names, const char *name) {
     for (; names < name; names += strlen(names) + 1) {
         if (strcasecmp(names, name) == 0) {
@@ -194,7 +194,7 @@ static int showAll(const char *file) {
     return status;
 }
 
-/* The number of arguments is that of the command line, name and command included. */
+/* Runs the command: its exit status. The count includes the names of the program and of the command. */
 static int run(int count, char **arguments) {
     const char *command = count > 2 ? arguments[1] : "";
     const char *file = count > 2 ? arguments[2] : "";

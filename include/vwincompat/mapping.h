@@ -8,6 +8,11 @@
  * whoever opens it otherwise gets a new one, all zeros. A child of fork(2) holds what its parent held, and
  * after exec(3) nothing is held. The name itself stays in the file system, empty, when nobody uses it.
  *
+ * Programs that do not use the library take part if they follow its record locks (fcntl(2), on the whole
+ * object): the exclusive lock, tried without waiting, to initialise an object or to empty it, else the shared
+ * lock while it is used. An object of length 0 has not been initialised: who finds one with the shared lock
+ * drops the lock, waits a little and tries the exclusive lock again.
+ *
  * A shared variable (sharing.h) and a mapping, mutex or semaphore of the same name must not be used in one
  * process: their locks undo one another.
  *
@@ -44,9 +49,11 @@ extern "C" {
 /**
  * Makes a file mapping, or opens the named one that exists.
  *
- * A creation with a name may block for the moment in which another process initialises the same object. The
- * memory of an object without a file is taken at the first access to each page; when the file system of the
- * shared memory is full then, the access faults (SIGBUS).
+ * A creation with a name may block for the moment in which another process initialises the same object, and
+ * for about a second when others use an empty object of this name (a mapping of size 0, or a read-only one
+ * that nobody created); it then joins them, and finds no content. The memory of an object without a file is
+ * taken at the first access to each page; when the file system of the shared memory is full then, the access
+ * faults (SIGBUS).
  *
  * @param hFile     a descriptor of an open file, of which the mapping keeps a duplicate, or
  *                  INVALID_HANDLE_VALUE for memory without a file. The file keeps its size; as with any
@@ -69,7 +76,7 @@ extern "C" {
  *                has the name that the library chose.
  * @error EMFILE, ENFILE  no descriptor is left.
  * @error ENOSPC  the file system of the shared memory is full.
- * @error others  as dup(2), shm_open(3), flock(2), fcntl(2) and ftruncate(2) give them.
+ * @error others  as dup(2), shm_open(3), fcntl(2) and ftruncate(2) give them.
  * @cancel  Not a cancellation point.
  * @thread  Safe from any thread, also with one name at once.
  */

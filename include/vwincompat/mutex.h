@@ -4,7 +4,9 @@
  *
  * vllWaitForSingleObject() acquires a mutex. A named mutex exists while some process holds a handle of it;
  * its name is one of shm_open(3), shared with semaphores and file mappings (mapping.h). A mutex whose last
- * handle (in this process, for a named one) is closed by its owner is released first.
+ * handle (in this process, for a named one) is closed by its owner is released first. A named mutex whose last
+ * handle is closed while another thread of the process owns it stays that thread's, until the thread releases
+ * it through a new handle, or ends.
  *
  * Example: let one process at a time use a device.
  *
@@ -37,7 +39,8 @@ extern "C" {
 /**
  * Makes a mutex, or opens the named one that exists.
  *
- * A creation with a name may block for the moment in which another process initialises the same object.
+ * A creation with a name may block for the moment in which another process initialises the same object, and
+ * for about a second when others use an empty object of this name.
  *
  * @param bInitialOwner  not 0: the caller owns the new mutex. Ignored when the named one exists.
  * @param lpName         a name as shm_open(3) takes it: up to 255 bytes after any leading slashes, without
@@ -52,7 +55,7 @@ extern "C" {
  * @error EACCES  the object belongs to another user, who does not let the caller read and write it.
  * @error EMFILE, ENFILE  no descriptor is left (with a name).
  * @error ENOSPC  the file system of the shared memory is full (with a name).
- * @error others  as shm_open(3), flock(2), fcntl(2), ftruncate(2) and mmap(2) give them (with a name).
+ * @error others  as shm_open(3), fcntl(2), ftruncate(2) and mmap(2) give them (with a name).
  * @cancel  Not a cancellation point.
  * @thread  Safe from any thread, also with one name at once.
  */

@@ -48,7 +48,7 @@ typedef struct PROCESS_INFORMATION {
 #define VLL_PATH_SIZE 512
 
 /**
- * Starts a program in a child process, fork(2) and execve(2), and a thread that waits for it.
+ * Starts a program in a child process, clone(2) and execve(2), and a thread that waits for it.
  *
  * The argument vector is the application name, if there is one, followed by the tokens of the command line.
  * So with both, the first token of the command line becomes argument 1. Tokens are separated by white space;
@@ -61,18 +61,20 @@ typedef struct PROCESS_INFORMATION {
  * and its PATH ends with it: PATH, ':', the directory.
  *
  * The child inherits all descriptors that are not close-on-exec, the environment and the signal mask; signals
- * that have a handler here are at their default there. Of the caller's memory the child uses nothing that
- * another thread could have left locked: the operation is safe in a process with many threads.
+ * that have a handler here are at their default there. The child neither allocates nor takes a lock before it
+ * executes the program: the operation is safe in a process with many threads.
  *
  * hProcess is signalled when the process has ended or was stopped by a signal; the caller closes it with
  * vllCloseHandle(). A process that ends is reaped at once, so no zombie remains; one that was stopped is not
  * watched any further: ask vllGetExitCodeProcess() for its end. The record is not used after the call.
  *
- * The call does not wait until the child runs its program.
+ * The call returns when the child has executed its program or failed. The child shares the caller's memory
+ * until then, as with vfork(2), and no handler of pthread_atfork(3) runs. After the call the child counts
+ * for nothing that the caller uses: its close-on-exec descriptors are closed.
  *
- * When the directory or the program cannot be used the call has succeeded already: the child logs
- * "vllCreateProcess() - chdir() FAILED, ..." or "vllCreateProcess() - exec() FAILED, ..." and ends with the
- * error number as its status.
+ * When the directory or the program cannot be used, the call succeeds all the same: it logs
+ * "vllCreateProcess() - chdir() FAILED, ..." or "vllCreateProcess() - exec() FAILED, ...", and the child ends
+ * with the error number as its status.
  *
  * @param lpApplicationName     the program; may be null.
  * @param lpCommandLine         the command line, which is not changed; may be null.
@@ -87,7 +89,7 @@ typedef struct PROCESS_INFORMATION {
  * @error EAGAIN  the limit of processes is reached, which is logged; or as vllCreateThread() gives it, with a
  *                child that runs on.
  * @error EMFILE, ENFILE  as vllCreateThread() gives them, with a child that runs on.
- * @error others  as fork(2) gives them, which is logged.
+ * @error others  as clone(2) gives them, which is logged.
  * @cancel  Not a cancellation point.
  * @thread  Safe from any thread, but not while another one changes the environment (setenv(3)).
  */
@@ -221,7 +223,7 @@ VLL_API int32_t vllSleep(DWORD dwMilliseconds);
  *          runs, or there is no pidof, the last error is unspecified.
  * @error EINVAL  lpProgramName is null or empty, begins with '-', or has another character; nothing is run.
  * @error ENAMETOOLONG  lpProgramName is longer than 43 bytes; nothing is run.
- * @error others  as popen(3) gives them.
+ * @error others  as pipe(2) and clone(2) give them.
  * @cancel  A cancellation point while it waits for the answer. The thread ends after pidof has ended.
  * @thread  Safe from any thread, but not while another one changes the environment (setenv(3)).
  */

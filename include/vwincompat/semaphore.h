@@ -37,7 +37,8 @@ extern "C" {
 /**
  * Makes a semaphore, or opens the named one that exists.
  *
- * A creation with a name may block for the moment in which another process initialises the same object.
+ * A creation with a name may block for the moment in which another process initialises the same object, and
+ * for about a second when others use an empty object of this name.
  *
  * @param lInitialCount  the number of units, 0 to SEM_VALUE_MAX. Ignored when the named one exists.
  * @param lpName         a name as shm_open(3) takes it: up to 255 bytes after any leading slashes, without
@@ -53,7 +54,7 @@ extern "C" {
  * @error EACCES  the object belongs to another user, who does not let the caller read and write it.
  * @error EMFILE, ENFILE  no descriptor is left (with a name).
  * @error ENOSPC  the file system of the shared memory is full (with a name).
- * @error others  as shm_open(3), flock(2), fcntl(2), ftruncate(2) and mmap(2) give them (with a name).
+ * @error others  as shm_open(3), fcntl(2), ftruncate(2) and mmap(2) give them (with a name).
  * @cancel  Not a cancellation point.
  * @thread  Safe from any thread, also with one name at once.
  */

@@ -93,7 +93,8 @@ VLL_API SharedVar *vllSharedVarInit(const char *name, DWORD size, int32_t mode);
  * @error ENOLCK  the system has no record locks left.
  * @error ENOSPC  the file system of the shared memory is full (SHVAR_WRITE).
  * @error others  as fcntl(2), pread(2), pwrite(2) and msync(2) give them.
- * @cancel  A cancellation point, also when it need not wait for the lock: nothing is copied.
+ * @cancel  A cancellation point, also when it need not wait for the lock: nothing is copied, and the lock is
+ *          not held.
  * @thread  Safe from any thread with different variables. The lock belongs to the process: threads that share
  *          a variable, or have one open twice, must take turns.
  */
@@ -150,11 +151,11 @@ extern VLL_API uintptr_t server_thread_id;
 /**
  * Publishes an open descriptor under a name, for any process of the machine (of the network namespace) to
  * fetch. The first one starts the server, which owns the abstract socket "SHARING_FD_SERVER": only one
- * process at a time is served, and what another one publishes is not found. The server's thread starts beside
- * the caller: right after the first publication it may not answer yet, and a lookup then fails with
- * ECONNREFUSED. A forked child starts with an empty registry.
+ * process at a time is served, and what another one publishes is not found. When the first publication of the
+ * process that is served has returned, a lookup succeeds. A forked child starts with an empty registry.
  *
- * It blocks while vllDeallocateSharedFdList() runs in another thread.
+ * It blocks while vllDeallocateSharedFdList() runs in another thread; and the first publication for up to a
+ * second while a child that is being started holds the address of an earlier server of this process.
  *
  * @param descriptor  an open descriptor. It stays the caller's, and must stay open while it is to be fetched:
  *                    once it is closed, its number may name something else, which would be handed out
@@ -183,7 +184,7 @@ VLL_API BOOL vllSetSharedFileDescriptor(int32_t descriptor, const char *name);
  * @error EBADE  the server could not read the name, because it is longer than 1,023 bytes.
  * @error EAGAIN  no descriptor came: the publisher has closed it, or the server has ended; or the caller has
  *                no descriptor left for it.
- * @error ECONNREFUSED  there is no server: no process has published anything, or none has yet begun to serve.
+ * @error ECONNREFUSED  there is no server: no process has published anything.
  * @error EMFILE, ENFILE  no descriptor is left.
  * @error others  as socket(2), connect(2), sendmsg(2) and recvmsg(2) give them.
  * @cancel  A cancellation point while it blocks: no descriptor is received.
@@ -194,8 +195,7 @@ VLL_API int32_t vllGetSharedFileDescriptor(const char *name);
 /**
  * Empties the registry and ends the server, and waits for its end. The published descriptors stay open. On
  * return the socket's address is free, also when the server was busy with a client. Only a child that is
- * being started meanwhile may hold it a moment longer; the next server of this process waits up to a second
- * for that.
+ * being started meanwhile may hold it a moment longer.
  *
  * @return  0, or an error number as pthread_cancel(3) gives it.
  * @error none  the error number is the result.

@@ -31,7 +31,7 @@ extern "C" {
 
 /**
  * Switches the machine off at once with reboot(2) and RB_POWER_OFF, or reboots it by running /sbin/reboot
- * with system(3), for which it waits. Both take the privilege to do so.
+ * in a shell, as system(3) does, for which it waits. Both take the privilege to do so.
  *
  * When it switches off, nothing is stopped or written back first: call sync(2) before.
  *
@@ -41,7 +41,7 @@ extern "C" {
  * @error ENOENT  /sbin/reboot cannot be run.
  * @error EIO  /sbin/reboot failed.
  * @error ECHILD  the process ignores SIGCHLD, so that the outcome of /sbin/reboot is unknown.
- * @error others  as reboot(2) and system(3) give them.
+ * @error others  as reboot(2), clone(2) and, for the shell, execve(2) give them.
  * @cancel  A cancellation point while it waits for /sbin/reboot: the shell that runs it is killed. Otherwise
  *          it is not a cancellation point.
  * @thread  Safe from any thread.

@@ -1,10 +1,11 @@
-// The C++ runtime's per-thread exception state, in the place of the static runtime's own. That one is reached
-// through the dynamic loader, which would become a dependency of the library; this one is not. No exception
-// is ever thrown here: the state only serves the runtime on its way to std::terminate().
+// The per-thread exception state of the C++ runtime. This definition replaces the one in the static runtime, which
+// reaches its thread-local storage through the dynamic loader and would make the library depend on it. The library
+// throws no exception: the runtime uses this state only on its way to std::terminate().
 
 namespace {
 
-// caught exceptions, their count, and on ARM those in propagation: three words at most, opaque to us.
+// Three words at most: the caught exceptions, the number of uncaught ones and, on ARM, those in propagation. Only the
+// runtime reads them.
 __thread void *exception_state[3] __attribute__((tls_model("initial-exec")));
 
 }  // namespace

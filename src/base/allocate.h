@@ -1,5 +1,5 @@
-// Heap blocks. They come from malloc(3), since some are handed to callers who free them, and no exception may
-// leave the library.
+// Heap blocks. They come from malloc(3): some are handed to callers who free them, and no exception may leave the
+// library.
 #pragma once
 
 #include <cerrno>
@@ -28,7 +28,7 @@ HeapBlock<T> vlliAllocate(size_t count = 1) {
     return HeapBlock<T>(static_cast<T *>(block));
 }
 
-// Copies a string to the heap: null with ENOMEM when that is not possible.
+// Copies a string to the heap: null with ENOMEM when there is no memory.
 inline HeapBlock<char> vlliCopyString(const char *text) {
     const size_t size = strlen(text) + 1;
     HeapBlock<char> copy = vlliAllocate<char>(size);

@@ -1,18 +1,19 @@
 /*
- * On 32-bit ARM several blocking calls of the C library carry no unwind data. A thread that is cancelled inside
- * one of them cannot be unwound frame by frame: it runs no C++ destructor of the frames above, and no cleanup
- * handler pushed by C++ code. A handler pushed by C code is entered by longjmp() instead, whatever lies below
- * it, and unwinding goes on from its frame. So each call here stands in such a frame, even with nothing
- * to clean up: the frames above are unwound as on every other machine.
+ * Wrappers around blocking calls, which a cancelled thread can be unwound from on every machine.
  *
- * This file is built as C without -fexceptions (which would make the handlers unwinder-driven) and with unwind
- * tables (so that unwinding can leave its frames).
+ * On 32-bit ARM several blocking calls of the C library carry no unwind data. The unwinding of a thread that is
+ * cancelled inside one of them stops there: it runs neither the C++ destructors of the calling functions nor cleanup
+ * handlers that C++ code has pushed. A cleanup handler that C code has pushed is different: the C library enters it
+ * by longjmp(), whatever stands below it on the stack, and then continues unwinding from the frame of the handler.
+ * So every wrapper pushes such a handler around its call, even when there is nothing to clean up.
+ *
+ * This file must be built as C without -fexceptions, which would have the handlers run by the unwinder, and with unwind
+ * tables, which the unwinding of the wrappers' own frames needs.
  */
 #include "base/blocking.h"
 
 #include <errno.h>
 #include <pthread.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,7 +26,7 @@ static void nothingToCleanUp(void *argument) {
     (void)argument;
 }
 
-/* Evaluates a blocking call in a frame from which unwinding can start. */
+/* Makes a blocking call under a cleanup handler, from which unwinding can continue, and returns its result. */
 #define VLL_BLOCK(type, call)                     \
     type result;                                  \
     pthread_cleanup_push(nothingToCleanUp, NULL); \
@@ -103,11 +104,7 @@ int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remai
     VLL_BLOCK(int, nanosleep(duration, remaining));
 }
 
-int vlliBlockInSystem(const char *command) {
-    VLL_BLOCK(int, system(command));
-}
-
-/* An ioctl is no cancellation point: it can be left only while the thread is asynchronously cancellable. */
+/* ioctl(2) is no cancellation point, so that the thread is made asynchronously cancellable while it waits. */
 int vlliBlockInModemWait(int port, int lines) {
     int result;
     int type;

@@ -1,4 +1,6 @@
-// The room for calls that block or may be cancelled. See blocking.c.
+// Wrappers around the calls of the C library that block. A thread that is cancelled inside one of them is unwound as
+// it should be, also on 32-bit ARM, where a direct call would skip every destructor (blocking.c says why). Each
+// wrapper has the results of the call that it is named after.
 #pragma once
 
 #include <fcntl.h>
@@ -14,11 +16,11 @@
 extern "C" {
 #endif
 
-// Runs body(argument), then cleanup(argument): also when the thread is cancelled or exits inside body,
-// whatever code it is in, with or without unwind tables.
+// Runs body(argument), then cleanup(argument). The cleanup also runs when the thread is cancelled or exits inside
+// body, even in code without unwind tables.
 void vlliCallWithCleanup(void (*body)(void *), void (*cleanup)(void *), void *argument);
 
-// The blocking calls, cancellation points all, with the results of the call that they are named after.
+// Cancellation points.
 int vlliBlockInEpollWait(int epfd, struct epoll_event *events, int max_events, int timeout_ms);
 int vlliBlockInPoll(struct pollfd *fds, nfds_t count, int timeout_ms);
 int vlliBlockInLockWait(int fd, int command, struct flock *lock);
@@ -33,10 +35,9 @@ ssize_t vlliBlockInSendmsg(int socket, const struct msghdr *message, int flags);
 ssize_t vlliBlockInRecvmsg(int socket, struct msghdr *message, int flags);
 pid_t vlliBlockInWaitpid(pid_t pid, int *status, int options);
 int vlliBlockInNanosleep(const struct timespec *duration, struct timespec *remaining);
-int vlliBlockInSystem(const char *command);
 int vlliBlockInModemWait(int port, int lines);
 
-// No cancellation points, but a thread of asynchronous cancelability may be cancelled inside.
+// No cancellation points, but a thread that is asynchronously cancellable may be cancelled inside.
 int vlliBlockInMutexLock(pthread_mutex_t *mutex);
 int vlliBlockInMutexTimedlock(pthread_mutex_t *mutex, const struct timespec *deadline);
 

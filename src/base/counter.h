@@ -11,8 +11,8 @@ BOOL vlliRaiseCounter(int fd);
 // Reads the counter of an eventfd or timerfd, which clears it: the result of read(2). Not a cancellation point.
 ssize_t vlliTakeCounter(int fd);
 
-// For ThreadSanitizer, which cannot see that a signal orders memory when the waiter does not read the counter: what
-// happened before a signal was raised is visible to a thread that has seen the signal.
+// What happened before a counter was raised is visible to a thread that has seen it raised. ThreadSanitizer cannot
+// see this order when the waiter does not read the counter, so both sides announce it.
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void *address);
 extern "C" void __tsan_release(void *address);

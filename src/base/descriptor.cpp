@@ -1,4 +1,4 @@
-// Descriptors. Nothing here is a cancellation point but the transfers, which call read(2) and write(2).
+// Descriptors. Only the transfers are cancellation points: they call read(2) and write(2).
 
 #include "base/descriptor.h"
 
@@ -27,7 +27,8 @@ int vlliSetNonBlocking(int fd) {
 int vlliOpenSharedMemory(const char *name, int flags, mode_t mode) {
     const int last_error = errno;
     int fd = vlliRetryOnEintr([&] { return shm_open(name, flags, mode); });
-    // Where fs.protected_regular is set, O_CREAT refuses the object of another user that may well be opened.
+    // With fs.protected_regular set, O_CREAT refuses an existing object of another user, which may still be opened
+    // without O_CREAT.
     if (fd == -1 && errno == EACCES && (flags & (O_CREAT | O_EXCL)) == O_CREAT) {
         fd = vlliOpenSharedMemory(name, flags & ~O_CREAT, mode);
         errno = fd == -1 ? EACCES : last_error;

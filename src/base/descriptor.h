@@ -1,4 +1,4 @@
-// Descriptors: owning one, and moving bytes until all have been moved.
+// Descriptors: closing them at the end of a scope, and reading and writing until all bytes have been moved.
 #pragma once
 
 #include <sys/types.h>
@@ -9,17 +9,18 @@
 // close(2), called once, without being a cancellation point: 0, or -1 with errno.
 int vlliCloseFd(int fd);
 
-// A descriptor that is closed at the end of its scope, with errno kept.
-class Fd final {
+// A descriptor that belongs to a scope: it is passed to end(), with errno kept, unless it is released before.
+template <auto end>
+class OwnedFd final {
   public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() { reset(); }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    // noexcept is sound: closing is no cancellation point, so that nothing unwinds from here.
-    Fd(Fd &&other) noexcept : fd_(other.release()) {}
-    Fd &operator=(Fd &&other) noexcept {
+    OwnedFd() = default;
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    ~OwnedFd() { reset(); }
+    OwnedFd(const OwnedFd &) = delete;
+    OwnedFd &operator=(const OwnedFd &) = delete;
+    // noexcept is sound: no end() is a cancellation point, so nothing unwinds from here.
+    OwnedFd(OwnedFd &&other) noexcept : fd_(other.release()) {}
+    OwnedFd &operator=(OwnedFd &&other) noexcept {
         reset(other.release());
         return *this;
     }
@@ -34,7 +35,7 @@ class Fd final {
     void reset(int fd = -1) {
         if (fd_ >= 0) {
             const KeepErrno keep_errno;
-            vlliCloseFd(fd_);
+            end(fd_);
         }
         fd_ = fd;
     }
@@ -43,14 +44,17 @@ class Fd final {
     int fd_ = -1;
 };
 
+// A descriptor that is closed at the end of its scope.
+using Fd = OwnedFd<vlliCloseFd>;
+
 // Makes a descriptor non-blocking and clears its other status flags: 0, or -1 with errno.
 int vlliSetNonBlocking(int fd);
 
-// shm_open(3), also of an object of another user with O_CREAT: a descriptor, or -1 with errno.
+// shm_open(3), which with O_CREAT also opens an existing object of another user: a descriptor, or -1 with errno.
 int vlliOpenSharedMemory(const char *name, int flags, mode_t mode);
 
-// Calls transfer(offset, size), a read or write of up to size bytes that continues at that offset, until size bytes
-// have been moved, the end is reached (a result of 0), or it fails. Interrupted calls are made again.
+// Calls transfer(offset, size), which reads or writes up to size bytes at that offset of the transfer, until all
+// bytes have been moved, a call returns 0 (the end is reached), or a call fails. Interrupted calls are made again.
 // The number of bytes moved, or -1 with errno.
 template <typename Transfer>
 ssize_t vlliTransferFully(size_t size, Transfer transfer) {

@@ -1,3 +1,5 @@
+// The last error as callers see it, and messages that contain the system's text for an error.
+
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -14,7 +16,7 @@ namespace {
 using ErrorText = std::array<char, 128>;
 
 void fillErrorText(int error, ErrorText *text) {
-    // The GNU form of strerror_r() may answer with a text of its own instead of filling the buffer.
+    // The GNU form of strerror_r() may return a static text instead of filling the buffer.
     const KeepErrno keep_errno;
     text->fill('\0');
     const char *system_text = strerror_r(error, text->data(), text->size());
@@ -51,7 +53,7 @@ int32_t vllFormatErrorMessage(char **message, const char *prefix, int32_t error,
     if (length > INT32_MAX) {
         return Fail(EOVERFLOW, -1);
     }
-    HeapBlock<char> buffer(static_cast<char *>(malloc(length + 1)));
+    HeapBlock<char> buffer = vlliAllocate<char>(length + 1);
     if (buffer == nullptr) {
         return -1;
     }

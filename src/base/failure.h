@@ -1,9 +1,9 @@
-// The last error: how operations set it, and how everything on a way out keeps it.
+// The last error, errno: setting it when an operation fails, and keeping it over clean-up.
 #pragma once
 
 #include <cerrno>
 
-// Keeps errno over a scope: clean-up never changes the last error.
+// Keeps errno over a scope. Clean-up runs in such a scope, so that it never changes the last error.
 class KeepErrno {
   public:
     KeepErrno() : saved_(errno) {}
@@ -39,8 +39,8 @@ class [[nodiscard]] Fail<void> {
 
 Fail(int)->Fail<void>;
 
-// The result of a call that returns an error number instead of setting errno, as the pthread calls do: true for 0;
-// otherwise false, with the number in errno.
+// For calls that return an error number instead of setting errno, as the pthread calls do: true for 0, otherwise
+// false with the number in errno.
 inline bool vlliSucceeded(int error) {
     if (error != 0) {
         errno = error;
@@ -48,7 +48,7 @@ inline bool vlliSucceeded(int error) {
     return error == 0;
 }
 
-// Makes a system call again for as long as a signal interrupts it. The result of the call that was not interrupted.
+// Makes a system call again for as long as signals interrupt it. The result of the call that was not interrupted.
 template <typename Call>
 auto vlliRetryOnEintr(Call call) -> decltype(call()) {
     for (;;) {

@@ -18,6 +18,30 @@ struct flock wholeFile(int type) {
     return lock;
 }
 
+// A wait for a lock.
+struct LockWait {
+    int fd;
+    int command;
+    struct flock lock;
+    int result;
+    bool done;
+};
+
+void waitForLock(void *argument) {
+    auto *wait = static_cast<LockWait *>(argument);
+    wait->result =
+        vlliRetryOnEintr([&] { return vlliBlockInLockWait(wait->fd, wait->command, &wait->lock); });
+    wait->done = true;
+}
+
+// A thread may be cancelled when it has just got the lock.
+void unlockIfCancelled(void *argument) {
+    const auto *wait = static_cast<const LockWait *>(argument);
+    if (!wait->done) {
+        vlliLockFile(wait->fd, wait->command, F_UNLCK);
+    }
+}
+
 }  // namespace
 
 int vlliLockFile(int fd, int command, int type) {
@@ -27,6 +51,7 @@ int vlliLockFile(int fd, int command, int type) {
 }
 
 int vlliWaitForFileLock(int fd, int command, int type) {
-    struct flock lock = wholeFile(type);
-    return vlliRetryOnEintr([&] { return vlliBlockInLockWait(fd, command, &lock); });
+    LockWait wait = {fd, command, wholeFile(type), -1, false};
+    vlliCallWithCleanup(waitForLock, unlockIfCancelled, &wait);
+    return wait.result;
 }

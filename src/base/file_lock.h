@@ -5,5 +5,5 @@
 // open-file-description forms. Interrupted calls are made again. Not a cancellation point: 0, or -1 with errno.
 int vlliLockFile(int fd, int command, int type);
 
-// The same as a cancellation point while it waits.
+// The same as a cancellation point. A thread that is cancelled in it holds no lock on the file afterwards.
 int vlliWaitForFileLock(int fd, int command, int type);

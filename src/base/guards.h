@@ -3,7 +3,8 @@
 
 #include <pthread.h>
 
-// Disables cancellation for a scope: for clean-up, for logging, and for calls that are cancellation points by accident.
+// Disables cancellation for a scope: for clean-up, for logging, and for calls that are cancellation points by
+// accident.
 class NoCancel {
   public:
     NoCancel() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }

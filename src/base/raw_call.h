@@ -1,8 +1,8 @@
-// How short calls on descriptors that never block are kept from being cancellation points.
+// How calls that never block are kept from being cancellation points.
 #pragma once
 
-// The raw system call is cheaper than disabling cancellation around the C library's function, but ThreadSanitizer
-// sees only the latter.
+// A raw system call is no cancellation point, and cheaper than disabling cancellation around the C library's
+// function. ThreadSanitizer sees only calls of the function, so builds with it use that.
 #if defined(__SANITIZE_THREAD__)
 constexpr bool kRawCalls = false;
 #else

@@ -1,4 +1,4 @@
-// Robust mutexes. The owner is read from the C library's own fields, since no function returns it.
+// Robust mutexes. No function of the C library returns the owner, so it is read from the fields of pthread_mutex_t.
 
 #include "base/robust_mutex.h"
 
@@ -50,7 +50,7 @@ BOOL vlliInitMutex(pthread_mutex_t *mutex, BOOL owner) {
 
 void vlliReleaseOwnedMutex(pthread_mutex_t *mutex) {
     const auto self = static_cast<int>(syscall(SYS_gettid));
-    // The owner's field decides, not a failing unlock: an unlock of bytes that are no mutex never fails.
+    // The owner field is checked before each unlock: unlocking bytes that are no mutex would never fail.
     while (__atomic_load_n(&mutex->__data.__owner, __ATOMIC_RELAXED) == self &&
            pthread_mutex_unlock(mutex) == 0) {
     }

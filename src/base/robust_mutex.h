@@ -1,4 +1,4 @@
-// Robust mutexes, as mutex objects are made of them.
+// Robust mutexes, of which mutex objects are made.
 #pragma once
 
 #include <pthread.h>
@@ -8,9 +8,10 @@
 // Makes a recursive, process-shared, robust mutex, owned by the caller if owner is not 0: TRUE, or FALSE with errno.
 BOOL vlliInitMutex(pthread_mutex_t *mutex, BOOL owner);
 
-// Releases a mutex for good if the calling thread owns it. Bytes that are no mutex of the library are left alone.
+// Releases a mutex as often as the calling thread has acquired it. Does nothing when the thread does not own it, or
+// when the memory holds no mutex.
 void vlliReleaseOwnedMutex(pthread_mutex_t *mutex);
 
-// True while another living thread of this process owns the mutex. The mutex then stands in that thread's robust list,
-// so that its memory must neither be reused nor unmapped.
+// True while another living thread of this process owns the mutex. The mutex is then linked into that thread's robust
+// list, so its memory must neither be reused nor unmapped.
 bool vlliIsOwnedByLiveThread(const pthread_mutex_t *mutex);

@@ -1,10 +1,10 @@
-// Text in the POSIX locale: what is blank, and comparison without regard to letter case. The C library's
-// functions ask the program's locale instead, which must not decide how a file is read.
+// Blanks and letter case in the POSIX locale. The functions of the C library depend on the program's locale, which
+// must not change how a file is read.
 #pragma once
 
 #include <string_view>
 
-// The characters that isspace(3) knows in the POSIX locale.
+// The characters for which isspace(3) is true in the POSIX locale.
 constexpr bool vlliIsBlank(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }

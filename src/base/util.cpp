@@ -1,3 +1,5 @@
+// Time arithmetic and the stack dump.
+
 #include "base/util.h"
 
 #include <execinfo.h>

@@ -1,4 +1,5 @@
-// Console handles. No operation looks at the handle's type: the terminal calls fail on what is no terminal.
+// Console handles. No operation checks that the handle is a console's: the terminal calls themselves fail on anything
+// that is no terminal.
 
 #include "core/console.h"
 

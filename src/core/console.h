@@ -1,4 +1,4 @@
-// Console handles: the row of the type table.
+// Console handles: the functions of their row in the table of types.
 #pragma once
 
 #include "core/objmem.h"

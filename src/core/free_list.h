@@ -1,20 +1,21 @@
-// The free lists of the tables. Records are taken from the head and given back at the tail, so that an index is used
-// again as late as possible. All of it needs objMemMutex.
+// The free lists of the two tables. A record is taken from the head and returned at the tail, so that an index is
+// used again as late as possible. The callers hold objMemMutex.
 #pragma once
 
 #include "core/objmem.h"
 
+// Chains the records 0 to last.
 template <typename Record>
-void chainRecords(Record *records, uint32_t last) {
+void vlliChainFree(Record *records, uint32_t last) {
     for (uint32_t i = 0; i < last; ++i) {
         records[i].next = i + 1;
     }
     records[last].next = kNoNext;
 }
 
-// Takes a record off a list that is not empty: zeroed, with one reference.
+// Takes the index at the head of a list that is not empty. The record is zeroed and has one reference.
 template <typename Record>
-uint32_t popFree(Record *records, uint32_t *first, uint32_t *last) {
+uint32_t vlliTakeFree(Record *records, uint32_t *first, uint32_t *last) {
     const uint32_t index = *first;
     *first = records[index].next;
     if (*first == kNoNext) {
@@ -25,8 +26,9 @@ uint32_t popFree(Record *records, uint32_t *first, uint32_t *last) {
     return index;
 }
 
+// Returns an index at the tail of a list.
 template <typename Record>
-void appendFree(Record *records, uint32_t *first, uint32_t *last, uint32_t index) {
+void vlliReturnFree(Record *records, uint32_t *first, uint32_t *last, uint32_t index) {
     records[index].next = kNoNext;
     if (*last == kNoNext) {
         *first = index;

@@ -1,9 +1,9 @@
-// The asynchronous descriptor service. Its one thread serves all transfers, so nothing in it may block: a
-// descriptor that is ready for a byte is not ready for a megabyte.
+// The asynchronous descriptor service. One thread carries out all transfers, so no call on a transfer's descriptor
+// may block: a descriptor that is ready for one byte need not be ready for all that are requested.
 //
-// The service sleeps in poll() on its set and takes events out only under transfer_mutex, which it holds until
-// they are all dealt with. Whoever has removed a descriptor from the set under that lock knows that neither its
-// record nor its buffer is in use, or waiting to be.
+// The thread sleeps in poll() on its epoll set. It takes events out of the set only while it holds transfer_mutex,
+// and holds it until it has handled all of them. So after a descriptor has been removed from the set under
+// transfer_mutex, the service uses neither the transfer's record nor its buffer any more.
 
 #include "core/internal_async.h"
 
@@ -27,8 +27,8 @@
 
 int32_t epoll_fd = -1;
 epoll_event async_events[64];
-pthread_mutex_t async_mutex =
-    PTHREAD_MUTEX_INITIALIZER;  // ready before the service is: registrars may come first
+// Initialised statically: a transfer may be registered before the service runs.
+pthread_mutex_t async_mutex = PTHREAD_MUTEX_INITIALIZER;
 int32_t async_io_thread_handle = -1;
 
 #if !defined(__LP64__)
@@ -45,17 +45,18 @@ static_assert(offsetof(OverlappedRecord, fd) == 0);
 
 namespace {
 
-// The size hint of the set.
+// The size hint of the service's set.
 constexpr int kSetHint = 64;
 
-// In the event data, beside the record's address: a hang-up alone does not tell which way a transfer goes.
+// Added to the record's address in the event data of a write: an event that reports only a hang-up or an error does
+// not say whether the transfer is a read or a write.
 constexpr uintptr_t kWriteTag = 1;
 static_assert(alignof(OverlappedRecord) > kWriteTag);
 
-// Taken after async_mutex, never before.
+// Held while transfers are carried out. Taken after async_mutex, never before.
 pthread_mutex_t transfer_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-int loadSet() {
+int serviceSet() {
     return __atomic_load_n(&epoll_fd, __ATOMIC_ACQUIRE);
 }
 
@@ -63,15 +64,17 @@ void publishSet(int fd) {
     __atomic_store_n(&epoll_fd, fd, __ATOMIC_RELEASE);
 }
 
-int control(int operation, int fd, bool write, OverlappedRecord *record) {
+// Adds a transfer's descriptor to the set, or arms it again, for one wake-up.
+int armTransfer(int operation, int fd, bool write, OverlappedRecord *record) {
     epoll_event event = {};
     event.events = (write ? EPOLLOUT : EPOLLIN) | EPOLLONESHOT;
     event.data.ptr = reinterpret_cast<char *>(record) + (write ? kWriteTag : 0);
     vlliAnnotateRelease();
-    return epoll_ctl(loadSet(), operation, fd, &event);
+    return epoll_ctl(serviceSet(), operation, fd, &event);
 }
 
-// The flags of the open file are shared with whoever else has it: non-blocking only for the one call.
+// Makes a call on a descriptor that is non-blocking during the call only: everyone who shares the open file shares
+// its flags.
 template <typename Call>
 ssize_t callNonBlocking(int fd, int flags, Call call) {
     const bool blocks = flags != -1 && (flags & O_NONBLOCK) == 0;
@@ -86,16 +89,17 @@ ssize_t callNonBlocking(int fd, int flags, Call call) {
     return result;
 }
 
-// Pipes and terminals can be opened once more. With other devices that may do something, and what /dev/tty,
-// /dev/console and the masters of pseudo-terminals stand for is another terminal for another opener.
+// Pipes and terminals can be opened once more without a side effect. Other devices may not, and opening the devices
+// of this major number (/dev/tty, /dev/console, /dev/ptmx) may give another terminal.
 bool canBeReopened(int fd, const struct stat &status) {
-    constexpr unsigned kRenamedTerminals = 5;
+    constexpr unsigned kTerminalAliases = 5;
     return S_ISFIFO(status.st_mode) ||
-           (S_ISCHR(status.st_mode) && major(status.st_rdev) != kRenamedTerminals && isatty(fd) == 1);
+           (S_ISCHR(status.st_mode) && major(status.st_rdev) != kTerminalAliases && isatty(fd) == 1);
 }
 
-// A non-blocking open file of our own on the same pipe or terminal, or none.
-Fd openOwn(int fd) {
+// Opens the same pipe or terminal once more, non-blocking and with flags of its own. An absent descriptor when that
+// cannot be done.
+Fd reopenNonBlocking(int fd) {
     struct stat status;
     if (fstat(fd, &status) == -1 || !canBeReopened(fd, status)) {
         return Fd();
@@ -105,13 +109,15 @@ Fd openOwn(int fd) {
     return Fd(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
+// write(2) and read(2) that do not block: EAGAIN instead.
+
 ssize_t writeNow(int fd, const void *bytes, size_t size) {
     const ssize_t sent = send(fd, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent != -1 || errno != ENOTSOCK) {
         return sent;
     }
     const int flags = fcntl(fd, F_GETFL);
-    const Fd own = flags != -1 && (flags & O_NONBLOCK) == 0 ? openOwn(fd) : Fd();
+    const Fd own = flags != -1 && (flags & O_NONBLOCK) == 0 ? reopenNonBlocking(fd) : Fd();
     return own ? write(own.get(), bytes, size)
                : callNonBlocking(fd, flags, [=] { return write(fd, bytes, size); });
 }
@@ -121,39 +127,40 @@ ssize_t readNow(int fd, void *buffer, size_t size) {
     if (received != -1 || errno != ENOTSOCK) {
         return received;
     }
-    // A terminal that is ready with one byte may wait for more, unless no more are asked for. Where nothing is counted
-    // the end has come, or somebody has taken what was there.
-    int there = 0;
-    if (ioctl(fd, FIONREAD, &there) == 0 && there > 0) {
-        return read(fd, buffer, std::min(size, static_cast<size_t>(there)));
+    // A read of no more bytes than are there does not block, even on a terminal that waits for a number of bytes.
+    // None are counted at the end of the file, and when another reader has taken them.
+    int available = 0;
+    if (ioctl(fd, FIONREAD, &available) == 0 && available > 0) {
+        return read(fd, buffer, std::min(size, static_cast<size_t>(available)));
     }
     return callNonBlocking(fd, fcntl(fd, F_GETFL), [=] { return read(fd, buffer, size); });
 }
 
-// The descriptor leaves the set first, so that the waiter can register it again at once. The record is the
-// waiter's once the event is signalled.
-void complete(OverlappedRecord *record) {
-    epoll_ctl(loadSet(), EPOLL_CTL_DEL, record->fd, nullptr);
+// Ends a transfer. The descriptor leaves the set before the event is signalled, so that the waiter can register it
+// again at once; and the record is not touched after that, because it is the waiter's again.
+void completeTransfer(OverlappedRecord *record) {
+    epoll_ctl(serviceSet(), EPOLL_CTL_DEL, record->fd, nullptr);
     const Ref<OBJ_EVENT> event(record->event, Refusal::kUnchanged);
     if (event) {
         vlliRaiseCounter(event->fd);
     }
 }
 
+// Handles all transfers that are ready.
 void processReady() {
     const NoCancel no_cancel;
     const MutexLock lock(&transfer_mutex);
-    const int count = epoll_wait(loadSet(), async_events, sizeof async_events / sizeof *async_events, 0);
+    const int count = epoll_wait(serviceSet(), async_events, sizeof async_events / sizeof *async_events, 0);
     for (int i = 0; i < count; ++i) {
         vlliProcessFd(&async_events[i]);
     }
 }
 
-// The set, its descriptors and whoever held a lock are the parent's.
-void forgetInChild() {
+// A child has neither the service's thread nor those that held its locks. It closes its copy of the parent's set.
+void resetAfterFork() {
     pthread_mutex_init(&async_mutex, nullptr);
     pthread_mutex_init(&transfer_mutex, nullptr);
-    const int fd = loadSet();
+    const int fd = serviceSet();
     publishSet(-1);
     if (fd != -1) {
         vlliCloseFd(fd);
@@ -163,7 +170,7 @@ void forgetInChild() {
 BOOL startService() {
     const NoCancel no_cancel;
     const MutexLock lock(&async_mutex);
-    if (loadSet() != -1) {
+    if (serviceSet() != -1) {
         return Fail(EBUSY);
     }
     const int fd = epoll_create(kSetHint);
@@ -181,24 +188,24 @@ void serve(void *) {
     sigaddset(&broken_pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
     for (;;) {
-        pollfd set = {loadSet(), POLLIN, 0};
+        pollfd set = {serviceSet(), POLLIN, 0};
         if (vlliBlockInPoll(&set, 1, -1) == 1) {
             processReady();
         }
     }
 }
 
-// When the thread is cancelled.
+// Runs when the thread is cancelled.
 void endService(void *) {
     const NoCancel no_cancel;
     const MutexLock lock(&async_mutex);
-    const Fd fd(loadSet());
+    const Fd fd(serviceSet());
     publishSet(-1);
 }
 
 }  // namespace
 
-const ForkHandlers kAsyncServiceForkHandlers = {nullptr, nullptr, forgetInChild};
+const ForkHandlers kAsyncServiceForkHandlers = {nullptr, nullptr, resetAfterFork};
 
 DWORD vlliAsyncIo(LPVOID) {
     if (startService()) {
@@ -219,41 +226,42 @@ int32_t vlliProcessFd(epoll_event *event) {
     const auto result = static_cast<int32_t>(bytes);
     record->result = result;
     if (result > 0) {
-        // Atomic for those who watch the progress; what was transferred is theirs to see.
+        // A release store, so that a thread that watches the progress also sees the bytes.
         const uint32_t transferred = record->transferred + static_cast<uint32_t>(result);
         __atomic_store_n(&record->transferred, transferred, __ATOMIC_RELEASE);
     }
-    // An error or hang-up that comes without readiness would wake the service again and again.
+    // Armed again after an event that reports only an error or a hang-up, the transfer would wake the service for
+    // ever.
     const bool was_ready = (event->events & (write ? EPOLLOUT : EPOLLIN)) != 0;
     const bool again = result == -1 && (errno == EINTR || (errno == EAGAIN && was_ready));
     const bool more = result > 0 && record->transferred < record->requested;
-    if ((again || more) && control(EPOLL_CTL_MOD, record->fd, write, record) == 0) {
+    if ((again || more) && armTransfer(EPOLL_CTL_MOD, record->fd, write, record) == 0) {
         return result;
     }
     if (again || more) {
-        record->result = -1;  // closed under the transfer
+        record->result = -1;  // the descriptor was closed during the transfer
     }
-    complete(record);
+    completeTransfer(record);
     return result;
 }
 
 BOOL vlliRegisterTransfer(OverlappedRecord *record, bool write) {
-    if (loadSet() != -1) {
+    if (serviceSet() != -1) {
         const MutexLock lock(&async_mutex);
-        // A registration that would outlive the service has no set to go to.
-        if (loadSet() != -1) {
-            return control(EPOLL_CTL_ADD, record->fd, write, record) == 0;
+        // The service may have ended meanwhile.
+        if (serviceSet() != -1) {
+            return armTransfer(EPOLL_CTL_ADD, record->fd, write, record) == 0;
         }
     }
     return Fail(EBADF);
 }
 
 BOOL vlliCancelTransfer(int fd) {
-    if (loadSet() != -1) {
+    if (serviceSet() != -1) {
         const MutexLock lock(&async_mutex);
-        const MutexLock quiet(&transfer_mutex);
-        if (loadSet() != -1) {
-            return epoll_ctl(loadSet(), EPOLL_CTL_DEL, fd, nullptr) == 0;
+        const MutexLock no_transfer_runs(&transfer_mutex);
+        if (serviceSet() != -1) {
+            return epoll_ctl(serviceSet(), EPOLL_CTL_DEL, fd, nullptr) == 0;
         }
     }
     return Fail(EBADF);

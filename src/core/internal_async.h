@@ -1,4 +1,4 @@
-// The asynchronous descriptor service, as the files' operations use it.
+// The asynchronous descriptor service: registering and cancelling background transfers.
 #pragma once
 
 #include <sys/epoll.h>
@@ -12,8 +12,9 @@ extern const ForkHandlers kAsyncServiceForkHandlers;
 // Adds a prepared record's descriptor to the service's set, for a read or a write: TRUE, or FALSE with errno.
 BOOL vlliRegisterTransfer(OverlappedRecord *record, bool write);
 
-// Takes a descriptor out of the set: TRUE, or FALSE with errno. The service does not touch the record afterwards.
+// Removes a descriptor from the set: TRUE, or FALSE with errno. The service does not use the record afterwards.
 BOOL vlliCancelTransfer(int fd);
 
-// Moves bytes of one ready descriptor, and ends or re-arms its transfer. The result of the read or write.
+// Carries out what a ready descriptor permits of its transfer, and ends the transfer or arms it again. The result of
+// the read or write.
 int32_t vlliProcessFd(epoll_event *event);

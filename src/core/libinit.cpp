@@ -1,4 +1,4 @@
-// Start-up and shutdown of the library. Nothing is torn down at exit.
+// Start-up and shutdown of the library. Shutdown releases nothing.
 
 #include "base/failure.h"
 #include "core/objmem.h"

@@ -1,9 +1,8 @@
-// The handle table. Records live in fixed arrays; objMemMutex guards every count, link and list head, and
-// is held for a few stores.
+// The handle table. objMemMutex guards every count, link and list head, and is held for a few stores.
 //
-// Beside the records stands what their fixed layout has no field for: the type that a record was issued as, and
-// whether its handle is still the caller's to close. The reference count alone cannot distinguish a caller's second
-// close from the end of an operation that still uses the record.
+// The layout of the records is fixed. What it has no field for stands in a second array, record_states: the type that
+// a record was issued as, and whether the caller may still close its handle. The reference count alone cannot
+// distinguish a caller's second close from the end of an operation that still uses the record.
 
 #include "core/objmem.h"
 
@@ -30,15 +29,15 @@ namespace {
 
 struct RecordState {
     const ObjectType *type;  // null while the record is on the free list
-    bool closeable;          // the caller has not closed the handle yet, and may
+    bool closeable;          // the handle is the caller's, who has not closed it yet
 };
 
 RecordState record_states[kObjectCount];
 
 constexpr timespec kPinPause = {0, 50000};
 
-// Keeps every further thread from pinning the record. A thread that holds the pin drops it after a few instructions,
-// unless it has lost the processor, perhaps to this thread, which therefore sleeps meanwhile.
+// Waits until no thread holds the pin, and keeps all threads from taking it again. Its holder drops it after a few
+// instructions unless it has lost the processor, perhaps to this thread: so this thread sleeps between its attempts.
 void retirePin(RecordPin *pin) {
     while (__atomic_exchange_n(&pin->busy, 1, __ATOMIC_ACQUIRE) != 0) {
         const NoCancel no_cancel;
@@ -56,8 +55,8 @@ void unlockAfterFork() {
     pthread_mutex_unlock(&objMemMutex);
 }
 
-// In the child the mutex names a thread of the parent as its owner: the unlock is refused, and only informs
-// ThreadSanitizer. The threads that held pins do not exist in the child.
+// The mutex names a thread of the parent as its owner, so the unlock is refused; ThreadSanitizer needs to see it. The
+// threads that held pins do not exist in the child.
 void resetAfterFork() {
     pthread_mutex_unlock(&objMemMutex);
     objMemMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
@@ -70,22 +69,31 @@ bool isTableHandle(HANDLE handle) {
     return (handle & kIndexMask) < kObjectCount && vlliFindObjectType(vlliGetObjectType(handle)) != nullptr;
 }
 
+// Logs a handle whose type code or index does not exist, and sets EINVAL.
+void refuseInvalid(const char *operation, HANDLE handle) {
+    vlliLogError("VLLI: %s( 0x%X ): Invalid handle value! \n", operation, handle);
+    errno = EINVAL;
+}
+
+// The type is also read without the lock, by vlliIssuedType().
+void setState(uint32_t index, const ObjectType *type, bool closeable) {
+    __atomic_store_n(&record_states[index].type, type, __ATOMIC_RELAXED);
+    record_states[index].closeable = closeable;
+}
+
 // Takes an object record off the free list. Needs the lock.
 uint32_t issueObject(uint32_t type) {
-    const uint32_t index = popFree(objects, &firstFreeObject, &lastFreeObject);
-    record_states[index] = {vlliFindObjectType(type), true};
+    const uint32_t index = vlliTakeFree(objects, &firstFreeObject, &lastFreeObject);
+    setState(index, vlliFindObjectType(type), true);
     __atomic_store_n(&record_pins[index].handle, type | index, __ATOMIC_RELEASE);
     return index;
 }
 
-// Destroys an object whose last reference is gone, so that nobody but the caller can reach the record.
+// Destroys an object whose last reference is gone. No other thread can reach the record any more.
 void destroyObject(uint32_t index) {
     const KeepErrno keep_errno;
     retirePin(&record_pins[index]);
-    const ObjectType *type = record_states[index].type;
-    if (type != nullptr && type->close != nullptr) {
-        type->close(&objects[index]);
-    }
+    record_states[index].type->close(&objects[index]);
     vlliFreeObject(index);
 }
 
@@ -106,7 +114,7 @@ int vlliInitObjMem() {
     for (ObjectRecord &record : objects) {
         record = {};
     }
-    chainRecords(objects, lastFreeObject);
+    vlliChainFree(objects, lastFreeObject);
     vlliInitObjmemPool();
     for (HANDLE &bucket : mmapHashTable) {
         bucket = 0;
@@ -161,16 +169,16 @@ BOOL vlliFreeObject(uint32_t index) {
     if (objects[index].refCount != 0 || record_states[index].type == nullptr) {
         return Fail(EBUSY);
     }
-    record_states[index] = {nullptr, false};
-    appendFree(objects, &firstFreeObject, &lastFreeObject, index);
+    setState(index, nullptr, false);
+    vlliReturnFree(objects, &firstFreeObject, &lastFreeObject, index);
     return TRUE;
 }
 
 ObjectRecord *vlliOpenObject(HANDLE handle) {
     if (!isTableHandle(handle)) {
-        vlliLogError("VLLI: OpenObject( 0x%X ): Invalid handle value! \n", handle);
+        refuseInvalid("OpenObject", handle);
         vlliPrintBacktrace();
-        return Fail(EINVAL);
+        return nullptr;
     }
     const TableLock lock;
     if (!lock.held()) {
@@ -194,7 +202,7 @@ bool vlliOpenObjects(int32_t count, const HANDLE *handles, ObjectRecord **record
     for (int32_t i = 0; i < count; ++i) {
         const uint32_t index = handles[i] & kIndexMask;
         if (index >= kObjectCount || objects[index].refCount == 0 || !vlliIsIssuedType(handles[i])) {
-            // None of these is the last reference: each object had one before ours.
+            // None of these references is the last one: each record had one before.
             while (i-- > 0) {
                 --records[i]->refCount;
             }
@@ -208,8 +216,8 @@ bool vlliOpenObjects(int32_t count, const HANDLE *handles, ObjectRecord **record
 
 BOOL vlliCloseObject(HANDLE handle) {
     if (!isTableHandle(handle)) {
-        vlliLogError("VLLI: CloseObject( 0x%X ): Invalid handle value! \n", handle);
-        return Fail(EINVAL);
+        refuseInvalid("CloseObject", handle);
+        return FALSE;
     }
     const uint32_t index = handle & kIndexMask;
     TableLock lock;
@@ -255,7 +263,8 @@ void vlliWithholdHandle(HANDLE handle) {
 
 BOOL vlliSurrenderHandle(HANDLE handle) {
     if (!isTableHandle(handle)) {
-        return TRUE;  // the close refuses it, and logs it
+        refuseInvalid("CloseObject", handle);
+        return FALSE;
     }
     const uint32_t index = handle & kIndexMask;
     const TableLock lock;
@@ -271,7 +280,7 @@ BOOL vlliSurrenderHandle(HANDLE handle) {
 
 const ObjectType *vlliIssuedType(HANDLE handle) {
     const uint32_t index = handle & kIndexMask;
-    return index < kObjectCount ? record_states[index].type : nullptr;
+    return index < kObjectCount ? __atomic_load_n(&record_states[index].type, __ATOMIC_RELAXED) : nullptr;
 }
 
 bool vlliIsIssuedType(HANDLE handle) {

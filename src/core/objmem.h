@@ -1,7 +1,7 @@
-// The handle table: object records, memory-object records, reference counts, and the views' hash.
+// The handle table: object records, memory-object records, their reference counts, and the hash of mapped views.
 //
-// A record that somebody holds a reference on is used without the lock. ref.h holds the classes that take and drop
-// references; operations use those.
+// A thread that holds a reference on a record uses the record without the lock. Operations take and drop references
+// with the classes of ref.h.
 #pragma once
 
 #include <pthread.h>
@@ -24,7 +24,7 @@ constexpr uint32_t kNoNext = 0xFFFFFFFF;
 constexpr uint32_t OBJF_AUTO_RESET = 1;   // a wait that reports the object reads its counter
 constexpr uint32_t OBJF_FILE_BACKED = 2;  // a file mapping of the caller's file
 
-// The state that the handles of one thread, unnamed mutex or unnamed semaphore share.
+// The state that all handles of one thread, unnamed mutex or unnamed semaphore share.
 struct ObjmemRecord {
     union {
         pthread_mutex_t mutex;
@@ -42,7 +42,8 @@ struct ObjectRecord {
         int32_t efd;        // event: its epoll set of sockets
         ObjmemRecord *mem;  // thread, mutex, semaphore
         void *addr;         // named mutex, named semaphore, mapped view
-        // Thread and all kinds of mutexes and semaphores: the shared state itself. A memory-object record starts with it.
+        // Threads, mutexes and semaphores, also named ones: the shared state, with which a memory-object record
+        // begins.
         void *payload;
     };
     SIZE_T size;
@@ -65,7 +66,7 @@ static_assert(offsetof(ObjectRecord, fd) == 0 && offsetof(ObjectRecord, flags) =
               offsetof(ObjectRecord, refCount) == offsetof(ObjectRecord, size) + sizeof(SIZE_T) &&
               offsetof(ObjectRecord, next) == offsetof(ObjectRecord, refCount) + 4);
 
-// Guarded by objMemMutex; visible for the tests.
+// All of these are guarded by objMemMutex. Tests look at them, too.
 extern ObjectRecord objects[kObjectCount];
 extern ObjmemRecord objmem[kObjmemCount];
 extern uint32_t firstFreeObject, lastFreeObject, firstFreeObjmem, lastFreeObjmem;
@@ -74,7 +75,7 @@ extern int32_t bInitialized;
 
 extern const ForkHandlers kHandleTableForkHandlers;
 
-// The type code of a handle. No check.
+// The type code in a handle. No check.
 constexpr uint32_t vlliGetObjectType(HANDLE handle) {
     return handle & ~kIndexMask;
 }
@@ -87,7 +88,8 @@ inline ObjectRecord *vlliGetObjectAddress(HANDLE handle) {
 // Takes objMemMutex: 0, or the error number, which is also stored in errno.
 int vlliLockMemoryMutex();
 
-// Holds objMemMutex for a scope: for a few stores, and the log lines that the operations of objmem.cpp name.
+// Holds objMemMutex for a scope. It is the innermost lock: nothing but a few stores, and the log lines of a full
+// table and of an unused handle, may happen in the scope.
 class TableLock {
   public:
     TableLock() : error_(vlliLockMemoryMutex()) {}
@@ -111,10 +113,11 @@ class TableLock {
 // Prepares the tables once per process: 0, or -1 when the lock could not be taken.
 int vlliInitObjMem();
 
-// A new handle with one reference, or 0 with errno. Its descriptor is 0: set it before anything can fail.
+// A new handle with one reference, or 0 with errno. The record is zeroed, so its descriptor is 0: set it to -1 before
+// anything can fail, or closing the record would close standard input.
 HANDLE vlliCreateObject(uint32_t type);
 
-// The two kinds of creation: an object record alone, and one with a memory-object record.
+// The same for an object record alone, and for one with a memory-object record.
 HANDLE vlliAllocObject(uint32_t type);
 HANDLE vlliAllochMemObject(uint32_t type);
 
@@ -127,50 +130,53 @@ ObjectRecord *vlliOpenObject(HANDLE handle);
 // Drops one reference; the last one destroys the object. TRUE, or FALSE with EINVAL.
 BOOL vlliCloseObject(HANDLE handle);
 
-// Takes a reference on each of count handles under one hold of the lock: all of them, or none and false.
-// Neither logs nor sets errno: a caller that needs the reason opens the handles one by one.
+// Takes a reference on each of count handles while it holds the lock once: true, or false when one of them cannot be
+// opened; then it has taken none. Neither logs nor sets errno: a caller that needs the reason opens them one by one.
 bool vlliOpenObjects(int32_t count, const HANDLE *handles, ObjectRecord **records);
 
 // Drops a reference on each handle of the array that is not 0.
 void vlliCloseEvents(int32_t count, const HANDLE *handles);
 
-// Marks the handle as the library's own: vllCloseHandle() refuses it from now on.
+// Marks a handle as the library's own, which vllCloseHandle() refuses.
 void vlliWithholdHandle(HANDLE handle);
 
-// Ends the caller's use of a handle, which is possible once, whatever operations still hold its record: TRUE; then one
-// reference is the caller's to drop. FALSE with EINVAL for a handle that is not the caller's to close.
+// Ends the caller's use of a handle: TRUE, once for each handle; the caller then drops the reference that the handle
+// stood for. FALSE with EINVAL for a handle that is not open, that has been closed while operations still use its
+// record, or that is the library's own.
 BOOL vlliSurrenderHandle(HANDLE handle);
 
-// The type that a handle's record was issued as, or null. A handle may claim another one.
+// The type that the record of a handle's index was issued as, or null while the record is free.
 const ObjectType *vlliIssuedType(HANDLE handle);
 
-// True when the record was issued for the type that the handle claims.
+// True when the type code in a handle is the type that its record was issued as.
 bool vlliIsIssuedType(HANDLE handle);
 
 // A further reference on a memory-object record: 1, or 0 when it is free.
 BOOL vlliAttachObjmem(ObjmemRecord *record);
 
-// Drops one; the last one frees the record. 1, or 0 when it is null (EINVAL), free or no record of the table.
+// Drops one; the last one frees the record: 1, or 0 for a null pointer (EINVAL), a free record, or one of no table.
 BOOL vlliDetachObjmem(ObjmemRecord *record);
 
-// The same for the record of a mutex. The last reference releases the mutex if the calling thread owns it. While another
-// thread of the process owns it, the record is kept: reusing its memory would corrupt that thread's robust list.
+// The same for the record of a mutex. The last reference releases the mutex if the calling thread owns it. If another
+// thread of the process owns it, the record is not used again before that thread has released it or ended: reusing
+// the memory would corrupt the thread's robust list.
 BOOL vlliDetachMutex(ObjmemRecord *record);
 
 // Jenkins's lookup2 hash.
 uint32_t vlliHash(const void *key, uint32_t length, uint32_t initial_value);
 
-// Enters the handle of a view, whose record holds the address, into the hash: 0, or the lock's error number.
+// Enters the handle of a mapped view, whose record holds the view's address, into the hash: 0, or the error number of
+// the lock.
 int vlliHashMMap(HANDLE handle);
 
 // Takes the newest view at an address out of the hash: its handle, or 0.
 HANDLE vlliUnhashMMapp(const void *address);
 
-// A record's pin keeps it from being destroyed for a step of a few instructions, without a reference and without
-// objMemMutex. One thread at a time holds it.
+// A pin keeps a record from being destroyed for a few instructions, without a reference and without objMemMutex. One
+// thread at a time holds it (PinnedRecord, ref.h).
 struct RecordPin {
     uint32_t busy;  // 1 while a thread holds the pin
-    HANDLE handle;  // the live handle of the record; 0: there is none
+    HANDLE handle;  // the record's handle while it is live, else 0
 };
 
 extern RecordPin record_pins[kObjectCount];

@@ -1,4 +1,4 @@
-// Closing and duplicating handles, for callers.
+// Closing and duplicating handles, and what depends on the type of a handle.
 
 #include "base/descriptor.h"
 #include "base/failure.h"
@@ -23,9 +23,14 @@ HANDLE vllDuplicateHandle(HANDLE handle) {
         return 0;
     }
     duplicate.record()->fd = -1;
-    const ObjectType *row = vlliFindObjectType(type);
-    if (row->duplicate == nullptr) {
-        return Fail(EINVAL);
-    }
-    return row->duplicate(duplicate.record(), source.get()) ? duplicate.release() : 0;
+    return vlliFindObjectType(type)->duplicate(duplicate.record(), source.get()) ? duplicate.release() : 0;
+}
+
+WaitKind vlliWaitKind(HANDLE handle) {
+    const ObjectType *type = vlliFindObjectType(vlliGetObjectType(handle));
+    return type != nullptr ? type->wait : WaitKind::kNone;
+}
+
+HANDLE vlliMakeNamedObject(uint32_t type, LPCSTR name, uint32_t initial) {
+    return vlliFindObjectType(type)->create_named(type, name, initial);
 }

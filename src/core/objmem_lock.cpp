@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "base/failure.h"
 #include "core/objmem.h"
 
 pthread_mutex_t objMemMutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
@@ -11,8 +12,6 @@ int vlliLockMemoryMutex() {
     if (error == EOWNERDEAD) {
         error = pthread_mutex_consistent(&objMemMutex);
     }
-    if (error != 0) {
-        errno = error;
-    }
+    vlliSucceeded(error);
     return error;
 }

@@ -1,7 +1,8 @@
 // Memory-object records: the state that the handles of a thread, an unnamed mutex or an unnamed semaphore share.
 //
-// A mutex that a thread of the process still owns when its last handle is closed stands in that thread's robust list.
-// Its record stays out of the pool until the thread has released it or has ended; the next allocation looks.
+// When the last handle of a mutex is closed while another thread of the process owns it, the mutex is still linked
+// into the owner's robust list. Its record then stays out of the pool until the owner has released the mutex or has
+// ended. Every allocation and every close of a mutex checks for such records.
 
 #include "core/objmem_pool.h"
 
@@ -17,8 +18,8 @@ uint32_t lastFreeObjmem = kObjmemCount - 1;
 
 namespace {
 
-// Records of closed mutexes that another thread owned, by index. Touched with atomic operations only, so that no
-// lock is left behind by fork().
+// The records of closed mutexes that another thread owned, by index, and how many there are. They are accessed with
+// atomic operations only, because a lock could be left behind by fork().
 bool owned_when_closed[kObjmemCount];
 int32_t owned_when_closed_count;
 
@@ -37,7 +38,7 @@ void vlliInitObjmemPool() {
     for (ObjmemRecord &record : objmem) {
         record = {};
     }
-    chainRecords(objmem, lastFreeObjmem);
+    vlliChainFree(objmem, lastFreeObjmem);
 }
 
 bool vlliIsObjmemPoolEmpty() {
@@ -45,7 +46,7 @@ bool vlliIsObjmemPoolEmpty() {
 }
 
 ObjmemRecord *vlliTakeObjmem() {
-    return &objmem[popFree(objmem, &firstFreeObjmem, &lastFreeObjmem)];
+    return &objmem[vlliTakeFree(objmem, &firstFreeObjmem, &lastFreeObjmem)];
 }
 
 void vlliReclaimObjmem() {
@@ -94,7 +95,7 @@ BOOL vlliDetachObjmem(ObjmemRecord *record) {
         return FALSE;
     }
     record->refCount = 0;
-    appendFree(objmem, &firstFreeObjmem, &lastFreeObjmem, static_cast<uint32_t>(index));
+    vlliReturnFree(objmem, &firstFreeObjmem, &lastFreeObjmem, static_cast<uint32_t>(index));
     return TRUE;
 }
 
@@ -106,7 +107,7 @@ BOOL vlliDetachMutex(ObjmemRecord *record) {
             return TRUE;
         }
     }
-    // The reference is the last one: nobody else can reach the record any more.
+    // The reference is the last one, so no other thread can reach the record any more.
     vlliReleaseOwnedMutex(&record->mutex);
     if (vlliIsOwnedByLiveThread(&record->mutex)) {
         __atomic_add_fetch(&owned_when_closed_count, 1, __ATOMIC_RELAXED);

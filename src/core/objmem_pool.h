@@ -12,5 +12,5 @@ bool vlliIsObjmemPoolEmpty();
 // Takes a record out of the pool, which is not empty. Needs objMemMutex.
 ObjmemRecord *vlliTakeObjmem();
 
-// Gives back the records of closed mutexes whose owners have ended or released them since. Takes objMemMutex.
+// Returns the records of closed mutexes whose owners have ended or released them since. Takes objMemMutex.
 void vlliReclaimObjmem();

@@ -1,5 +1,5 @@
-// The hash that finds the record of a mapped view by its address. A record leaves its chain before it is
-// freed: the free list uses the same link.
+// The hash that finds the record of a mapped view by its address. A record must leave its chain before it is freed,
+// because the free list uses the same link.
 
 #include <cstring>
 
@@ -23,7 +23,7 @@ void mix(HashState *s) {
     s->c = (s->c - s->a - s->b) ^ (s->b >> 15);
 }
 
-// Up to four bytes, little-endian, whatever the machine.
+// Loads up to four bytes in little-endian order, also on a big-endian machine.
 uint32_t load(const uint8_t *bytes, uint32_t count) {
     uint32_t word = 0;
     for (uint32_t i = 0; i < count && i < 4; ++i) {
@@ -51,7 +51,7 @@ uint32_t vlliHash(const void *key, uint32_t length, uint32_t initial_value) {
         s.c += load(bytes + 8, 4);
         mix(&s);
     }
-    // The lowest byte of c is kept for the length.
+    // The algorithm keeps the lowest byte of c for the length.
     s.c += length;
     s.a += load(bytes, left);
     s.b += left > 4 ? load(bytes + 4, left - 4) : 0;

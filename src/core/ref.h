@@ -1,4 +1,5 @@
-// References on records, for a scope, by the type of their objects.
+// References on records for a scope, and access to the shared state of their objects by type. Every operation on a
+// handle holds one of these while it uses the handle's record.
 #pragma once
 
 #include "base/failure.h"
@@ -6,7 +7,8 @@
 
 struct ThreadData;
 
-// What the handles of an object share, by type.
+// The type of the state that all handles of an object share, by object type. A named object has that of an unnamed
+// one.
 template <uint32_t type>
 struct SharedState;
 template <>
@@ -22,9 +24,9 @@ struct SharedState<OBJ_SEMAPHORE> {
     using Type = sem_t;
 };
 
-// A reference on the record of a handle of any type. A handle that is not open is logged and refused with EINVAL. So is,
-// without a log line, a handle whose type code is not that of its record: no operation may follow a field
-// that its type does not have.
+// A reference on the record of a handle of any type. A handle that is not open is refused with EINVAL and a log line.
+// A handle whose type code is not that of its record is refused with EINVAL, without a log line: its fields mean
+// something else.
 class ObjectRef {
   public:
     explicit ObjectRef(HANDLE handle) { open(handle); }
@@ -56,12 +58,13 @@ class ObjectRef {
     ObjectRecord *record_ = nullptr;
 };
 
-// How a typed reference refuses handles.
+// How a typed reference refuses a handle that is open but of another type. kEinval, kUnchanged and kUnopened refuse a
+// handle that is not open as ObjectRef does.
 enum class Refusal {
-    kEinval,  // EINVAL; one that is not open is logged, too
-    kUnchanged,  // EINVAL and a log line for one that is not open; an open one of another type leaves errno alone
-    kUnopened,  // one that claims another type leaves errno alone, open or not; otherwise as kUnchanged
-    kSilent,    // errno is left alone, and nothing is logged
+    kEinval,     // sets EINVAL
+    kUnchanged,  // keeps errno
+    kUnopened,   // keeps errno, and does not check whether the handle is open: nothing is logged
+    kSilent,     // keeps errno and logs nothing, also for a handle that is not open
 };
 
 // A reference on the record of a handle of one type, or of one of several types with the same shared state.
@@ -73,7 +76,9 @@ class Ref : public ObjectRef {
             open(handle);
             if (*this && !names(handle)) {
                 close();
-                errno = refusal == Refusal::kEinval ? EINVAL : errno;
+                if (refusal == Refusal::kEinval) {
+                    errno = EINVAL;
+                }
             }
         } else if (!names(handle)) {
             return;
@@ -84,18 +89,18 @@ class Ref : public ObjectRef {
         }
     }
 
-    // True when a handle claims one of the types.
+    // True when the type code in a handle is one of the types.
     static constexpr bool names(HANDLE handle) {
         return vlliGetObjectType(handle) == type || ((vlliGetObjectType(handle) == more_types) || ...);
     }
 
-    // What the object's handles share. Null for a record that lost it on a failed creation.
+    // The shared state, or null for a record whose creation failed before it had one.
     auto *state() const { return static_cast<typename SharedState<type>::Type *>(get()->payload); }
 };
 
-// A record that is kept from being destroyed for a step of a few instructions, which costs a quarter of taking and
-// dropping a reference. Empty, without a log line, for any handle that is not open and of one of the types, and while
-// another thread is at the same record: then the caller takes a reference.
+// A record that is pinned for a scope of a few instructions, which costs a quarter of taking and dropping a
+// reference. The scope is empty, without a log line, for a handle that is not open or of another type, and while
+// another thread has pinned the record: the caller then takes a reference instead.
 template <uint32_t type, uint32_t... more_types>
 class PinnedRecord {
   public:
@@ -118,7 +123,7 @@ class PinnedRecord {
     PinnedRecord(const PinnedRecord &) = delete;
     PinnedRecord &operator=(const PinnedRecord &) = delete;
 
-    // What the object's handles share, or null.
+    // The shared state; null when the record is not pinned.
     auto *state() const {
         return static_cast<typename SharedState<type>::Type *>(record_ != nullptr ? record_->payload
                                                                                   : nullptr);

@@ -1,17 +1,15 @@
-// The event-log operations.
+// The event-log operations. All that they share is guarded by syslogMutex, and none is a cancellation point.
 #include "vwincompat/eventlog.h"
-#include "base/allocate.h"
-#include "base/failure.h"
-#include "base/guards.h"
 
 #include <unistd.h>
 #include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
-#include <memory>
 
-#include "eventlog/eventlog_map.h"
-#include "vwincompat/fileops.h"
+#include "base/allocate.h"
+#include "base/failure.h"
+#include "base/guards.h"
+#include "eventlog/eventlog_lines.h"
 
 pthread_mutex_t syslogMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -21,14 +19,14 @@ namespace {
 EventLogHandle *open_handles;
 uint32_t nRefCount;
 
-// Holds the lock, with cancellation disabled, for an operation.
+// Holds the lock for an operation, with cancellation disabled.
 class LogLock {
   private:
     NoCancel no_cancel_;
     MutexLock lock_{&syslogMutex};
 };
 
-// The place in the list that leads to a handle, or null when it is not open.
+// The link of the list that points to a handle, or null when it is not open.
 EventLogHandle **findHandle(const void *handle) {
     for (EventLogHandle **link = &open_handles; *link != nullptr; link = &(*link)->next) {
         if (*link == handle) {
@@ -38,7 +36,7 @@ EventLogHandle **findHandle(const void *handle) {
     return nullptr;
 }
 
-// Looks at the files. The counts follow the data also where only one of the files could be read.
+// Brings the copies up to date. The counts follow them also where only one of the files could be read.
 BOOL refresh() {
     int changed = 0;
     const BOOL mapped = vlliMapSyslogFiles(&changed);
@@ -52,13 +50,13 @@ BOOL refresh() {
 BOOL unmapAll() {
     BOOL unmapped = TRUE;
     for (int entry = 0; entry < kSyslogFiles; ++entry) {
-        unmapped = vlliUnmapSyslogFile(entry) && unmapped;
+        unmapped = log_files[entry].drop() && unmapped;
     }
     nSyslogRecordsTotal = 0;
     return unmapped;
 }
 
-// Takes a handle out of the list and frees it; the last one takes the mappings with it.
+// Takes a handle out of the list and frees it; the copies go with the last one.
 BOOL dropHandle(EventLogHandle **link) {
     const HeapBlock<EventLogHandle> handle(*link);
     *link = handle->next;
@@ -73,22 +71,25 @@ bool isInLog(int32_t number) {
     return number >= 1 && static_cast<uint32_t>(number) <= nSyslogRecordsTotal;
 }
 
-// Reads records from the current one on: the bytes stored. *needed receives the size of a record that did not fit, else
-// 0, and *error why the walk ended without one.
-DWORD readRecords(EventLogHandle *handle, DWORD flags, char *out, DWORD size, DWORD *needed, int *error) {
+// What a read brought.
+struct ReadResult {
+    DWORD stored;  // bytes
+    DWORD needed;  // the size of the record that did not fit, or 0
+    int error;     // why there was none
+};
+
+// Reads records from the current one on, as many as fit.
+ReadResult readRecords(EventLogHandle *handle, DWORD flags, char *out, DWORD size) {
     const uint32_t step = (flags & EVENTLOG_FORWARDS_READ) != 0 ? 1U : UINT32_MAX;
     DWORD stored = 0;
-    *error = ERANGE;
     do {
         if (!vlliGetEventLogRecord(handle, flags, handle->nCurrentRecord)) {
-            *error = errno;
-            break;
+            return {stored, 0, errno};
         }
         DWORD length;
         memcpy(&length, handle->RecordBuffer, sizeof length);
         if (length > size - stored) {
-            *needed = length;
-            break;
+            return {stored, length, ENOBUFS};
         }
         if (length != 0) {
             memcpy(out + stored, handle->RecordBuffer, length);
@@ -96,11 +97,11 @@ DWORD readRecords(EventLogHandle *handle, DWORD flags, char *out, DWORD size, DW
         }
         handle->nCurrentRecord = static_cast<int32_t>(static_cast<uint32_t>(handle->nCurrentRecord) + step);
     } while (isInLog(handle->nCurrentRecord));
-    return stored;
+    return {stored, 0, ERANGE};
 }
 
-// Where a read starts.
-int32_t startOf(const EventLogHandle &handle, DWORD flags, DWORD offset) {
+// The first record of a read.
+int32_t firstRecord(const EventLogHandle &handle, DWORD flags, DWORD offset) {
     if ((flags & EVENTLOG_SEEK_READ) != 0) {
         return static_cast<int32_t>(offset);
     }
@@ -113,7 +114,7 @@ int32_t startOf(const EventLogHandle &handle, DWORD flags, DWORD offset) {
 }  // namespace
 
 void *vllOpenEventLog(LPCSTR /*lpUNCServerName*/, LPCSTR /*lpSourceName*/) {
-    auto *const handle = static_cast<EventLogHandle *>(malloc(sizeof(EventLogHandle)));
+    EventLogHandle *const handle = vlliAllocate<EventLogHandle>().release();
     if (handle == nullptr) {
         return nullptr;
     }
@@ -135,10 +136,7 @@ void *vllOpenEventLog(LPCSTR /*lpUNCServerName*/, LPCSTR /*lpSourceName*/) {
 BOOL vllCloseEventLog(void *hEventLog) {
     const LogLock lock;
     EventLogHandle **const link = findHandle(hEventLog);
-    if (link == nullptr) {
-        return Fail(EINVAL);
-    }
-    return dropHandle(link);
+    return link != nullptr ? dropHandle(link) : Fail(EINVAL);
 }
 
 BOOL vllClearEventLog(void * /*hEventLog*/, LPCSTR /*lpBackupFileName*/) {
@@ -146,10 +144,10 @@ BOOL vllClearEventLog(void * /*hEventLog*/, LPCSTR /*lpBackupFileName*/) {
     char path[kSyslogPathSize];
     vlliGetSyslogPath(0, path);
     if (truncate(path, 0) == -1) {
-        // Nothing is told: the count shows what is left.
+        // A failure is not reported: the next count shows what is left.
     }
     vlliGetSyslogPath(1, path);
-    vllDeleteFile(path);
+    remove(path);
     if (nRefCount > 0) {
         refresh();
     }
@@ -189,24 +187,21 @@ BOOL vllReadEventLog(void *hEventLog, DWORD dwReadFlags, DWORD dwRecordOffset, L
         return Fail(EINVAL);
     }
     EventLogHandle *const handle = *link;
-    handle->nCurrentRecord = startOf(*handle, dwReadFlags, dwRecordOffset);
-    DWORD needed = 0;
-    int error;
-    const DWORD stored = readRecords(handle, dwReadFlags, static_cast<char *>(lpBuffer), nNumberOfBytesToRead,
-                                     &needed, &error);
+    handle->nCurrentRecord = firstRecord(*handle, dwReadFlags, dwRecordOffset);
+    const ReadResult result =
+        readRecords(handle, dwReadFlags, static_cast<char *>(lpBuffer), nNumberOfBytesToRead);
     if (pnBytesRead != nullptr) {
-        *pnBytesRead = stored;
+        *pnBytesRead = result.stored;
     }
-    if (stored != 0) {
+    if (result.stored != 0) {
         handle->bFirstRead = 0;
         return TRUE;
     }
-    if (needed != 0) {
+    if (result.needed != 0) {
         if (pnMinNumberOfBytesNeeded != nullptr) {
-            *pnMinNumberOfBytesNeeded = needed;
+            *pnMinNumberOfBytesNeeded = result.needed;
         }
         return Fail(ENOBUFS);
     }
-    errno = (dwReadFlags & EVENTLOG_SEQUENTIAL_READ) != 0 ? ERANGE : error;
-    return FALSE;
+    return Fail((dwReadFlags & EVENTLOG_SEQUENTIAL_READ) != 0 ? ERANGE : result.error);
 }

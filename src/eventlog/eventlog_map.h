@@ -1,12 +1,17 @@
-// The process's view of the log files, and the records in it. Everything here runs under syslogMutex.
+// The log files in memory, and how many lines they have. Everything here needs syslogMutex.
 #pragma once
 
-#include "vwincompat/eventlog.h"
+#include <sys/stat.h>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
 
-// One log file: entry 0 is the current one, entry 1 the one rotated out before it.
+#include "vwincompat/types.h"
+
+// What one log file holds: entry 0 is the current file, entry 1 the one that was rotated out before it.
 struct SyslogMapping {
-    uint32_t nRecords;
-    const char *pData;  // nSize bytes, read-only and private; null when absent or empty
+    uint32_t nRecords;  // its lines
+    const char *pData;  // nSize bytes, read-only; null when the file is absent or empty
     uint32_t nSize;
 };
 
@@ -19,35 +24,47 @@ constexpr size_t kSyslogPathSize = 64;
 // The path of an entry's file.
 void vlliGetSyslogPath(int entry, char (&path)[kSyslogPathSize]);
 
-// Where a record was found last, so that its neighbour is one step away. Void once its file's data changed.
-struct LineCursor {
-    uint32_t generation;
-    int entry;
-    uint32_t line;  // from 1
-    size_t start;   // 0, or the newline before the line
+// One log file in memory: the copy of its bytes that SyslogMappings shows, and the state of the file that was copied.
+class LogFile {
+  public:
+    constexpr explicit LogFile(int entry) : entry_(entry) {}
+
+    // Brings the copy up to date with the file, and sets *changed (never clears it) when the bytes are other ones.
+    // FALSE with errno and an empty entry when the file is there but cannot be read.
+    BOOL refresh(int *changed);
+
+    // Drops the copy: FALSE with errno when munmap(2) fails; the entry is empty all the same.
+    BOOL drop();
+
+    // Counts the lines, after a change.
+    void countLines();
+
+    // The bytes up to the first NUL behind the first byte, as the last count found it.
+    std::string_view text() const { return {mapping().pData, text_size_}; }
+
+    // Changes with the bytes; never 0.
+    uint32_t generation() const { return generation_; }
+
+  private:
+    SyslogMapping &mapping() const { return SyslogMappings[entry_]; }
+    bool hasContentOf(int fd, const struct stat &status) const;
+    BOOL copy(int fd, size_t size);
+    void dropChanged(int *changed);
+
+    int entry_;
+    struct stat status_ = {};
+    bool settled_ = false;  // a later change of the file shows in its status
+    size_t text_size_ = 0;
+    uint32_t generation_ = 1;
 };
 
-struct EventLogHandle {
-    int32_t nCurrentRecord;
-    alignas(EVENTLOGRECORD) char RecordBuffer[1024];
-    int32_t bFirstRead;
-    LineCursor cursor;
-    EventLogHandle *next;  // in the list of open handles
-};
+extern LogFile log_files[kSyslogFiles];
 
-// Brings an entry up to date with its file, and sets *changed (never clears it) when its data is another. FALSE with
-// errno and the entry cleared when the file is there but cannot be read.
+// refresh() of an entry.
 BOOL vlliMapSyslogFile(int entry, int *changed);
 
 // The same for entry 0, then entry 1; stops at the first failure.
 BOOL vlliMapSyslogFiles(int *changed);
 
-// Drops an entry's data: FALSE with errno when munmap(2) fails, the entry is cleared all the same.
-BOOL vlliUnmapSyslogFile(int entry);
-
-// Counts the lines anew, after a change.
+// Counts the lines of both entries and their sum, after a change.
 void vlliGetSyslogRecordsNumber();
-
-// Builds a record into the handle's buffer. TRUE with a Length of 0 for a line that is none of ours; FALSE with
-// ERANGE or ENOMSG for a number outside the log.
-BOOL vlliGetEventLogRecord(EventLogHandle *handle, DWORD flags, int32_t number);

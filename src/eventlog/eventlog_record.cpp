@@ -1,13 +1,13 @@
 // From a line of the log to an event-log record.
 #include "eventlog/eventlog_record.h"
 
-#include <strings.h>
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "base/text.h"
 #include "vwincompat/datetime.h"
 
 static_assert(sizeof(EVENTLOGRECORD) == 64 && offsetof(EVENTLOGRECORD, TimeGenerated) == 12 &&
@@ -16,33 +16,30 @@ static_assert(sizeof(EVENTLOGRECORD) == 64 && offsetof(EVENTLOGRECORD, TimeGener
               "record layout");
 // The largest record: a source of ours, the longest host name, the longest line as message.
 static_assert(sizeof(EVENTLOGRECORD) + 3 + sizeof "gatekeeper" - 1 + kTokenLimit + kLineLimit + 3 + 4 <=
-                  sizeof EventLogHandle::RecordBuffer,
+                  kRecordBufferSize,
               "record buffer");
 
 namespace {
 
 constexpr uint32_t kSignature = 0x654C664C;  // "LfLe"
 
-// Where the parts of a line stand.
+// The tokens of a line, numbered from 1.
 enum Token { kHost = 4, kPriority = 5, kTag = 6 };
 
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-bool isBlank(char c) {
+// Carriage returns and the like are part of a token.
+bool separatesTokens(char c) {
     return c == ' ' || c == '\t';
 }
 
-// Finds the first count blank-separated tokens of a line, without their ends over kTokenLimit: how many there are.
+// Finds the first count tokens of a line, each cut to kTokenLimit: how many there are.
 int splitLine(std::string_view line, std::string_view *tokens, int count) {
     int found = 0;
     for (size_t at = 0; found < count; ++found) {
-        while (at < line.size() && isBlank(line[at])) {
+        while (at < line.size() && separatesTokens(line[at])) {
             ++at;
         }
         const size_t start = at;
-        while (at < line.size() && !isBlank(line[at])) {
+        while (at < line.size() && !separatesTokens(line[at])) {
             ++at;
         }
         if (at == start) {
@@ -53,11 +50,11 @@ int splitLine(std::string_view line, std::string_view *tokens, int count) {
     return found;
 }
 
-// The library's own log lines are left out, wherever their mark stands.
+// The library's own log lines have a mark somewhere.
 bool isOwnLine(std::string_view line) {
-    for (size_t at = 0; at + 4 <= line.size(); ++at) {
-        if ((line[at] | 0x20) == 'v' &&
-            (strncasecmp(&line[at], "VLL:", 4) == 0 || strncasecmp(&line[at], "VLLI:", 5) == 0)) {
+    for (size_t at = 0; at < line.size(); ++at) {
+        if ((line[at] | 0x20) == 'v' && (vlliEqualsIgnoringCase(line.substr(at, 4), "VLL:") ||
+                                         vlliEqualsIgnoringCase(line.substr(at, 5), "VLLI:"))) {
             return true;
         }
     }
@@ -75,7 +72,7 @@ WORD eventTypeOf(std::string_view priority) {
         {"user.err", EVENTLOG_ERROR_TYPE},
     };
     for (const auto &each : kTypes) {
-        if (equalsIgnoringCase(priority.substr(0, each.name.size()), each.name)) {
+        if (vlliEqualsIgnoringCase(priority.substr(0, each.name.size()), each.name)) {
             return each.type;
         }
     }
@@ -83,19 +80,19 @@ WORD eventTypeOf(std::string_view priority) {
 }
 
 // The month's number, or 0 when the line does not start with a month.
-WORD monthOf(const char *line) {
+WORD monthOf(std::string_view line) {
     static constexpr char kMonths[12][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     for (WORD month = 0; month < 12; ++month) {
-        if (strncasecmp(line, kMonths[month], 3) == 0) {
+        if (vlliEqualsIgnoringCase(line.substr(0, 3), kMonths[month])) {
             return static_cast<WORD>(month + 1);
         }
     }
     return 0;
 }
 
-// Reads a number as scanf(3)'s "%d" does, from text at an index that may lie past the line's end. *end receives where
-// it stopped, null when there is no number.
+// Reads a number as scanf(3)'s "%d" does, from an index that may lie past the line's end. *end receives where the number
+// ends, or null when there is none.
 WORD numberAt(const char *line, size_t length, size_t index, const char **end) {
     char *stop = nullptr;
     const char *const start = line + std::min(index, length);
@@ -104,7 +101,7 @@ WORD numberAt(const char *line, size_t length, size_t index, const char **end) {
     return static_cast<WORD>(value);
 }
 
-// Puts text behind what a record holds already, with its NUL: the offset behind it.
+// Puts text at an offset of a record, with a NUL: the offset behind it.
 size_t append(char *buffer, size_t offset, std::string_view text) {
     memcpy(buffer + offset, text.data(), text.size());
     return offset + text.size() + 1;
@@ -149,11 +146,11 @@ void vlliBuildEventLogRecord(const char *text, uint32_t number, char *buffer) {
         return;
     }
     const std::string_view source = tokens[kTag - 1].substr(0, tokens[kTag - 1].size() - 1);
-    if ((!equalsIgnoringCase(source, "gateway") && !equalsIgnoringCase(source, "gatekeeper")) ||
+    if ((!vlliEqualsIgnoringCase(source, "gateway") && !vlliEqualsIgnoringCase(source, "gatekeeper")) ||
         isOwnLine(line)) {
         return;
     }
-    // The first place of the name counts, even where the host is called so; a colon and a blank follow the tag.
+    // The first occurrence of the name counts, also where that is the host's name. A colon and a blank end the tag.
     const size_t message = std::min(line.find(source) + source.size() + 2, line.size());
 
     EVENTLOGRECORD head = {};

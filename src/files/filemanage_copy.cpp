@@ -1,11 +1,10 @@
-// Copying of files.
+// Copying of files. A thread may be cancelled anywhere in a copy, also in the progress routine, which is the caller's
+// code: whatever a copy holds lies in one record, which the clean-up finds.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <array>
-#include <climits>
-#include <cstring>
-#include <memory>
 
 #include "base/allocate.h"
 #include "base/blocking.h"
@@ -13,6 +12,7 @@
 #include "base/failure.h"
 #include "base/guards.h"
 #include "files/filemanage.h"
+#include "vwincompat/fileops.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ constexpr uint32_t kChunksPerCall = 16;
 struct Copy {
     const char *source;
     const char *target;
-    LPPROGRESS_ROUTINE routine;  // null once it has asked for quiet
+    LPPROGRESS_ROUTINE routine;  // null when there is none, or it wants no more calls
     LPVOID data;
     DWORD flags;
 
@@ -31,24 +31,23 @@ struct Copy {
     int64_t total = -1;
     int64_t copied = 0;
     uint32_t chunks = 0;
-    bool delete_target = false;  // what the cleanup finds
+    bool delete_target = false;  // for the clean-up
     bool nothing_to_do = false;  // source and target are one
     BOOL result = FALSE;
     int error = 0;
 };
 
+// Opens the source: its mode, or 0 with errno. A directory is refused before an existing target is lost.
 mode_t openSource(Copy *copy) {
     struct stat status;
     if (stat(copy->source, &status) == -1) {
         return 0;
     }
     if (S_ISDIR(status.st_mode)) {
-        // Found out here, before an existing target is lost.
         return Fail(EISDIR);
     }
-    do {
-        copy->from.reset(vlliBlockInOpen(copy->source, O_RDONLY | O_CLOEXEC, 0));
-    } while (!copy->from && errno == EINTR);
+    copy->from.reset(
+        vlliRetryOnEintr([&] { return vlliBlockInOpen(copy->source, O_RDONLY | O_CLOEXEC, 0); }));
     if (!copy->from || fstat(copy->from.get(), &status) == -1) {
         return 0;
     }
@@ -61,7 +60,7 @@ int createNew(const char *path, mode_t mode) {
     return open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode & (S_IRWXU | S_IRWXG | S_IRWXO));
 }
 
-// True when the target is the source itself, behind all symbolic links: unlinking the one would lose the other.
+// True when the target is the source itself, behind all symbolic links: unlinking the target would lose the source.
 bool isSourceItself(const char *source, const char *target) {
     const NoCancel no_cancel;
     const KeepErrno keep_errno;
@@ -83,8 +82,8 @@ bool createTarget(Copy *copy, mode_t mode) {
     return copy->delete_target;
 }
 
-// The answer of the routine, which is asked after every 16th chunk.
-DWORD askRoutine(Copy *copy, size_t chunk_bytes) {
+// Calls the routine after every 16th chunk: its result.
+DWORD reportProgress(Copy *copy, size_t chunk_bytes) {
     if (copy->routine == nullptr || copy->chunks % kChunksPerCall != 0) {
         return PROGRESS_CONTINUE;
     }
@@ -93,40 +92,25 @@ DWORD askRoutine(Copy *copy, size_t chunk_bytes) {
                          static_cast<HANDLE>(copy->to.get()), copy->data);
 }
 
-// Reads the next chunk, over interruptions.
-ssize_t readChunk(int fd, void *buffer) {
-    ssize_t bytes;
-    do {
-        bytes = vlliBlockInRead(fd, buffer, kChunkSize);
-    } while (bytes == -1 && errno == EINTR);
-    return bytes;
-}
-
+// Writes a chunk with one call. One that is cut short fails with ENOSPC, since write(2) gives no reason for it.
 bool writeChunk(int fd, const void *buffer, size_t size) {
-    ssize_t written;
-    do {
-        written = vlliBlockInWrite(fd, buffer, size);
-    } while (written == -1 && errno == EINTR);
+    const ssize_t written = vlliRetryOnEintr([&] { return vlliBlockInWrite(fd, buffer, size); });
     if (written >= 0 && static_cast<size_t>(written) < size) {
-        errno = ENOSPC;  // a write that is cut says no reason
-        return false;
+        return Fail(ENOSPC);
     }
     return written != -1;
 }
 
-// A file system that cannot flush has nothing to lose by it.
+// EINVAL: this file system does not support fsync(2), which is no failure.
 bool flush(int fd) {
-    int result;
-    do {
-        result = vlliBlockInFsync(fd);
-    } while (result == -1 && errno == EINTR);
-    return result == 0 || errno == EINVAL;
+    return vlliRetryOnEintr([&] { return vlliBlockInFsync(fd); }) == 0 || errno == EINVAL;
 }
 
 bool copyContent(Copy *copy) {
     std::array<char, kChunkSize> buffer;
     for (;;) {
-        const ssize_t bytes = readChunk(copy->from.get(), buffer.data());
+        const ssize_t bytes =
+            vlliRetryOnEintr([&] { return vlliBlockInRead(copy->from.get(), buffer.data(), buffer.size()); });
         if (bytes <= 0) {
             return bytes == 0 && flush(copy->to.get());
         }
@@ -136,7 +120,7 @@ bool copyContent(Copy *copy) {
         }
         ++copy->chunks;
         copy->copied += bytes;
-        switch (askRoutine(copy, chunk)) {
+        switch (reportProgress(copy, chunk)) {
             case PROGRESS_STOP:
                 copy->delete_target = false;
                 flush(copy->to.get());
@@ -164,7 +148,7 @@ void runCopy(void *argument) {
     copy->error = errno;
 }
 
-// Also when the thread is cancelled, wherever: the progress routine is the caller's code.
+// Called in any case, also when the thread is cancelled.
 void endCopy(void *argument) {
     auto *copy = static_cast<Copy *>(argument);
     copy->from.reset();
@@ -180,7 +164,7 @@ void endCopy(void *argument) {
 BOOL vllCopyFileEx(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, LPPROGRESS_ROUTINE lpProgressRoutine,
                    LPVOID lpData, BOOL *, DWORD dwCopyFlags) {
     if (lpExistingFileName == nullptr || lpNewFileName == nullptr) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     Copy copy = {};
     copy.source = lpExistingFileName;

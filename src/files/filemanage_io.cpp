@@ -1,21 +1,21 @@
-// File handles: opening, reading and writing, positions, sizes and times.
+// File handles: opening, reading and writing, positions, sizes and times. A file handle is the descriptor itself.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <array>
+#include <cstddef>
 #include <cstring>
-#include <memory>
 
 #include "base/allocate.h"
 #include "base/blocking.h"
 #include "base/failure.h"
 #include "base/log.h"
 #include "core/internal_async.h"
-#include "core/objmem.h"
 #include "core/ref.h"
 #include "files/filemanage.h"
 #include "vwincompat/event.h"
-#include "vwincompat/handle.h"
+#include "vwincompat/file.h"
 #include "vwincompat/wait.h"
 
 static_assert(sizeof(FileInfoRecord) == 16 && offsetof(FileInfoRecord, creationTime) == 4 &&
@@ -24,10 +24,10 @@ static_assert(sizeof(off_t) == 8, "files of more than 2 GiB");
 
 namespace {
 
-// What a converted path may need beyond the length of the given one.
-constexpr size_t kConversionRoom = 16;
+// A converted path takes at most so many bytes more than the given one, its terminator included.
+constexpr size_t kConversionMargin = 16;
 
-// A result of 32 bits that is too large, or -1 itself.
+// The result -1 in 32 bits: a failure.
 constexpr DWORD kNoResult = 0xFFFFFFFF;
 
 // Indexed by the creation disposition.
@@ -50,7 +50,8 @@ HANDLE openFile(const char *path, DWORD flags, DWORD mode, DWORD disposition) {
     return static_cast<HANDLE>(vlliBlockInOpen(path, all_flags, mode));
 }
 
-BOOL finish(ssize_t result, LPDWORD count) {
+// Stores the result of a read or write: TRUE, or FALSE for -1.
+BOOL storeCount(ssize_t result, LPDWORD count) {
     if (count != nullptr) {
         *count = static_cast<DWORD>(result);
     }
@@ -73,10 +74,10 @@ BOOL startTransfer(HANDLE file, void *buffer, DWORD size, OverlappedRecord *reco
     return vlliRegisterTransfer(record, write);
 }
 
-// Sleeps until the event is likely to be signalled. The wait that follows then finds it so at once, and need
-// not build a set to wait on.
+// Sleeps until the event is likely to be signalled, so that the wait that follows returns at once and builds no set of
+// descriptors. A handle that is refused here is reported by that wait.
 void sleepUntilSignalled(HANDLE handle) {
-    const Ref<OBJ_EVENT> event(handle, Refusal::kSilent);  // the wait tells what is wrong with it
+    const Ref<OBJ_EVENT> event(handle, Refusal::kSilent);
     if (event) {
         std::array<pollfd, 2> fds = {{{event->fd, POLLIN, 0}, {event->efd, POLLIN, 0}}};
         vlliBlockInPoll(fds.data(), fds.size(), -1);
@@ -92,7 +93,7 @@ HANDLE vllCreateFile(LPCSTR lpFileName, DWORD dwFlags, DWORD dwMode, DWORD dwCre
     if (!isWindowsPath(lpFileName)) {
         return openFile(lpFileName, dwFlags, dwMode, dwCreationDisposition);
     }
-    const HeapBlock<char> converted(static_cast<char *>(malloc(strlen(lpFileName) + kConversionRoom)));
+    const auto converted = vlliAllocate<char>(strlen(lpFileName) + kConversionMargin);
     if (converted == nullptr) {
         return INVALID_HANDLE_VALUE;
     }
@@ -103,14 +104,14 @@ HANDLE vllCreateFile(LPCSTR lpFileName, DWORD dwFlags, DWORD dwMode, DWORD dwCre
     return openFile(converted.get(), dwFlags, dwMode, dwCreationDisposition);
 }
 
-// read() and write() need no room of their own to block in: a cancelled thread can be unwound from them on every
-// machine, and the C frame of internal_blocking.c would cost a twentieth of a short transfer.
+// read(2) and write(2) need no wrapper of base/blocking.h: a thread that is cancelled in them can be unwound on every
+// machine, and a wrapper would make a short transfer a twentieth slower.
 BOOL vllReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead, LPDWORD lpNumberOfBytesRead,
                  LPOVERLAPPED lpOverlapped) {
     if (lpOverlapped != nullptr) {
         return startTransfer(hFile, lpBuffer, nNumberOfBytesToRead, lpOverlapped, false);
     }
-    return finish(read(toFd(hFile), lpBuffer, nNumberOfBytesToRead), lpNumberOfBytesRead);
+    return storeCount(read(toFd(hFile), lpBuffer, nNumberOfBytesToRead), lpNumberOfBytesRead);
 }
 
 BOOL vllWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite, LPDWORD lpNumberOfBytesWritten,
@@ -118,13 +119,13 @@ BOOL vllWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite, L
     if (lpOverlapped != nullptr) {
         return startTransfer(hFile, const_cast<void *>(lpBuffer), nNumberOfBytesToWrite, lpOverlapped, true);
     }
-    return finish(write(toFd(hFile), lpBuffer, nNumberOfBytesToWrite), lpNumberOfBytesWritten);
+    return storeCount(write(toFd(hFile), lpBuffer, nNumberOfBytesToWrite), lpNumberOfBytesWritten);
 }
 
 BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTransferred, BOOL bWait) {
     int32_t count = -1;
     uint32_t event_mask = kNoResult;
-    finish(count, lpNumberOfBytesTransferred);
+    storeCount(count, lpNumberOfBytesTransferred);
     if (lpOverlapped == nullptr) {
         return Fail(EINVAL);
     }
@@ -139,13 +140,12 @@ BOOL vllGetOverlappedResult(LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTr
         return FALSE;
     }
     count = lpOverlapped->result;
-    finish(count, lpNumberOfBytesTransferred);
+    storeCount(count, lpNumberOfBytesTransferred);
     if (bWait != 0 && lpOverlapped->eventMask != nullptr) {
         event_mask = *lpOverlapped->eventMask;
     }
     if (count == -1 && event_mask == kNoResult) {
-        errno = EIO;  // the service's own reason is gone
-        return FALSE;
+        return Fail(EIO);  // the service keeps no error number
     }
     return TRUE;
 }

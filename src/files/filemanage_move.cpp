@@ -1,11 +1,10 @@
-// Links, moves and deletions of files.
+// Links, moves and deletions of files, and the list of moves that wait for the next start of the system.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "base/allocate.h"
 #include "base/descriptor.h"
@@ -13,55 +12,24 @@
 #include "base/guards.h"
 #include "base/log.h"
 #include "files/filemanage.h"
+#include "vwincompat/fileops.h"
 
 namespace {
 
 constexpr const char *kDeferredMoves = "/etc/moved.conf";
 constexpr mode_t kDeferredMovesMode = 0644;
 
-bool isSameInode(const struct stat &one, const struct stat &other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-const char *nameIn(const char *path) {
-    const char *slash = strrchr(path, '/');
-    return slash != nullptr ? slash + 1 : path;
-}
-
-bool statDirectoryOf(const char *path, struct stat *status) {
-    char directory[PATH_MAX] = ".";
-    const auto length = static_cast<size_t>(nameIn(path) - path);
-    if (length >= sizeof directory) {
-        return false;
-    }
-    if (length != 0) {
-        memcpy(directory, path, length);
-        directory[length] = '\0';
-    }
-    return stat(directory, status) == 0;
-}
-
-// True when the new name already is the old one's file: another link to it, what it leads to, or itself.
-bool isAlreadyThere(const char *from, const char *to) {
-    const KeepErrno keep_errno;
-    struct stat source;
-    struct stat target;
-    if (lstat(to, &target) == -1 || S_ISDIR(target.st_mode)) {
-        return false;
-    }
-    return (lstat(from, &source) == 0 && isSameInode(source, target)) ||
-           (stat(from, &source) == 0 && isSameInode(source, target));
-}
-
 BOOL moveByRename(const char *from, const char *to) {
-    if (!isAlreadyThere(from, to)) {
+    if (!vlliIsAlreadyThere(from, to)) {
         return rename(from, to) == 0;
     }
     if (vlliIsSameEntry(from, to)) {
-        // At most another case of its letters; nothing to do on a directory that is mounted twice.
+        // Renaming it changes at most the case of its letters. In a directory that is mounted twice there is nothing to
+        // rename: EXDEV.
         return rename(from, to) == 0 || errno == EXDEV;
     }
-    // rename(2) would leave both names of one file, and replace what a symbolic link leads to by the link.
+    // rename(2) would leave both names of one file alone, and would replace the file that a symbolic link leads to by
+    // the link.
     return unlink(from) == 0;
 }
 
@@ -77,39 +45,38 @@ BOOL moveByLink(const char *from, const char *to) {
     return TRUE;
 }
 
-// Appends a line with one write. A file system that takes only a part of it gets that part back, unless
-// another line stands behind it already: half a line would join with the next one.
+// Removes the part of a line that was written at the file's end, unless another process has written behind it.
+void removePartOfLine(int fd, ssize_t written) {
+    struct stat status;
+    const off_t end = lseek(fd, 0, SEEK_CUR);
+    if (fstat(fd, &status) == 0 && status.st_size == end && ftruncate(fd, end - written) == -1) {
+        vlliLogError("VLLI: MoveFileEx: half a line stays in %s\n", kDeferredMoves);
+    }
+}
+
+// Appends a line with one write, so that lines of several processes do not mix. A file system that takes only a part of
+// the line gets none of it: half a line would join with the next one.
 BOOL appendLine(const char *line, size_t length) {
     const NoCancel no_cancel;
     const Fd file(open(kDeferredMoves, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kDeferredMovesMode));
     if (!file) {
         return FALSE;
     }
-    ssize_t written;
-    do {
-        written = write(file.get(), line, length);
-    } while (written == -1 && errno == EINTR);
-    if (written == static_cast<ssize_t>(length)) {
-        return TRUE;
+    const ssize_t written = vlliRetryOnEintr([&] { return write(file.get(), line, length); });
+    if (written > 0 && written < static_cast<ssize_t>(length)) {
+        removePartOfLine(file.get(), written);
+        return Fail(ENOSPC);
     }
-    if (written > 0) {
-        struct stat status;
-        const off_t end = lseek(file.get(), 0, SEEK_CUR);
-        if (fstat(file.get(), &status) == 0 && status.st_size == end &&
-            ftruncate(file.get(), end - written) == -1) {
-            vlliLogError("VLLI: MoveFileEx: half a line stays in %s\n", kDeferredMoves);
-        }
-        errno = ENOSPC;
-    }
-    return FALSE;
+    return written == static_cast<ssize_t>(length);
+}
+
+bool isOneLine(const char *name) {
+    return name != nullptr && strchr(name, '\n') == nullptr;
 }
 
 BOOL deferMove(const char *from, const char *to, bool replace) {
-    if (replace && to == nullptr) {
-        return vlliFailInvalid();
-    }
-    if (strchr(from, '\n') != nullptr || (replace && strchr(to, '\n') != nullptr)) {
-        return vlliFailInvalid();
+    if (!isOneLine(from) || (replace && !isOneLine(to))) {
+        return Fail(EINVAL);
     }
     char *text = nullptr;
     const int length =
@@ -122,36 +89,21 @@ BOOL deferMove(const char *from, const char *to, bool replace) {
 }
 
 BOOL moveByCopy(const char *from, const char *to, bool replace) {
-    if (replace && isAlreadyThere(from, to)) {
-        return FALSE;  // there was only the old name to be removed
+    if (replace && vlliIsAlreadyThere(from, to)) {
+        return FALSE;  // the move was only to remove the old name, and that failed
     }
     return vllCopyFile(from, to, replace ? FALSE : TRUE) && vllDeleteFile(from);
 }
 
 }  // namespace
 
-bool vlliIsSameEntry(const char *one, const char *other) {
-    const KeepErrno keep_errno;
-    struct stat first;
-    struct stat second;
-    if (lstat(one, &first) == -1 || lstat(other, &second) == -1 || !isSameInode(first, second)) {
-        return false;
-    }
-    if (first.st_nlink == 1) {
-        return true;
-    }
-    // Of several links, those of one name in one directory; in some directories case does not count.
-    return strcasecmp(nameIn(one), nameIn(other)) == 0 && statDirectoryOf(one, &first) &&
-           statDirectoryOf(other, &second) && isSameInode(first, second);
-}
-
 BOOL vllLinkOrCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL bFailIfExists) {
     if (lpExistingFileName == nullptr || lpNewFileName == nullptr) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     int result = link(lpExistingFileName, lpNewFileName);
     if (result == -1 && errno == EEXIST && bFailIfExists == 0) {
-        if (isAlreadyThere(lpExistingFileName, lpNewFileName)) {
+        if (vlliIsAlreadyThere(lpExistingFileName, lpNewFileName)) {
             return TRUE;
         }
         if (unlink(lpNewFileName) == -1) {
@@ -167,7 +119,7 @@ BOOL vllLinkOrCopyFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, BOOL bFa
 
 BOOL vllMoveFile(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     if (lpExistingFileName == nullptr || lpNewFileName == nullptr) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     return moveByLink(lpExistingFileName, lpNewFileName);
 }
@@ -177,22 +129,22 @@ BOOL vllMoveFileEx(LPCSTR lpExistingFileName, LPCSTR lpNewFileName, DWORD dwFlag
     const bool deferred = (dwFlags & MOVE_DELAY_UNTIL_REBOOT) != 0;
     const bool replace = (dwFlags & MOVE_REPLACE_EXISTING) != 0;
     if (lpExistingFileName == nullptr || (copy_allowed && deferred)) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     if (deferred) {
         return deferMove(lpExistingFileName, lpNewFileName, replace);
     }
     if (lpNewFileName == nullptr) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     const BOOL moved = replace ? moveByRename(lpExistingFileName, lpNewFileName)
                                : moveByLink(lpExistingFileName, lpNewFileName);
     if (moved) {
         return TRUE;
     }
-    return copy_allowed ? moveByCopy(lpExistingFileName, lpNewFileName, replace) : vlliFailInvalid();
+    return copy_allowed ? moveByCopy(lpExistingFileName, lpNewFileName, replace) : Fail(EINVAL);
 }
 
 BOOL vllDeleteFile(LPCSTR lpFileName) {
-    return lpFileName != nullptr ? remove(lpFileName) == 0 : vlliFailInvalid();
+    return lpFileName != nullptr ? remove(lpFileName) == 0 : Fail(EINVAL);
 }

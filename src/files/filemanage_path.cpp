@@ -1,17 +1,21 @@
-// Windows paths, turned into Linux paths of the fixed directory tree.
+// Windows paths, turned into Linux paths of the fixed directory tree. A path that is right as spelled costs one stat(2)
+// per component; directories are read only to repair the case of letters.
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <array>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "base/guards.h"
+#include "base/text.h"
 #include "files/filemanage.h"
 
 namespace {
 
 struct Prefix {
-    const char *windows;
+    std::string_view windows;
     const char *linux_path;
 };
 
@@ -25,43 +29,26 @@ constexpr bool isSeparator(char c) {
     return c == '\\' || c == '/';
 }
 
-// ASCII letters only, whatever the locale.
-constexpr char foldCase(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-// The length of prefix when text begins with it, else 0. Never reads past the text's end.
-size_t matchPrefix(const char *text, const char *prefix) {
-    size_t length = 0;
-    while (prefix[length] != '\0') {
-        if (foldCase(text[length]) != foldCase(prefix[length])) {
-            return 0;
-        }
-        ++length;
-    }
-    return length;
-}
-
-bool equalsIgnoringCase(const char *one, const char *other) {
-    while (*one != '\0' && foldCase(*one) == foldCase(*other)) {
-        ++one;
-        ++other;
-    }
-    return *one == *other;
+// True when text begins with the prefix, in any case. Text is not read beyond its end.
+bool hasPrefix(const char *text, std::string_view prefix) {
+    const size_t length = strnlen(text, prefix.size());
+    return vlliEqualsIgnoringCase({text, length}, prefix);
 }
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR *)>;
 
-// Replaces name by the first entry that equals it but for case: 1; 0 without one; -1 when there is no directory.
+// Replaces name by the directory's first entry that differs from it in case alone: 1; 0 when there is none; -1 when the
+// directory cannot be opened.
 int takeSpellingFrom(const char *directory_path, char *name) {
     const NoCancel no_cancel;
+    const std::string_view wanted = name;
     const Directory directory(opendir(directory_path), closedir);
     if (directory == nullptr) {
         return -1;
     }
     while (const dirent *entry = readdir(directory.get())) {
-        if (equalsIgnoringCase(entry->d_name, name)) {
-            memcpy(name, entry->d_name, strlen(name));
+        if (vlliEqualsIgnoringCase(entry->d_name, wanted)) {
+            memcpy(name, entry->d_name, wanted.size());
             return 1;
         }
     }
@@ -87,10 +74,9 @@ int vlliFixPathCase(char *path, char *component, int isLast) {
 int vlliConvertToLinuxPath(char *out, const char *in) {
     char *end = out;
     for (const Prefix &prefix : kPrefixes) {
-        const size_t length = matchPrefix(in, prefix.windows);
-        if (length != 0) {
+        if (hasPrefix(in, prefix.windows)) {
             end = stpcpy(out, prefix.linux_path);
-            in += length;
+            in += prefix.windows.size();
             break;
         }
     }

@@ -1,9 +1,10 @@
-// Attributes, directory search, directories.
+// Attributes, directory searches, and the current directory. A search is one glob(3) whose result is reported entry by
+// entry, so that an entry may have vanished when its turn comes.
 
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <cstdio>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -12,12 +13,13 @@
 #include "base/failure.h"
 #include "base/guards.h"
 #include "files/filemanage.h"
+#include "vwincompat/fileops.h"
 
 static_assert(sizeof(FindDataRecord) == 20 + 4096 && offsetof(FindDataRecord, name) == 20);
 
 struct SearchRecord {
     glob_t found = {};
-    uint32_t index = 0;  // of the entry reported last
+    uint32_t index = 0;  // of the entry that was reported last
     ~SearchRecord() { globfree(&found); }
 };
 
@@ -26,8 +28,6 @@ namespace {
 constexpr size_t kPatternSize = 4096;
 constexpr mode_t kDirectoryMode = 0770;
 constexpr DWORD kTooLarge = 0xFFFFFFFF;
-
-using Text = HeapBlock<char>;
 
 DWORD attributesOf(const char *path, const struct stat &status) {
     DWORD attributes = ATTR_OTHER;
@@ -43,8 +43,8 @@ DWORD attributesOf(const char *path, const struct stat &status) {
     return attributes;
 }
 
-// Directories are marked by a '/', which is no part of their name.
-void removeMark(char *path) {
+// glob(3) marks directories by a '/', which is no part of their name.
+void removeTrailingSlashes(char *path) {
     size_t length = strlen(path);
     while (length > 1 && path[length - 1] == '/') {
         path[--length] = '\0';
@@ -52,7 +52,7 @@ void removeMark(char *path) {
 }
 
 BOOL describe(char *path, FindDataRecord *data) {
-    removeMark(path);
+    removeTrailingSlashes(path);
     struct stat status;
     if (stat(path, &status) == -1) {
         return FALSE;
@@ -90,18 +90,15 @@ BOOL expand(const char *pattern, glob_t *found) {
     stpcpy(stpcpy(buffer, pattern), whole_directory ? "*" : "");
     const int code =
         glob(buffer, GLOB_ERR | GLOB_MARK | GLOB_NOSORT | GLOB_PERIOD | GLOB_TILDE, nullptr, found);
-    if (code != 0) {
-        errno = globError(code);
-    }
-    return code == 0;
+    return code == 0 ? TRUE : Fail(globError(code));
 }
 
 bool isSearch(const SearchRecord *search) {
     return search != nullptr && search != INVALID_FIND_HANDLE;
 }
 
-Text currentDirectory() {
-    return Text(getcwd(nullptr, 0));
+HeapBlock<char> currentDirectory() {
+    return HeapBlock<char>(getcwd(nullptr, 0));
 }
 
 }  // namespace
@@ -118,7 +115,7 @@ SearchRecord *vllFindFirstFile(LPCSTR lpFileName, FindDataRecord *lpFindFileData
     if (lpFileName == nullptr || lpFindFileData == nullptr) {
         return Fail(EINVAL, INVALID_FIND_HANDLE);
     }
-    const NoCancel no_cancel;  // reading directories is cancellable, and glob() would leak
+    const NoCancel no_cancel;  // glob(3) reads directories, a cancellation point, and would leak its lists
     std::unique_ptr<SearchRecord> search(new (std::nothrow) SearchRecord);
     if (search == nullptr) {
         return Fail(ENOMEM, INVALID_FIND_HANDLE);
@@ -133,7 +130,7 @@ SearchRecord *vllFindFirstFile(LPCSTR lpFileName, FindDataRecord *lpFindFileData
 
 BOOL vllFindNextFile(SearchRecord *hFindFile, FindDataRecord *lpFindFileData) {
     if (!isSearch(hFindFile) || lpFindFileData == nullptr) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     if (hFindFile->index + 1 >= hFindFile->found.gl_pathc) {
         return Fail(ENOENT);
@@ -144,26 +141,26 @@ BOOL vllFindNextFile(SearchRecord *hFindFile, FindDataRecord *lpFindFileData) {
 
 BOOL vllFindClose(SearchRecord *hFindFile) {
     if (!isSearch(hFindFile)) {
-        return vlliFailInvalid();
+        return Fail(EINVAL);
     }
     delete hFindFile;
     return TRUE;
 }
 
 BOOL vllCreateDirectory(LPCSTR lpPathName) {
-    return lpPathName != nullptr ? mkdir(lpPathName, kDirectoryMode) == 0 : vlliFailInvalid();
+    return lpPathName != nullptr ? mkdir(lpPathName, kDirectoryMode) == 0 : Fail(EINVAL);
 }
 
 BOOL vllRemoveDirectory(LPCSTR lpPathName) {
-    return lpPathName != nullptr ? rmdir(lpPathName) == 0 : vlliFailInvalid();
+    return lpPathName != nullptr ? rmdir(lpPathName) == 0 : Fail(EINVAL);
 }
 
 BOOL vllSetCurrentDirectory(LPCSTR lpPathName) {
-    return lpPathName != nullptr ? chdir(lpPathName) == 0 : vlliFailInvalid();
+    return lpPathName != nullptr ? chdir(lpPathName) == 0 : Fail(EINVAL);
 }
 
 DWORD vllGetCurrentDirectory(DWORD nBufferLength, LPSTR lpBuffer) {
-    const Text directory = currentDirectory();
+    const HeapBlock<char> directory = currentDirectory();
     if (directory == nullptr) {
         return 0;
     }
@@ -179,7 +176,7 @@ DWORD vllGetFullPathName(LPCSTR lpFileName, DWORD nBufferLength, LPSTR lpBuffer,
     if (lpFileName == nullptr) {
         return Fail(EINVAL);
     }
-    const Text directory = currentDirectory();
+    const HeapBlock<char> directory = currentDirectory();
     if (directory == nullptr) {
         return 0;
     }

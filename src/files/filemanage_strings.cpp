@@ -1,4 +1,4 @@
-// Path strings, free space and random bytes.
+// Path strings, free space and random bytes. The string operations never touch the file system, and accept null paths.
 
 #include <fcntl.h>
 #include <sys/statfs.h>
@@ -8,7 +8,7 @@
 #include "base/descriptor.h"
 #include "base/failure.h"
 #include "base/guards.h"
-#include "files/filemanage.h"
+#include "vwincompat/path.h"
 
 namespace {
 
@@ -135,16 +135,6 @@ BOOL vllCryptGenRandom(DWORD dwLen, BYTE *pbBuffer) {
     if (dwLen == 0 || pbBuffer == nullptr) {
         return Fail(EINVAL);
     }
-    // One read, unless a signal or the kernel's limit cuts it: no byte may be left as it was.
-    for (DWORD filled = 0; filled < dwLen;) {
-        const ssize_t bytes = read(device.get(), pbBuffer + filled, dwLen - filled);
-        if (bytes == -1 && errno == EINTR) {
-            continue;
-        }
-        if (bytes <= 0) {
-            return FALSE;
-        }
-        filled += static_cast<DWORD>(bytes);
-    }
-    return TRUE;
+    // A signal or the kernel's limit may cut a read: no byte may be left as it was.
+    return static_cast<size_t>(vlliReadFully(device.get(), pbBuffer, dwLen)) == dwLen;
 }

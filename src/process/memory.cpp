@@ -1,10 +1,12 @@
+// Memory: its amount, heap blocks, and counters that all processes may change at once.
+
 #include "vwincompat/memory.h"
-#include "base/failure.h"
-#include "base/guards.h"
 
 #include <unistd.h>
 #include <cstdlib>
 
+#include "base/failure.h"
+#include "base/guards.h"
 #include "vwincompat/handle.h"
 #include "vwincompat/mutex.h"
 #include "vwincompat/wait.h"
@@ -13,12 +15,13 @@ namespace {
 
 constexpr const char *kInterlockName = "InterlockingMutex";
 
-SIZE_T pages(int name) {
+// The size of as many pages as sysconf(3) reports, in bytes.
+SIZE_T pageBytes(int name) {
     return static_cast<SIZE_T>(sysconf(name)) * static_cast<SIZE_T>(sysconf(_SC_PAGESIZE));
 }
 
-// The mutex of all processes, held for a scope. Without it (no handle, no shared memory) the change is made all
-// the same.
+// Holds the named mutex of all processes for a scope. When it cannot be opened the counter is changed without it, since
+// the operations have no way to fail.
 class Interlock {
   public:
     Interlock() : mutex_(vllCreateMutex(0, kInterlockName)) {
@@ -50,8 +53,8 @@ LONG changeCounter(volatile LONG *counter, LONG change) {
 
 void vllGetMemoryStatus(MEMORYSTATUS *lpBuffer) {
     if (lpBuffer != nullptr) {
-        lpBuffer->dwTotalPhys = pages(_SC_PHYS_PAGES);
-        lpBuffer->dwAvailPhys = pages(_SC_AVPHYS_PAGES);
+        lpBuffer->dwTotalPhys = pageBytes(_SC_PHYS_PAGES);
+        lpBuffer->dwAvailPhys = pageBytes(_SC_AVPHYS_PAGES);
     }
 }
 

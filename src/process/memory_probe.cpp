@@ -1,9 +1,9 @@
-// Pointer probes. A byte is touched under a handler for the faults; the handler jumps out of the access, which
-// would fault again for ever if it returned to it. Probes come one at a time: handler and flag are the process's.
+// Pointer probes. Bytes are read and written while a handler for memory faults is installed; the handler leaves the
+// access by a jump, since an access that it returned to would fault again for ever. Only one probe runs at a time, because
+// handlers belong to the whole process.
 //
-// A fault of another thread in the meantime cannot be told from ours by a handler without siginfo other than by the
-// thread. It ends the probe; the other thread faults again at once, and meets the former action as soon as that
-// is restored.
+// When another thread faults meanwhile, the handler sets signal_raised, which ends the probe, and returns. The other thread
+// then faults again and again until the probe has restored the action that the program had installed.
 
 #include <pthread.h>
 #include <csetjmp>
@@ -23,9 +23,9 @@ constexpr size_t kFaultCount = sizeof kFaults / sizeof *kFaults;
 
 pthread_mutex_t validation_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-uint32_t signal_raised;  // touched with atomic operations
-pthread_t prober;        // valid while probing
-int32_t probing;
+uint32_t signal_raised;  // 1 once a fault has happened; atomic
+int32_t probing;         // 1 while a byte may be accessed; atomic
+pthread_t prober;        // the thread that probes, valid while probing is 1
 sigjmp_buf probe_exit;
 
 void vlliSignalHandler(int) {
@@ -35,7 +35,7 @@ void vlliSignalHandler(int) {
     }
 }
 
-// A child must inherit neither the lock of a probing thread nor its handler.
+// A child of fork(2) must inherit neither the held lock nor the handlers of a probing thread.
 void lockForFork() {
     pthread_mutex_lock(&validation_mutex);
 }
@@ -44,8 +44,8 @@ void unlockAfterFork() {
     pthread_mutex_unlock(&validation_mutex);
 }
 
-// The library's actions and signal mask for a scope. Everything but faults is held back, so that no handler
-// starts a probe of its own inside ours; faults must arrive, whatever the caller has blocked.
+// Installs the library's handlers and a signal mask for a scope. All signals but faults are blocked, so that no handler of
+// the program can start a probe inside this one; the faults are not, even if the caller has blocked them.
 class FaultHandlers {
   public:
     FaultHandlers() {
@@ -75,7 +75,7 @@ class FaultHandlers {
     struct sigaction actions_[kFaultCount];
 };
 
-// The range is any: the sanitizers must not judge it.
+// The range may be invalid, which the sanitizers must not report.
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void touch(volatile uint8_t *bytes,
                                                                                     SIZE_T length,
                                                                                     bool write) {
@@ -87,7 +87,7 @@ __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void to
     }
 }
 
-// Nothing that a jump would skip or spoil lives in this frame.
+// A function of its own, whose frame has nothing that the jump would skip: no destructor, no changed local variable.
 __attribute__((noinline)) void touchUntilFault(volatile uint8_t *bytes, SIZE_T length, bool write) {
     if (sigsetjmp(probe_exit, 0) == 0) {
         __atomic_store_n(&probing, 1, __ATOMIC_RELEASE);

@@ -1,4 +1,4 @@
-// Pointer probes.
+// What the pointer probes do around fork(2).
 #pragma once
 
 #include "base/fork_handlers.h"

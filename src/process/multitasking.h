@@ -1,61 +1,24 @@
-// Child programs: the command line's tokens, and the way from fork() to the program.
+// Processes: the command line's tokens, and the thread that waits for a child.
 #pragma once
-
-#include <sys/types.h>
-#include <csignal>
-#include <cstddef>
-#include <memory>
 
 #include "base/allocate.h"
 #include "vwincompat/process.h"
 
-// Cuts a command line into tokens in place and stores where each begins, room of them at most: their number,
-// or room + 1 when there are more.
-size_t vlliCutCommandLine(char *text, char **tokens, size_t room);
-
-// All signals blocked for a scope.
-class BlockSignals {
+// A command line, which is cut into tokens in place. Each token is a string once next() has found no further one.
+class CommandLine {
   public:
-    BlockSignals();
-    ~BlockSignals();
-    BlockSignals(const BlockSignals &) = delete;
-    BlockSignals &operator=(const BlockSignals &) = delete;
+    // A copy of the text, or of none: false with ENOMEM.
+    bool copy(const char *text);
 
-    const sigset_t &before() const { return before_; }
+    // The next token, or null.
+    char *next();
 
   private:
-    sigset_t before_;
+    HeapBlock<char> text_;
+    char *at_ = nullptr;  // the next byte of the scan
+    bool in_quotes_ = false;
 };
 
-// What a child needs between fork() and exec, made before the fork: the child allocates nothing and takes
-// no lock, since another thread of the parent may have held it at that moment for ever.
-struct ChildPlan {
-    // The slot before arguments[0] is free: a script without "#!" is handed to the shell through it.
-    HeapBlock<char *> slots;
-    char **arguments = nullptr;
-    HeapBlock<char> candidates;       // what to run, in order: strings, then an empty one
-    bool searched = false;            // found along PATH, as execvp(3) does
-    const char *directory = nullptr;  // null: the caller's
-    char path[sizeof "PATH=" - 1 + VLL_PATH_SIZE] = "";
-    HeapBlock<char *> environment;  // null: the caller's
-    char logHead[128] = "";         // a log line up to its text; empty: failures are not logged
-};
-
-// Room for count arguments and the closing null pointer: false with ENOMEM.
-bool vlliPlanArguments(ChildPlan *plan, size_t count);
-
-// The working directory and the PATH that ends with it: false with ENAMETOOLONG or ENOMEM.
-bool vlliPlanDirectory(ChildPlan *plan, const char *directory);
-
-// The files to try for a program name, after the directory: false with ENOMEM.
-bool vlliPlanProgram(ChildPlan *plan, const char *program);
-
-// A child that fails will say so in the log.
-void vlliPlanLog(ChildPlan *plan);
-
-// fork(2), with signals blocked by the caller. The child runs the plan and never returns.
-pid_t vlliForkChild(const ChildPlan &plan, const BlockSignals &blocked);
-
-// The start routine of the thread that waits for a child; the parameter is its pid itself, so the thread
-// depends on nobody's memory. The result of waitpid(2).
+// The start routine of the thread that waits for a child. The parameter is the child's process id itself, so that the
+// thread uses nobody's memory. Returns the result of waitpid(2).
 uint32_t vlliWaitForProcess(LPVOID parameter);

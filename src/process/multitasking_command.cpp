@@ -1,42 +1,35 @@
-#include <cctype>
+// The tokens of a command line. Quotes are not parsed as a shell parses them: a quote opens a token wherever it stands,
+// and does not end the one that it stands in.
 
+#include "base/text.h"
 #include "process/multitasking.h"
 
-namespace {
-
-bool isBlank(char byte) {
-    return isspace(static_cast<unsigned char>(byte)) != 0;
+bool CommandLine::copy(const char *text) {
+    text_ = vlliCopyString(text != nullptr ? text : "");
+    at_ = text_.get();
+    return text_ != nullptr;
 }
 
-}  // namespace
-
-size_t vlliCutCommandLine(char *text, char **tokens, size_t room) {
-    size_t count = 0;
-    bool in_quotes = false;
-    for (char *byte = text; *byte != '\0'; ++byte) {
-        // What the scan has cut off counts as the end of a token, so the byte before is looked at as it is now.
-        const bool first = byte == text;
-        const char before = first ? ' ' : byte[-1];
-        char *token = nullptr;
-        if (in_quotes) {
-            if (*byte == '"') {
-                in_quotes = false;
-                *byte = '\0';
+char *CommandLine::next() {
+    for (; *at_ != '\0'; ++at_) {
+        // The byte before is read as it is now: a terminator that the scan has written there ends a token too.
+        const bool first = at_ == text_.get();
+        const char before = first ? ' ' : at_[-1];
+        if (in_quotes_) {
+            if (*at_ == '"') {
+                in_quotes_ = false;
+                *at_ = '\0';
             }
-        } else if (*byte == '"') {
-            in_quotes = true;
-            token = byte + 1;
-        } else if (!isBlank(*byte)) {
-            token = isBlank(before) || before == '\0' ? byte : nullptr;
-        } else if (!first && !isBlank(before)) {
-            *byte = '\0';
-        }
-        if (token != nullptr) {
-            if (count == room) {
-                return room + 1;
+        } else if (*at_ == '"') {
+            in_quotes_ = true;
+            return ++at_;
+        } else if (!vlliIsBlank(*at_)) {
+            if (vlliIsBlank(before) || before == '\0') {
+                return at_++;
             }
-            tokens[count++] = token;
+        } else if (!first && !vlliIsBlank(before)) {
+            *at_ = '\0';
         }
     }
-    return count;
+    return nullptr;
 }

@@ -1,4 +1,4 @@
-// Scheduling and sleeping.
+// Scheduling and sleeping. Policies, priorities and thread identifiers are those of Linux and are passed on unchanged.
 
 #include <sched.h>
 #include <sys/resource.h>
@@ -7,7 +7,7 @@
 
 #include "base/blocking.h"
 #include "base/failure.h"
-#include "process/multitasking.h"
+#include "vwincompat/process.h"
 
 namespace {
 
@@ -18,14 +18,6 @@ bool setPolicy(pid_t pid, int policy, int priority) {
     sched_param parameter = {};
     parameter.sched_priority = priority;
     return sched_setscheduler(pid, policy, &parameter) == 0;
-}
-
-// The result of a pthread call as result and last error.
-BOOL toResult(int error) {
-    if (error != 0) {
-        errno = error;
-    }
-    return error == 0;
 }
 
 }  // namespace
@@ -43,10 +35,10 @@ BOOL vllSetPriorityClass(DWORD dwProcessId, int32_t nPolicy, int32_t nPriority) 
 
 BOOL vllGetThreadPriority(uintptr_t threadId, int32_t *lpPolicy, int32_t *lpPriority) {
     if (lpPolicy == nullptr || lpPriority == nullptr) {
-        return toResult(EINVAL);
+        return Fail(EINVAL);
     }
     if (threadId == 0) {
-        return toResult(ESRCH);
+        return Fail(ESRCH);
     }
     int policy;
     sched_param parameter;
@@ -55,28 +47,24 @@ BOOL vllGetThreadPriority(uintptr_t threadId, int32_t *lpPolicy, int32_t *lpPrio
         *lpPolicy = policy;
         *lpPriority = parameter.sched_priority;
     }
-    return toResult(error);
+    return vlliSucceeded(error);
 }
 
 BOOL vllSetThreadPriority(uintptr_t threadId, int32_t nPolicy, int32_t nPriority) {
     if (threadId == 0) {
-        return toResult(ESRCH);
+        return Fail(ESRCH);
     }
     sched_param parameter = {};
     parameter.sched_priority = nPriority;
-    return toResult(pthread_setschedparam(threadId, nPolicy, &parameter));
+    return vlliSucceeded(pthread_setschedparam(threadId, nPolicy, &parameter));
 }
 
 int32_t vllSleep(DWORD dwMilliseconds) {
     if (dwMilliseconds == 0) {
         return sched_yield();
     }
-    // A count that is negative as a signed number has a negative part here, which nanosleep() refuses.
+    // As a signed number 0x80000000 and more is negative, and so are both parts; nanosleep() refuses them.
     const auto count = static_cast<int32_t>(dwMilliseconds);
     timespec left = {count / 1000, count % 1000 * 1000000L};
-    int result;
-    do {
-        result = vlliBlockInNanosleep(&left, &left);
-    } while (result == -1 && errno == EINTR);
-    return result;
+    return vlliRetryOnEintr([&] { return vlliBlockInNanosleep(&left, &left); });
 }

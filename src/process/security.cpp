@@ -1,10 +1,7 @@
-// Checking passwords. Nothing here uses the system's static storage, so threads do not disturb one another:
-// what a logon hands out is kept for the calling thread, in a block that goes with it.
+// Checking passwords. The C library's functions with static storage are not used, so that threads do not disturb each
+// other: the strings that a logon returns live in a block of the calling thread, which is freed when the thread ends.
 
 #include "vwincompat/security.h"
-#include "base/allocate.h"
-#include "base/failure.h"
-#include "base/guards.h"
 
 #include <crypt.h>
 #include <pthread.h>
@@ -12,7 +9,10 @@
 #include <cstring>
 #include <new>
 
-#include "process/accounts.h"
+#include "base/accounts.h"
+#include "base/allocate.h"
+#include "base/failure.h"
+#include "base/guards.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ char *findShadowHash(const char *name, AccountText *text) {
     return found != nullptr ? found->sp_pwdp : nullptr;
 }
 
-// Looks at every byte, so that the time says nothing about where two hashes differ.
+// Compares every byte, so that the time that it takes does not depend on where two hashes differ.
 bool isSameHash(const char *a, const char *b) {
     const size_t length = strlen(a);
     if (length != strlen(b)) {
@@ -91,7 +91,7 @@ bool checkPassword(const char *password, const char *hash) {
     if (work == nullptr) {
         return Fail(ENOMEM);
     }
-    // A hash that names no method gives a null pointer, or a text that begins with '*' and is no hash.
+    // For a hash of an unknown method crypt_r() returns null, or a text that begins with '*' and is no hash.
     const char *result = crypt_r(password, hash, work.get());
     const bool same = result != nullptr && *result != '*' && isSameHash(result, hash);
     explicit_bzero(work.get(), sizeof(crypt_data));
@@ -107,7 +107,7 @@ BOOL vllLogonUser(LPCSTR lpszUsername, LPCSTR lpszPassword, struct passwd *lpUse
     if (lpszUsername == nullptr || lpszPassword == nullptr || lpUser == nullptr) {
         return Fail(EINVAL);
     }
-    const NoCancel no_cancel;  // the databases hold locks of the C library
+    const NoCancel no_cancel;  // a thread cancelled in a lookup would leave locks of the C library held
     LogonText *text = threadText();
     passwd entry;
     if (text == nullptr || findUser(lpszUsername, &entry, &text->passwd) == nullptr) {

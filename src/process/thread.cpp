@@ -1,9 +1,9 @@
-// Threads. A thread record has two handles at first: the caller's, and the thread's own, which the thread closes
-// when it ends. The record goes with the last handle, so the caller's may be closed earlier or later.
+// Threads. A thread's state has two handles at first: the caller's, and the thread's own, which the thread closes
+// when it ends. The state is freed with the last handle, so the caller may close its handle before or after that.
 //
-// A thread ends in vlliThreadCleanup(), however it got there. It marks its record first (`handle` becomes 0),
-// under thread_mutex; whoever cancels it looks at the mark and cancels under the same lock, so it can never name
-// a thread that is gone.
+// Every thread ends in vlliThreadCleanup(), whether it returns, exits or is cancelled. There it first marks its state as
+// ended (`handle` becomes 0), under thread_mutex. vllTerminateThread() reads the mark and cancels under the same lock, so
+// that it never uses the identifier of a thread that no longer exists.
 
 #include "process/thread.h"
 
@@ -31,7 +31,7 @@ void thread_data_init() {
     pthread_key_create(&thread_data_key, nullptr);
 }
 
-// The calling thread's record, or null in a thread that was not started here.
+// The state of the calling thread, or null in a thread that the library has not started.
 ThreadData *currentThreadData() {
     pthread_once(&thread_data_once, thread_data_init);
     return static_cast<ThreadData *>(pthread_getspecific(thread_data_key));
@@ -65,14 +65,23 @@ class ThreadAttributes {
     ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
     ThreadAttributes(const ThreadAttributes &) = delete;
     ThreadAttributes &operator=(const ThreadAttributes &) = delete;
-    pthread_attr_t *get() { return &attributes_; }
+    const pthread_attr_t *get() const { return &attributes_; }
+
+    // Sets the stack's size; 0 keeps the default. False with errno and a log line.
+    bool setStackSize(size_t size) {
+        const int error = size != 0 ? pthread_attr_setstacksize(&attributes_, size) : 0;
+        if (error != 0) {
+            vlliLogError("VLLI: CreateThread: pthread_attr_setstacksize() = %d\n", error);
+        }
+        return vlliSucceeded(error);
+    }
 
   private:
     pthread_attr_t attributes_;
 };
 
-// Runs the start routine once the thread may; goes on with cancellation off, which the routine may have left
-// asynchronous: neither what holds a lock nor the cleanup that follows may be a victim.
+// Waits for the resume semaphore and runs the start routine. Cancellation is disabled after it, because the routine may
+// have left it asynchronous: the thread must not be cancelled while it holds a lock, nor in the cleanup that follows.
 void runThread(void *argument) {
     auto *thread = static_cast<ThreadData *>(argument);
     if (vlliBlockInSemWait(&thread->resumeSem) == -1) {
@@ -86,7 +95,7 @@ void runThread(void *argument) {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
 }
 
-// However the thread ends: it is marked, then its handles are signalled, then its own handle is closed.
+// The end of every thread: its state is marked, then its handles are signalled, then its own handle is closed.
 void vlliThreadCleanup(void *argument) {
     auto *thread = static_cast<ThreadData *>(argument);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
@@ -106,7 +115,7 @@ void *vlliThreadWrapper(void *argument) {
     return nullptr;
 }
 
-// The thread's own handle with its completion event and resume semaphore; 0 with errno when they cannot be made.
+// Makes the thread's own handle, with its completion event and resume semaphore: 0 with errno when that is not possible.
 HANDLE makeOwnHandle() {
     NewHandle handle(vlliCreateObject(OBJ_THREAD));
     if (!handle) {
@@ -124,6 +133,26 @@ HANDLE makeOwnHandle() {
     return handle.release();
 }
 
+// Cancels a live thread: 0, or the error number.
+int cancelThread(ThreadData *thread, uint32_t exit_code) {
+    MutexLock lock(&thread_mutex);
+    if (thread->handle == 0) {
+        return ESRCH;
+    }
+    const pthread_t id = thread->threadId;
+    thread->exitCode = exit_code;
+    if (pthread_equal(id, pthread_self())) {
+        // The lock is released first, because the call may not return. The thread cannot end meanwhile: it is this one.
+        lock.unlock();
+        return pthread_cancel(id);
+    }
+    const int result = pthread_cancel(id);
+    if (result != 0) {
+        thread->exitCode = 0;
+    }
+    return result;
+}
+
 }  // namespace
 
 const ForkHandlers kThreadForkHandlers = {nullptr, nullptr, resetAfterFork};
@@ -135,12 +164,8 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
     }
     pthread_once(&thread_data_once, thread_data_init);
     ThreadAttributes attributes;
-    if (dwStackSize != 0) {
-        const int result = pthread_attr_setstacksize(attributes.get(), dwStackSize);
-        if (result != 0) {
-            vlliLogError("VLLI: CreateThread: pthread_attr_setstacksize() = %d\n", result);
-            return Fail(result);
-        }
+    if (!attributes.setStackSize(dwStackSize)) {
+        return 0;
     }
     NewHandle own(makeOwnHandle());
     if (!own) {
@@ -156,16 +181,14 @@ HANDLE vllCreateThread(DWORD dwStackSize, LPTHREAD_START_ROUTINE lpStartAddress,
     thread->startAddress = lpStartAddress;
     thread->parameter = lpParameter;
 
-    // Posted before there is a thread: it then never sleeps on its way to the start routine, and no signal can
-    // break that sleep.
+    // The semaphore is posted before the thread exists, so that its wait returns at once and no signal can interrupt it.
     if (dwCreationFlags == 0 && sem_post(&thread->resumeSem) == -1) {
         return 0;
     }
-    const int result = pthread_create(&thread->threadId, attributes.get(), vlliThreadWrapper, thread);
-    if (result != 0) {
-        return Fail(result);
+    if (!vlliSucceeded(pthread_create(&thread->threadId, attributes.get(), vlliThreadWrapper, thread))) {
+        return 0;
     }
-    own.release();  // the thread's from here on
+    own.release();  // the thread closes it
     if (lpThreadId != nullptr) {
         *lpThreadId = thread->threadId;
     }
@@ -200,30 +223,6 @@ DWORD vllResumeThread(HANDLE hThread) {
     }
     return static_cast<DWORD>(thread.close());
 }
-
-namespace {
-
-// Cancels a live thread: 0, or the error number.
-int cancelThread(ThreadData *thread, uint32_t exit_code) {
-    MutexLock lock(&thread_mutex);
-    if (thread->handle == 0) {
-        return ESRCH;
-    }
-    const pthread_t id = thread->threadId;
-    thread->exitCode = exit_code;
-    if (pthread_equal(id, pthread_self())) {
-        // Nobody but the caller can end this thread, and cancelling it may not return.
-        lock.unlock();
-        return pthread_cancel(id);
-    }
-    const int result = pthread_cancel(id);
-    if (result != 0) {
-        thread->exitCode = 0;
-    }
-    return result;
-}
-
-}  // namespace
 
 BOOL vllTerminateThread(HANDLE hThread, DWORD dwExitCode) {
     const Ref<OBJ_THREAD> record(hThread);

@@ -1,4 +1,4 @@
-// Threads, as other modules use them.
+// Threads: the state that the handles of a thread share, and what the table of types needs of it.
 #pragma once
 
 #include <semaphore.h>
@@ -6,7 +6,7 @@
 #include "core/ref.h"
 #include "vwincompat/thread.h"
 
-// A thread's shared state, in a memory-object record; every handle of the thread points at it.
+// A thread's state, which stands in a memory-object record.
 struct ThreadData {
     HANDLE handle;  // the thread's own handle; 0 once the thread has ended
     LPTHREAD_START_ROUTINE startAddress;
@@ -23,7 +23,7 @@ static_assert(sizeof(ThreadData) == 36 && offsetof(ThreadData, resumeSem) == 20)
 
 extern const ForkHandlers kThreadForkHandlers;
 
-// The shared state of a thread's record, or null.
+// The state that a thread's record refers to, or null.
 inline ThreadData *vlliThreadData(const ObjectRecord *record) {
     return static_cast<ThreadData *>(record->payload);
 }
@@ -31,5 +31,6 @@ inline ThreadData *vlliThreadData(const ObjectRecord *record) {
 BOOL vlliCloseThread(ObjectRecord *record);
 BOOL vlliDuplicateThread(ObjectRecord *record, const ObjectRecord *source);
 
-// True while a thread, whose reference the caller holds, has certainly not signalled its end.
+// True while the thread of a record, on which the caller holds a reference, has not signalled its end. False may also mean
+// that it is about to.
 bool vlliThreadRuns(const ObjectRecord *record);

@@ -1,166 +1,39 @@
-#include <fcntl.h>
-#include <sys/stat.h>
+// Edits of profile files. Each writes a complete copy of the file and renames it into the file's place, so that readers
+// and crashes find the old file or the new one. Lines that an edit does not concern keep their bytes.
+
 #include <unistd.h>
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include "base/descriptor.h"
 #include "base/failure.h"
 #include "base/guards.h"
+#include "base/text.h"
 #include "profile/config.h"
+#include "profile/config_copy.h"
 #include "vwincompat/fileops.h"
 #include "vwincompat/profile.h"
 
 namespace {
 
-constexpr char kCopySuffix[] = "copy";
-constexpr size_t kCopyNameSize = 260;
-
-BOOL fail(int error) {
-    return Fail(error);
-}
-
-// Writes all of a text: false with errno.
-bool writeAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(fd, text.data(), text.size());
-        if (count == -1 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            errno = count == 0 ? EIO : errno;
-            return false;
-        }
-        text.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
-// The copy that takes the file's place, under its name with "copy" appended. Unless it did so, or shall stay, it is
-// removed at the end.
-class ConfigCopy final {
-  public:
-    // The file's name has been checked.
-    explicit ConfigCopy(const char *file) : file_(file) {
-        snprintf(name_, sizeof name_, "%s%s", file, kCopySuffix);
-    }
-    ~ConfigCopy() {
-        if (exists_) {
-            const KeepErrno keep_errno;
-            unlink(name_);
-        }
-    }
-    ConfigCopy(const ConfigCopy &) = delete;
-    ConfigCopy &operator=(const ConfigCopy &) = delete;
-
-    const char *name() const { return name_; }
-    int fd() const { return fd_.get(); }
-
-    // Creates it empty. What an earlier edit left there is removed, so that its permissions do not survive.
-    bool create() {
-        unlink(name_);
-        fd_.reset(open(name_, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-        exists_ = static_cast<bool>(fd_);
-        return exists_;
-    }
-
-    // Takes over what was copied there, with the file's permissions: the copy was made under the process's umask.
-    // A copy that cannot be opened stays.
-    bool adopt() {
-        struct stat status;
-        fd_.reset(open(name_, O_RDWR | O_CLOEXEC));
-        exists_ = static_cast<bool>(fd_);
-        // A file system without permissions, or a file without a name by now, has none to keep.
-        if (exists_ && stat(file_, &status) == 0) {
-            (void)fchmod(fd_.get(), status.st_mode & 0777);
-        }
-        return exists_;
-    }
-
-    // Leaves it where it is.
-    void keep() { exists_ = false; }
-
-    // Written in whole buffers: the file system then fills a page at a time.
-    void put(std::string_view text) {
-        while (!text.empty()) {
-            const size_t count = std::min(text.size(), sizeof buffer_ - used_);
-            memcpy(buffer_ + used_, text.data(), count);
-            used_ += count;
-            text.remove_prefix(count);
-            if (used_ == sizeof buffer_) {
-                flush();
-            }
-        }
-    }
-
-    // Lines that begin here begin a line of the copy, too: the one before may have lost its newline, or had none.
-    void putLine(std::string_view line, bool starts_line = true) {
-        if (starts_line && !at_line_start_) {
-            put("\n");
-        }
-        put(line);
-        at_line_start_ = line.back() == '\n';
-    }
-
-    // Brings everything to the disk: false with errno when any of it failed.
-    bool finish() {
-        flush();
-        if (error_ != 0) {
-            return Fail(error_);
-        }
-        int flushed;
-        do {
-            flushed = fsync(fd_.get());
-        } while (flushed == -1 && errno == EINTR);
-        // A file system that cannot flush has nothing to lose by it.
-        return (flushed == 0 || errno == EINVAL) && vlliCloseFd(fd_.release()) == 0;
-    }
-
-    // Renaming replaces the old file in one step: no reader finds it missing. A failure is not told.
-    void replaceFile() {
-        exists_ = false;
-        (void)rename(name_, file_);
-    }
-
-  private:
-    // The first failure counts; nothing is written after it.
-    void flush() {
-        if (error_ == 0 && !writeAll(fd_.get(), {buffer_, used_})) {
-            error_ = errno;
-        }
-        used_ = 0;
-    }
-
-    const char *file_;
-    Fd fd_;
-    bool exists_ = false;
-    int error_ = 0;
-    bool at_line_start_ = true;
-    size_t used_ = 0;
-    char name_[kCopyNameSize];
-    char buffer_[kConfigLineSize];
-};
-
-// What an edit does, and to what.
 struct Edit {
-    const char *section;
-    const char *key;    // null: the whole section
-    const char *entry;  // the line to write, or null
+    const char *section;  // null: the lines before the first header
+    const char *key;      // null: the whole section is deleted
+    const char *entry;    // the line to write; null: entries with the key are deleted
 };
 
 void copyLine(const ConfigReader &reader, ConfigCopy *copy) {
     copy->putLine(reader.line(), reader.startsLine());
 }
 
-// Copies up to the section's header: false when there is none.
+// Copies the lines up to the section's header, and the header when with_header is set: false when there is none.
 bool copyToSection(ConfigReader *reader, ConfigCopy *copy, const char *section, bool with_header) {
     if (section == nullptr) {
         return true;
     }
     std::string_view name;
     while (reader->next()) {
-        const bool found = vlliParseSection(reader->line(), &name) && vlliSameName(name, section);
+        const bool found = vlliParseSection(reader->line(), &name) && vlliEqualsIgnoringCase(name, section);
         if (!found || with_header) {
             copyLine(*reader, copy);
         }
@@ -171,8 +44,8 @@ bool copyToSection(ConfigReader *reader, ConfigCopy *copy, const char *section, 
     return false;
 }
 
-// Copies the section up to and with the next header, without the entries that have the key, or without
-// anything when it is null: the number of lines left out.
+// Copies the lines of the section but the entries with the key, or no line when the key is null; then the next header.
+// The number of lines that were left out.
 size_t copySection(ConfigReader *reader, ConfigCopy *copy, const char *key) {
     size_t left_out = 0;
     std::string_view name;
@@ -190,7 +63,7 @@ size_t copySection(ConfigReader *reader, ConfigCopy *copy, const char *key) {
     return left_out;
 }
 
-// Copies with the edit done: false when there is nothing to edit.
+// Copies the file with the edit made: false when it has nothing to edit.
 bool copyEdited(ConfigReader *reader, ConfigCopy *copy, const Edit &edit) {
     if (!copyToSection(reader, copy, edit.section, edit.key != nullptr)) {
         return false;
@@ -217,10 +90,10 @@ BOOL editFile(const char *file, const Edit &edit) {
     }
     const bool edited = copyEdited(&reader, &copy, edit);
     if (reader.error() != 0) {
-        return fail(reader.error());
+        return Fail(reader.error());
     }
     if (!edited) {
-        return fail(ENOENT);
+        return Fail(ENOENT);
     }
     if (!copy.finish()) {
         return FALSE;
@@ -231,20 +104,20 @@ BOOL editFile(const char *file, const Edit &edit) {
     return TRUE;
 }
 
-// Appends the header to a copy: FALSE with errno.
+// Appends the header to a copy, behind an empty line: FALSE with errno.
 BOOL appendSection(const ConfigCopy &copy, const char *section) {
     const off_t size = lseek(copy.fd(), 0, SEEK_END);
     if (size == -1) {
         return FALSE;
     }
     char last[2] = {};
-    if (size >= 2 && pread(copy.fd(), last, sizeof last, size - 2) != sizeof last) {
+    if (size >= 2 && vlliReadFullyAt(copy.fd(), last, sizeof last, size - 2) != sizeof last) {
         return FALSE;
     }
     char header[kConfigNameSize + 4];
     const bool after_empty_line = last[0] == '\n' && last[1] == '\n';
     const int length = snprintf(header, sizeof header, "%s[%s]\n", after_empty_line ? "" : "\n", section);
-    return writeAll(copy.fd(), {header, static_cast<size_t>(length)});
+    return vlliWriteFully(copy.fd(), header, static_cast<size_t>(length)) != -1;
 }
 
 bool hasBlank(const char *key) {
@@ -257,8 +130,8 @@ void formatEntry(const char *key, const char *value, char *line) {
     snprintf(line, kEntrySize, hasBlank(key) ? "\"%s\"=%s\n" : "%s=%s\n", key, value);
 }
 
-// True when a text cannot be a name: empty, too long, or of several lines.
-bool isNoName(const char *text) {
+// True when a text is empty, too long or of several lines.
+bool cannotBeName(const char *text) {
     const size_t length = strnlen(text, kConfigNameSize);
     return length == 0 || length == kConfigNameSize || memchr(text, '\n', length) != nullptr;
 }
@@ -267,29 +140,29 @@ bool isNoName(const char *text) {
 
 BOOL vlliCheckConfigFile(const char *file) {
     if (file == nullptr) {
-        return fail(EINVAL);
+        return Fail(EINVAL);
     }
-    const size_t longest = kCopyNameSize - sizeof kCopySuffix;
-    return strnlen(file, kCopyNameSize) <= longest ? TRUE : fail(ENAMETOOLONG);
+    const size_t longest = kConfigCopyNameSize - sizeof kConfigCopySuffix;
+    return strnlen(file, kConfigCopyNameSize) <= longest ? TRUE : Fail(ENAMETOOLONG);
 }
 
 BOOL vlliCheckConfigSection(const char *section) {
-    return !isNoName(section) && strpbrk(section, "];#") == nullptr ? TRUE : fail(EINVAL);
+    return !cannotBeName(section) && strpbrk(section, "];#") == nullptr ? TRUE : Fail(EINVAL);
 }
 
 BOOL vlliCheckConfigEntry(const char *key, const char *value) {
-    if (isNoName(key) || strnlen(value, kConfigNameSize) == kConfigNameSize) {
-        return fail(EINVAL);
+    if (cannotBeName(key) || strnlen(value, kConfigNameSize) == kConfigNameSize) {
+        return Fail(EINVAL);
     }
     char line[kEntrySize];
     formatEntry(key, "", line);
     ConfigEntry entry;
-    return vlliParseEntry(line, &entry) && entry.key == key ? TRUE : fail(EINVAL);
+    return vlliParseEntry(line, &entry) && entry.key == key ? TRUE : Fail(EINVAL);
 }
 
 BOOL vllAddConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPCSTR value) {
     if (key == nullptr || value == nullptr) {
-        return fail(EINVAL);
+        return Fail(EINVAL);
     }
     if (!vlliCheckConfigFile(file) || !vlliCheckConfigEntry(key, value)) {
         return FALSE;
@@ -301,7 +174,7 @@ BOOL vllAddConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPCSTR value) {
 
 BOOL vllDeleteConfigValue(LPCSTR file, LPCSTR section, LPCSTR key) {
     if (key == nullptr) {
-        return fail(EINVAL);
+        return Fail(EINVAL);
     }
     return vlliCheckConfigFile(file) && editFile(file, {section, key, nullptr});
 }
@@ -313,7 +186,7 @@ BOOL vllDeleteConfigSection(LPCSTR file, LPCSTR section) {
 BOOL vllAddConfigSection(LPCSTR file, LPCSTR section) {
     const NoCancel no_cancel;
     if (section == nullptr) {
-        return fail(EINVAL);
+        return Fail(EINVAL);
     }
     if (!vlliCheckConfigFile(file) || !vlliCheckConfigSection(section)) {
         return FALSE;
@@ -325,11 +198,11 @@ BOOL vllAddConfigSection(LPCSTR file, LPCSTR section) {
     ConfigReader reader;
     const bool found = reader.attach(copy.fd()) && reader.findSection(section);
     if (reader.error() != 0) {
-        return fail(reader.error());
+        return Fail(reader.error());
     }
     if (found) {
         copy.keep();
-        return fail(EEXIST);
+        return Fail(EEXIST);
     }
     if (!appendSection(copy, section) || !copy.finish()) {
         return FALSE;

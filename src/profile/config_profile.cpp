@@ -1,8 +1,11 @@
+// The Win32 operations on profiles, made of the readers and the editors.
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "base/descriptor.h"
@@ -13,16 +16,17 @@
 
 namespace {
 
-// What atoi(3) makes of a text on the 32-bit target, where numbers out of range stop at the ends of the range.
+// The number that atoi(3) reads on the 32-bit target, where one beyond 32 bits becomes the nearest one within. Sets the
+// last error to 0.
 int32_t toNumber(const char *text) {
-    errno = 0;
     const long long number = strtoll(text, nullptr, 10);
-    return Fail(0, static_cast<int32_t>(std::clamp<long long>(number, INT32_MIN, INT32_MAX)));
+    errno = 0;
+    return static_cast<int32_t>(std::clamp<long long>(number, INT32_MIN, INT32_MAX));
 }
 
-// Stores as much of "key=value" as fits in room bytes with a terminator.
-void storeEntry(const ConfigEntry &entry, char *buffer, size_t room) {
-    snprintf(buffer, room, "%.*s=%.*s", static_cast<int>(entry.key.size()), entry.key.data(),
+// Stores as much of "key=value" as fits in size bytes with a terminator.
+void storeEntry(const ConfigEntry &entry, char *buffer, size_t size) {
+    snprintf(buffer, size, "%.*s=%.*s", static_cast<int>(entry.key.size()), entry.key.data(),
              static_cast<int>(entry.value.size()), entry.value.data());
 }
 
@@ -30,10 +34,10 @@ DWORD listEntries(ConfigReader *reader, char *buffer, DWORD size) {
     ConfigEntry entry;
     DWORD count = 0;
     while (reader->nextEntry(&entry)) {
-        const DWORD room = size - count;
+        const DWORD left = size - count;
         const DWORD length = static_cast<DWORD>(entry.key.size() + entry.value.size()) + 2;
-        if (length + 1 > room) {
-            storeEntry(entry, buffer + count, room > 2 ? room - 2 : 0);
+        if (length + 1 > left) {
+            storeEntry(entry, buffer + count, left > 2 ? left - 2 : 0);
             return Fail(ENOBUFS, size - 2);
         }
         storeEntry(entry, buffer + count, length);
@@ -42,16 +46,16 @@ DWORD listEntries(ConfigReader *reader, char *buffer, DWORD size) {
     return count;
 }
 
-// Creates the file when it does not exist. Another's content is never lost: nothing is truncated.
+// Creates the file when it does not exist. It is not truncated: another process may just have created and filled it.
 bool makeFile(const char *file) {
     struct stat status;
     if (stat(file, &status) == 0 || errno != ENOENT) {
-        return true;  // what cannot be looked at fails in the edit
+        return true;  // a file that cannot be examined makes the edit fail
     }
     return static_cast<bool>(Fd(open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0666)));
 }
 
-// Appends the section when the file has none of that name. Looking first saves a copy of the file.
+// Appends the section when the file has none of that name. Reading the file first saves a copy of it.
 bool makeSection(const char *file, const char *section) {
     ConfigReader reader;
     if (section == nullptr || (reader.open(file) && reader.findSection(section))) {
@@ -109,11 +113,7 @@ DWORD vllGetPrivateProfileSection(LPCSTR section, LPSTR buffer, DWORD size, LPCS
     } else {
         errno = ENOENT;
     }
-    if (reader.error() != 0) {
-        errno = reader.error();
-        return 0;
-    }
-    return count;
+    return reader.error() == 0 ? count : Fail(reader.error(), DWORD{0});
 }
 
 BOOL vllWritePrivateProfileString(LPCSTR section, LPCSTR key, LPCSTR value, LPCSTR file) {

@@ -1,13 +1,17 @@
+// Reading single values, and lists of sections and keys. Every operation reads the file anew from its start.
+
 #include <algorithm>
 #include <cstring>
 
 #include "base/failure.h"
 #include "base/guards.h"
+#include "base/text.h"
 #include "profile/config.h"
 #include "vwincompat/profile.h"
 
 namespace {
 
+// What a list gives for a file that cannot be read.
 constexpr DWORD kNoFile = static_cast<DWORD>(-1);
 
 // Copies as much of a value as fits, with a terminator.
@@ -19,19 +23,18 @@ void storeText(std::string_view text, char *buffer, DWORD size) {
     }
 }
 
-// A buffer, cleared first, that becomes a list of strings. Its last byte is never written.
+// A list of strings in a buffer, which is cleared first. The buffer's last byte stays 0.
 class NameList {
   public:
     NameList(char *buffer, DWORD size) : buffer_(buffer), size_(size) { memset(buffer, 0, size); }
 
-    // Adds a name: false when it had to be cut. A cut list has size - 2 bytes, whatever it holds.
+    // Adds a name: false with ENOBUFS when it had to be cut. The count of a list that was cut is size - 2.
     bool add(std::string_view name) {
-        const size_t room = count_ < size_ - 2 ? size_ - 2 - count_ : 0;
-        memcpy(buffer_ + count_, name.data(), std::min(name.size(), room));
-        if (name.size() > room) {
-            errno = ENOBUFS;
+        const size_t left = count_ < size_ - 2 ? size_ - 2 - count_ : 0;
+        memcpy(buffer_ + count_, name.data(), std::min(name.size(), left));
+        if (name.size() > left) {
             count_ = size_ - 2;
-            return false;
+            return Fail(ENOBUFS);
         }
         count_ += static_cast<DWORD>(name.size()) + 1;
         return true;
@@ -45,9 +48,8 @@ class NameList {
     DWORD count_ = 0;
 };
 
-// What every list reader asks first: 0 when it may go on.
-int refuseList(const char *buffer, DWORD size) {
-    return buffer == nullptr || size < 2 ? EINVAL : 0;
+bool canHoldList(const char *buffer, DWORD size) {
+    return buffer != nullptr && size >= 2;
 }
 
 bool openProfile(ConfigReader *reader, const char *file) {
@@ -85,22 +87,22 @@ DWORD listKeys(ConfigReader *reader, const char *section, const char *default_va
     return Fail(ENOENT, vlliStoreDefault(default_value, buffer, size));
 }
 
-// Where a list ends: a file that broke off is as one that cannot be read.
+// The result of a list: a file whose end could not be read counts as one that cannot be read.
 DWORD endList(const ConfigReader &reader, DWORD result) {
-    if (reader.error() != 0) {
-        errno = reader.error();
-        return kNoFile;
-    }
-    return result;
+    return reader.error() == 0 ? result : Fail(reader.error(), kNoFile);
 }
 
+// Stores a value that was found, and its length or the size that it needs. Sets the last error to 0 or ENOBUFS.
 BOOL storeValue(std::string_view value, char *buffer, DWORD *size) {
     storeText(value, buffer, *size);
     const DWORD length = static_cast<DWORD>(value.size());
-    const bool whole = length < *size;
-    *size = whole ? length : length + 1;
-    errno = whole ? 0 : ENOBUFS;
-    return whole;
+    if (length >= *size) {
+        *size = length + 1;
+        return Fail(ENOBUFS);
+    }
+    *size = length;
+    errno = 0;
+    return TRUE;
 }
 
 }  // namespace
@@ -128,7 +130,7 @@ BOOL vllReadConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPSTR buffer, D
     bool found = false;
     const bool in_section = reader.findSection(section);
     while (in_section && !found && reader.nextEntry(&entry)) {
-        found = vlliSameName(entry.key, key);
+        found = vlliEqualsIgnoringCase(entry.key, key);
     }
     if (found) {
         return storeValue(entry.value, buffer, size);
@@ -143,8 +145,8 @@ BOOL vllReadConfigValue(LPCSTR file, LPCSTR section, LPCSTR key, LPSTR buffer, D
 
 DWORD vllReadAllSections(LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR file) {
     const NoCancel no_cancel;
-    if (const int refused = refuseList(buffer, size)) {
-        return Fail(refused);
+    if (!canHoldList(buffer, size)) {
+        return Fail(EINVAL);
     }
     ConfigReader reader;
     if (!openProfile(&reader, file)) {
@@ -155,8 +157,8 @@ DWORD vllReadAllSections(LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR 
 
 DWORD vllReadAllValues(LPCSTR section, LPCSTR default_value, LPSTR buffer, DWORD size, LPCSTR file) {
     const NoCancel no_cancel;
-    if (const int refused = refuseList(buffer, size)) {
-        return Fail(refused);
+    if (!canHoldList(buffer, size)) {
+        return Fail(EINVAL);
     }
     ConfigReader reader;
     if (!openProfile(&reader, file)) {

@@ -1,3 +1,5 @@
+// Saving the system's configuration store to a file. A file that cannot be opened is also reported on standard output.
+
 #include <cstdio>
 #include <memory>
 
@@ -16,7 +18,7 @@ struct FileCloser {
 };
 using File = std::unique_ptr<FILE, FileCloser>;
 
-// A file that was opened, or null with errno and a line on standard output.
+// Opens a file: null with errno and a line on standard output when that fails.
 File openOrReport(const char *name, const char *mode, const char *what) {
     File file(fopen(name, mode));
     if (file == nullptr) {

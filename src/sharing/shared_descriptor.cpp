@@ -2,8 +2,8 @@
 // processes over a socket in the abstract name space.
 //
 // lifecycle_mutex is taken first: it keeps a new server from starting before the old one has freed the address.
-// list_mutex guards the registry and the server's identity; the server holds it for a walk of the list, and
-// when it ends by itself.
+// list_mutex guards the registry and the server's identity. The server holds it while it searches the list, and while it
+// ends. The publisher opens the server's socket, so that a lookup finds it as soon as the publication has returned.
 
 #include "sharing/shared_descriptor.h"
 
@@ -42,10 +42,10 @@ enum Status : int32_t { kFound = 0, kIncomplete = 1, kUnknown = 2 };
 
 pthread_mutex_t lifecycle_mutex = PTHREAD_MUTEX_INITIALIZER;
 HANDLE server_handle = 0;   // guarded by list_mutex
-int listening_socket = -1;  // the server's, for forked children to close
-bool had_address = false;   // a server of this process; guarded by list_mutex
+int listening_socket = -1;  // the server's, which a child of fork() closes; guarded by list_mutex
+bool had_address = false;   // true once a server of this process had the address; guarded by list_mutex
 
-// The name on the wire is what follows the first byte, which marks the abstract name space.
+// The first byte of the path is replaced by the NUL that marks the abstract name space.
 socklen_t makeAddress(sockaddr_un *address) {
     static constexpr char kStoredName[] = "zSHARING_FD_SERVER";
     *address = {};
@@ -67,6 +67,14 @@ void freeList() {
     }
 }
 
+// Needs list_mutex.
+void closeListeningSocket() {
+    if (listening_socket != -1) {
+        vlliCloseFd(listening_socket);
+        listening_socket = -1;
+    }
+}
+
 void lockForFork() {
     pthread_mutex_lock(&lifecycle_mutex);
     pthread_mutex_lock(&list_mutex);
@@ -81,10 +89,7 @@ void unlockAfterFork() {
 void forgetServerInChild() {
     pthread_mutex_init(&list_mutex, nullptr);
     pthread_mutex_init(&lifecycle_mutex, nullptr);
-    if (listening_socket != -1) {
-        vlliCloseFd(listening_socket);
-        listening_socket = -1;
-    }
+    closeListeningSocket();
     had_address = false;
     freeList();
     server_thread_id = kNoServer;
@@ -94,56 +99,50 @@ void forgetServerInChild() {
     }
 }
 
-// The server's listening socket. Its end frees the address; a server that ends by itself leaves no identity.
-class ListeningSocket {
-  public:
-    // A child that this process is just starting holds a copy of an earlier socket, and with it the address, until its
-    // handlers or its exec have closed it.
-    ListeningSocket() {
-        for (int tries = kBindTries; !take() && errno == EADDRINUSE && tries > 1; --tries) {
-            {
-                const MutexLock lock(&list_mutex);
-                if (!had_address) {
-                    return;
-                }
-            }
-            vlliBlockInPoll(nullptr, 0, kBindPauseMs);
-        }
+// Opens the server's socket: false with errno. The lock keeps a fork away until listening_socket is set, so that the
+// child closes its copy.
+bool tryToListen() {
+    const MutexLock lock(&list_mutex);
+    Fd fd = makeSocket(SOCK_NONBLOCK);
+    sockaddr_un address;
+    const socklen_t length = makeAddress(&address);
+    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        listen(fd.get(), kBacklog) != 0) {
+        return false;
     }
-    ~ListeningSocket() {
+    listening_socket = fd.release();
+    had_address = true;
+    return true;
+}
+
+bool mayBeOwnAddress() {
+    const MutexLock lock(&list_mutex);
+    return had_address;
+}
+
+// Opens the server's socket unless another process has the address. A child that this process is starting holds a copy
+// of an earlier socket, and with it the address, until its fork handlers or its exec have closed the copy.
+void startToListen() {
+    const KeepErrno keep_errno;
+    for (int tries = 1; !tryToListen() && errno == EADDRINUSE && tries < kBindTries && mayBeOwnAddress();
+         ++tries) {
+        vlliBlockInPoll(nullptr, 0, kBindPauseMs);
+    }
+}
+
+// What the server's thread leaves when it ends: the address is free, and a server that ended by itself has no identity.
+struct ServerEnd {
+    ServerEnd() = default;
+    ~ServerEnd() {
         const NoCancel no_cancel;
         const MutexLock lock(&list_mutex);
-        if (fd_ != -1) {
-            vlliCloseFd(fd_);
-            listening_socket = -1;
-        }
+        closeListeningSocket();
         if (server_thread_id == vllGetCurrentThreadId()) {
             server_thread_id = kNoServer;
         }
     }
-    ListeningSocket(const ListeningSocket &) = delete;
-    ListeningSocket &operator=(const ListeningSocket &) = delete;
-
-    int get() const { return fd_; }
-
-  private:
-    // False with errno. Locked, so that no child is forked that does not know of the socket and keeps it.
-    bool take() {
-        const MutexLock lock(&list_mutex);
-        Fd fd = makeSocket(SOCK_NONBLOCK);
-        sockaddr_un address;
-        const socklen_t length = makeAddress(&address);
-        if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-            listen(fd.get(), kBacklog) != 0) {
-            return false;
-        }
-        fd_ = fd.release();
-        listening_socket = fd_;
-        had_address = true;
-        return true;
-    }
-
-    int fd_ = -1;
+    ServerEnd(const ServerEnd &) = delete;
+    ServerEnd &operator=(const ServerEnd &) = delete;
 };
 
 // The next client, or nothing when accept() failed for good. Blocks in poll(), so that a cancelled server
@@ -162,21 +161,17 @@ Fd acceptClient(int listening) {
     }
 }
 
-// Receives up to size bytes: how many, 0 at the end, -1 on failure.
+// Receives up to size bytes: how many, 0 at the end, or -1 with errno.
 ssize_t receive(int socket, char *bytes, size_t size) {
     iovec part = {bytes, size};
     msghdr message = {};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    ssize_t received;
-    do {
-        received = vlliBlockInRecvmsg(socket, &message, 0);
-    } while (received == -1 && errno == EINTR);
-    return received;
+    return vlliRetryOnEintr([&] { return vlliBlockInRecvmsg(socket, &message, 0); });
 }
 
-// Reads a request byte by byte up to its NUL: true when it came and fits. One that is too long is read to
-// its end all the same, since closing a socket with unread bytes would take the answer from the client.
+// Reads a request byte by byte up to its NUL: true when the NUL came and the request fits. A longer request is read to
+// its end all the same: closing a socket with unread bytes makes the client lose the answer.
 bool readRequest(int socket, std::array<char, kRequestSize> *request) {
     for (char &byte : *request) {
         if (receive(socket, &byte, 1) != 1) {
@@ -194,7 +189,7 @@ bool readRequest(int socket, std::array<char, kRequestSize> *request) {
 }
 
 // The descriptor that was published first under a name, or -1.
-int findDescriptor(const char *name) {
+int findPublished(const char *name) {
     const MutexLock lock(&list_mutex);
     for (const SharedFdEntry *entry = shared_fd_list; entry != nullptr; entry = entry->next) {
         if (strcmp(entry->name, name) == 0) {
@@ -204,15 +199,18 @@ int findDescriptor(const char *name) {
     return -1;
 }
 
-void appendEntry(SharedFdEntry *entry) {
+// True if the entry is the first one.
+bool appendEntry(SharedFdEntry *entry) {
+    const MutexLock lock(&list_mutex);
     SharedFdEntry **link = &shared_fd_list;
     while (*link != nullptr) {
         link = &(*link)->next;
     }
     *link = entry;
+    return shared_fd_list == entry;
 }
 
-// Room for exactly one descriptor: the kernel closes any further ones that a peer sends.
+// A control buffer for exactly one descriptor. The kernel closes any further ones that a peer sends.
 union Control {
     cmsghdr header;
     char bytes[CMSG_SPACE(sizeof(int32_t))];
@@ -233,29 +231,34 @@ int errorOfStatus(int32_t status) {
 bool connectToServer(int socket) {
     sockaddr_un address;
     const socklen_t length = makeAddress(&address);
-    int result;
-    do {
-        result = vlliBlockInConnect(socket, reinterpret_cast<sockaddr *>(&address), length);
-    } while (result == -1 && errno == EINTR);
+    const int result = vlliRetryOnEintr(
+        [&] { return vlliBlockInConnect(socket, reinterpret_cast<sockaddr *>(&address), length); });
     return result == 0 || errno == EISCONN;
 }
 
-// One byte a call, as the server reads it.
+// Sends a name and its NUL, one byte per call.
 bool sendRequest(int socket, const char *name) {
-    const size_t length = strlen(name) + 1;
-    for (size_t i = 0; i < length;) {
-        iovec part = {const_cast<char *>(name + i), 1};
+    const auto sendByte = [&](size_t offset, size_t) {
+        iovec part = {const_cast<char *>(name + offset), 1};
         msghdr message = {};
         message.msg_iov = &part;
         message.msg_iovlen = 1;
-        const ssize_t sent = vlliBlockInSendmsg(socket, &message, MSG_NOSIGNAL);
-        if (sent == 1) {
-            ++i;
-        } else if (sent != -1 || errno != EINTR) {
-            return false;
+        return vlliBlockInSendmsg(socket, &message, MSG_NOSIGNAL);
+    };
+    return vlliTransferFully(strlen(name) + 1, sendByte) != -1;
+}
+
+// The descriptor that a response carries, or -1.
+int findDescriptor(msghdr *message) {
+    for (cmsghdr *header = CMSG_FIRSTHDR(message); header != nullptr; header = CMSG_NXTHDR(message, header)) {
+        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
+            header->cmsg_len >= kControlLength) {
+            int descriptor;
+            memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
+            return descriptor;
         }
     }
-    return true;
+    return -1;
 }
 
 }  // namespace
@@ -277,11 +280,7 @@ BOOL vlliSendFileDescriptor(int socket, int descriptor, int32_t status) {
         header->cmsg_len = kControlLength;
         memcpy(CMSG_DATA(header), &descriptor, sizeof descriptor);
     }
-    ssize_t sent;
-    do {
-        sent = vlliBlockInSendmsg(socket, &message, MSG_NOSIGNAL);
-    } while (sent == -1 && errno == EINTR);
-    return sent != -1;
+    return vlliRetryOnEintr([&] { return vlliBlockInSendmsg(socket, &message, MSG_NOSIGNAL); }) != -1;
 }
 
 // Blocks in poll(), so that a cancelled caller cannot lose a descriptor that was just received.
@@ -305,17 +304,8 @@ int vlliReceiveFileDescriptor(int socket) {
     if (received == -1) {
         return -1;
     }
-    for (cmsghdr *header = CMSG_FIRSTHDR(&message); header != nullptr;
-         header = CMSG_NXTHDR(&message, header)) {
-        if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS &&
-            header->cmsg_len >= kControlLength) {
-            int descriptor;
-            memcpy(&descriptor, CMSG_DATA(header), sizeof descriptor);
-            return descriptor;
-        }
-    }
-    errno = errorOfStatus(status);
-    return -1;
+    const int descriptor = findDescriptor(&message);
+    return descriptor != -1 ? descriptor : Fail(errorOfStatus(status), -1);
 }
 
 BOOL vlliProcessClient(int socket) {
@@ -323,28 +313,30 @@ BOOL vlliProcessClient(int socket) {
     if (!readRequest(socket, &request)) {
         return vlliSendFileDescriptor(socket, -1, kIncomplete);
     }
-    const int descriptor = findDescriptor(request.data());
+    const int descriptor = findPublished(request.data());
     return vlliSendFileDescriptor(socket, descriptor, descriptor == -1 ? kUnknown : kFound);
 }
 
 uint32_t vlliServerFunction(LPVOID) {
-    const ListeningSocket listening;
-    if (listening.get() == -1) {
-        return 0;
+    const ServerEnd end;
+    int listening;
+    {
+        const MutexLock lock(&list_mutex);
+        listening = listening_socket;
     }
-    for (;;) {
-        const Fd client = acceptClient(listening.get());
+    while (listening != -1) {
+        const Fd client = acceptClient(listening);
         if (!client) {
-            return 0;
+            break;
         }
         vlliProcessClient(client.get());
     }
+    return 0;
 }
 
 BOOL vlliStartSharingFdServer() {
-    if (server_handle != 0) {
-        vllCloseHandle(server_handle);  // of a server that ended by itself
-    }
+    startToListen();
+    const MutexLock lock(&list_mutex);
     server_handle = vllCreateThread(0, vlliServerFunction, nullptr, &server_thread_id, 0);
     return server_handle != 0;
 }
@@ -359,20 +351,17 @@ BOOL vllSetSharedFileDescriptor(int32_t descriptor, const char *name) {
     if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) {
         return FALSE;
     }
-    HeapBlock<SharedFdEntry> entry(static_cast<SharedFdEntry *>(malloc(sizeof(SharedFdEntry))));
-    HeapBlock<char> copy(strdup(name));
+    HeapBlock<SharedFdEntry> entry = vlliAllocate<SharedFdEntry>();
+    HeapBlock<char> copy = vlliCopyString(name);
     if (entry == nullptr || copy == nullptr) {
-        return Fail(ENOMEM);
+        return FALSE;
     }
     *entry = {nullptr, copy.release(), descriptor};
 
+    const NoCancel no_cancel;
     MutexLock lifecycle(&lifecycle_mutex);
-    MutexLock lock(&list_mutex);
-    const bool first = shared_fd_list == nullptr;
-    appendEntry(entry.release());
-    if (first && !vlliStartSharingFdServer()) {
+    if (appendEntry(entry.release()) && !vlliStartSharingFdServer()) {
         const KeepErrno keep_errno;
-        lock.unlock();
         lifecycle.unlock();
         vllDeallocateSharedFdList();
         return FALSE;
@@ -401,15 +390,16 @@ int32_t vllDeallocateSharedFdList() {
     server_thread_id = kNoServer;
     server_handle = 0;
     lock.unlock();
-    if (handle == 0) {
-        return 0;
-    }
     int32_t result = 0;
-    if (running && !vllTerminateThread(handle, 0) && errno != ESRCH) {
-        result = errno;
+    if (handle != 0) {
+        if (running && !vllTerminateThread(handle, 0) && errno != ESRCH) {
+            result = errno;
+        }
+        // The thread's handle is signalled after its frames have been unwound, which closes its sockets.
+        vllWaitForSingleObject(handle, INFINITE);
+        vllCloseHandle(handle);
     }
-    // The thread's handle is signalled after its frames are gone, and with them its sockets.
-    vllWaitForSingleObject(handle, INFINITE);
-    vllCloseHandle(handle);
+    const MutexLock again(&list_mutex);
+    closeListeningSocket();  // of a server whose thread was not started, or was cancelled before it ran
     return result;
 }

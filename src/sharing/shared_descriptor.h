@@ -1,4 +1,4 @@
-// The descriptor-sharing protocol, for its tests.
+// The steps of descriptor sharing that are named in its protocol, and the fork handlers of its server.
 #pragma once
 
 #include "base/fork_handlers.h"
@@ -6,7 +6,8 @@
 
 extern const ForkHandlers kDescriptorServerForkHandlers;
 
-// Starts the server thread. The caller holds list_mutex.
+// Opens the server's socket, if no other process has the address, and starts the server thread: TRUE when the thread was
+// started.
 BOOL vlliStartSharingFdServer();
 
 // The server thread's start routine. Serves until it is cancelled or accept() fails.

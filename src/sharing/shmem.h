@@ -4,8 +4,8 @@
 #include "core/objmem.h"
 #include "vwincompat/mapping.h"
 
-// Makes or opens a named mutex (initial: the ownership flag) or semaphore (initial: the count). The handle, with
-// errno EEXIST if the object was in use, else 0; or 0 with errno. EINVAL for another type.
+// Makes or opens a named mutex (initial: the ownership flag) or semaphore (initial: the count). Returns the handle, with
+// errno EEXIST if the object was in use, else 0; or 0 with errno: EINVAL for another type.
 HANDLE vlliCreateNamedObject(uint32_t type, LPCSTR name, uint32_t initial);
 
 BOOL vlliCloseNamedObject(ObjectRecord *record);

@@ -1,5 +1,5 @@
-// File mappings and their views. A mapping backed by a caller's file keeps a duplicate of its descriptor; any other
-// is a user of a shared-memory object. A view is a handle of its own, which the program never sees.
+// File mappings and their views. A mapping of a caller's file keeps a duplicate of its descriptor; any other mapping is
+// a user of a shared-memory object. A view is a handle of its own, which the program never sees.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -10,20 +10,20 @@
 #include "base/guards.h"
 #include "core/ref.h"
 #include "sharing/shmem.h"
-#include "sharing/shmem_protocol.h"
+#include "sharing/shmem_objects.h"
 
 namespace {
 
 // A process id and a handle in hexadecimal.
 constexpr size_t kAnonymousName = 17;
 
-// Memory that nobody else has. A name of that kind that exists was left by a process that died, or belongs to one
-// of another process-id namespace: it is not ours to join, and neither of them needs it any more.
-TransitFd createAnonymous(int access, SIZE_T size, HANDLE handle) {
+// Creates an object that no other process opens. If the name exists, it was left by a process that died, or belongs to
+// a process of another process-id namespace. That object must not be joined, and its name is not needed: it goes.
+PendingFd createAnonymous(int access, SIZE_T size, HANDLE handle) {
     char name[kAnonymousName];
     snprintf(name, sizeof name, "%08X%08X", static_cast<unsigned>(getpid()), handle);
     for (;;) {
-        TransitFd file = vlliCreateSharedFile(access | O_EXCL, size, name, false);
+        PendingFd file = vlliCreateSharedFile(access | O_EXCL, size, name, false);
         const int error = errno;
         const bool removed = shm_unlink(name) == 0 || errno == ENOENT;
         errno = file ? 0 : error;
@@ -39,7 +39,7 @@ BOOL openMapping(ObjectRecord *record, HANDLE handle, DWORD access, DWORD size, 
     }
     const auto flags = static_cast<int>(access);
     const bool named = name != nullptr && *name != '\0';
-    TransitFd file =
+    PendingFd file =
         named ? vlliCreateSharedFile(flags, size, name, false) : createAnonymous(flags, size, handle);
     if (!file) {
         return FALSE;
@@ -96,7 +96,7 @@ HANDLE vllCreateFileMapping(HANDLE hFile, DWORD dwAccess, DWORD dwSize, LPCSTR l
 
 LPVOID vllMapViewOfFile(HANDLE hMapping, DWORD dwProtection, DWORD dwOffset, SIZE_T length) {
     if (vlliGetObjectType(hMapping) != OBJ_SHMEM) {
-        const ObjectRef other(hMapping);  // logs what is no handle at all
+        const ObjectRef other(hMapping);  // logs a value that is no handle
         return Fail(EINVAL);
     }
     NewHandle view(vllDuplicateHandle(hMapping));

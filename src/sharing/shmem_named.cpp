@@ -1,4 +1,4 @@
-// Named mutexes and semaphores: one shared-memory object each, which holds exactly the primitive.
+// Named mutexes and semaphores: one shared-memory object each, which holds exactly the POSIX mutex or semaphore.
 
 #include <unistd.h>
 
@@ -7,6 +7,7 @@
 #include "base/robust_mutex.h"
 #include "core/ref.h"
 #include "sharing/shmem.h"
+#include "sharing/shmem_objects.h"
 #include "sharing/shmem_protocol.h"
 #include "sync/semaphore.h"
 
@@ -28,8 +29,8 @@ SIZE_T payloadSize(uint32_t type) {
     }
 }
 
-// Gives a new object its content in one write: a killed creator leaves nothing half made. A primitive that
-// nobody has used holds no address, and may be copied.
+// Gives a new object its content in one write, so that a creator that is killed leaves nothing half made. A primitive
+// that nobody has used yet holds no address and may be copied.
 BOOL writePayload(int fd, uint32_t type, uint32_t initial) {
     Payload payload = {};
     const BOOL made = type == OBJ_NAMED_MUTEX ? vlliInitMutex(&payload.mutex, 0)
@@ -45,15 +46,11 @@ BOOL writePayload(int fd, uint32_t type, uint32_t initial) {
     return written == size;
 }
 
-// The creator's own steps between its content and the others' access to it.
+// Takes the ownership that the creator asked for, then gives other processes access.
 BOOL finishCreation(const ObjectRecord *record, uint32_t type, uint32_t initial) {
-    if (type == OBJ_NAMED_MUTEX && initial != 0) {
-        const int error = pthread_mutex_lock(static_cast<pthread_mutex_t *>(record->addr));
-        if (error != 0) {
-            return Fail(error);
-        }
-    }
-    return vlliUseSharedFile(record->fd) == 0;
+    const bool owned = type != OBJ_NAMED_MUTEX || initial == 0 ||
+                       vlliSucceeded(pthread_mutex_lock(static_cast<pthread_mutex_t *>(record->addr)));
+    return owned && vlliUseSharedFile(record->fd) == 0;
 }
 
 }  // namespace
@@ -70,7 +67,7 @@ HANDLE vlliCreateNamedObject(uint32_t type, LPCSTR name, uint32_t initial) {
     }
     ObjectRecord *record = handle.record();
     record->fd = -1;
-    TransitFd file = vlliCreateSharedFile(O_RDWR, size, name, true);
+    PendingFd file = vlliCreateSharedFile(O_RDWR, size, name, true);
     if (!file) {
         return 0;
     }
@@ -81,8 +78,7 @@ HANDLE vlliCreateNamedObject(uint32_t type, LPCSTR name, uint32_t initial) {
     if (!vlliEnterSharedFile(record, &file, size) || (!existed && !finishCreation(record, type, initial))) {
         return 0;
     }
-    errno = existed ? EEXIST : 0;
-    return handle.release();
+    return Fail(existed ? EEXIST : 0, handle.release());
 }
 
 BOOL vlliCloseNamedObject(ObjectRecord *record) {

@@ -1,4 +1,5 @@
-// Events: an eventfd carries the signal, and an epoll set of its own the sockets that are selected into the event.
+// Events. The counter of an eventfd is the signal. Beside it every event has an epoll set, which holds the sockets
+// whose activity signals it.
 
 #include "sync/event.h"
 
@@ -15,7 +16,7 @@
 
 namespace {
 
-// The size hint of an event's socket set.
+// The size hint of an event's set of sockets.
 constexpr int kSocketSetHint = 2;
 
 std::atomic<SocketActivityHandler> socket_activity_handler{nullptr};

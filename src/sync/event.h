@@ -1,4 +1,4 @@
-// Events, as other modules use them.
+// Events: the functions of their row in the table of types, and the hook for sockets that are selected into events.
 #pragma once
 
 #include "core/objmem.h"
@@ -14,11 +14,11 @@ enum class SocketActivity {
     kUnknown,    // this process has no such socket in the set: the wait reports the event, with a notice
 };
 
-// Takes what an event's set of sockets reports: data is the number that the socket was added with, readiness the bits
-// of epoll_ctl(2). Called without cancellation, with a reference on the event held.
+// Handles the readiness of a socket in an event's set: data is the number with which the socket was added, readiness
+// the bits of epoll_ctl(2). The caller has disabled cancellation and holds a reference on the event.
 using SocketActivityHandler = SocketActivity (*)(uint64_t data, ObjectRecord *event, uint32_t readiness);
 
-// Sets the handler of all events' sets. Before the first one is set no event has a socket, and waits do not look.
+// Sets the handler for the sets of all events. Until it is set no event has a socket, and waits do not poll the sets.
 void vlliSetSocketActivityHandler(SocketActivityHandler handler);
 
 // The handler, or null.

@@ -5,12 +5,10 @@
 #include "base/failure.h"
 #include "base/robust_mutex.h"
 #include "core/objmem_types.h"
-#include "core/ref.h"
 
 HANDLE vllCreateMutex(BOOL bInitialOwner, LPCSTR lpName) {
     if (lpName != nullptr && *lpName != '\0') {
-        return vlliFindObjectType(OBJ_NAMED_MUTEX)
-            ->create_named(OBJ_NAMED_MUTEX, lpName, static_cast<uint32_t>(bInitialOwner));
+        return vlliMakeNamedObject(OBJ_NAMED_MUTEX, lpName, static_cast<uint32_t>(bInitialOwner));
     }
     NewHandle handle(vlliCreateObject(OBJ_MUTEX));
     if (!handle) {
@@ -39,7 +37,7 @@ HANDLE vllOpenMutex(LPCSTR lpName) {
     return Fail(ENOENT);
 }
 
-// Takes no reference: the handle must stay open meanwhile.
+// Takes no reference, so the handle must stay open during the call.
 BOOL vllReleaseMutex(HANDLE hMutex) {
     if (!MutexRef::names(hMutex) || !vlliIsIssuedType(hMutex)) {
         return Fail(EINVAL);

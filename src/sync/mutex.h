@@ -1,4 +1,4 @@
-// Mutexes: the row of the type table.
+// Mutexes: references on them, and the functions of their row in the table of types.
 #pragma once
 
 #include "core/ref.h"

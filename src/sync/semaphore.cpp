@@ -4,7 +4,6 @@
 
 #include "base/failure.h"
 #include "core/objmem_types.h"
-#include "core/ref.h"
 
 BOOL vlliInitSemaphore(sem_t *semaphore, uint32_t count) {
     return sem_init(semaphore, 1, count) == 0;
@@ -12,8 +11,7 @@ BOOL vlliInitSemaphore(sem_t *semaphore, uint32_t count) {
 
 HANDLE vllCreateSemaphore(LONG lInitialCount, LPCSTR lpName) {
     if (lpName != nullptr && *lpName != '\0') {
-        return vlliFindObjectType(OBJ_NAMED_SEMAPHORE)
-            ->create_named(OBJ_NAMED_SEMAPHORE, lpName, static_cast<uint32_t>(lInitialCount));
+        return vlliMakeNamedObject(OBJ_NAMED_SEMAPHORE, lpName, static_cast<uint32_t>(lInitialCount));
     }
     NewHandle handle(vlliCreateObject(OBJ_SEMAPHORE));
     if (!handle) {

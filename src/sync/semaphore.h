@@ -1,4 +1,4 @@
-// Semaphores, as other modules use them.
+// Semaphores: references on them, their initialiser, and the functions of their row in the table of types.
 #pragma once
 
 #include <semaphore.h>

@@ -1,20 +1,21 @@
-// When a wait ends.
+// The end of a wait on descriptors.
 #pragma once
 
 #include <time.h>
 #include <cstdint>
 
-// The end of a time-out in milliseconds on the monotonic clock. A negative time-out never ends.
+// The moment on the monotonic clock at which a time-out in milliseconds ends. A negative time-out never ends.
 class WaitDeadline {
   public:
     explicit WaitDeadline(int32_t timeout_ms) : timeout_ms_(timeout_ms) { restart(); }
 
+    // Begins the whole time-out again.
     void restart() {
         if (timeout_ms_ > 0) {
             end_ns_ = nowNs() + timeout_ms_ * kNanosecondsPerMs;
         }
     }
-    // Rounded up, so that no wait ends early.
+    // The rest, rounded up so that no wait ends early.
     int32_t remainingMs() const {
         if (timeout_ms_ <= 0) {
             return timeout_ms_;

@@ -1,4 +1,4 @@
-// Waitable timers: a timerfd on the monotonic clock.
+// Waitable timers. Each is a timerfd on the monotonic clock.
 
 #include "sync/waitabletimer.h"
 
@@ -16,7 +16,7 @@ namespace {
 constexpr uint64_t kUnitsPerSecond = 10000000;  // a due time counts units of 100 ns
 constexpr uint64_t kNanosecondsPerUnit = 100;
 
-// One-shot, relative. FALSE with EINVAL when the seconds do not fit the system's time_t.
+// Makes a relative setting without a period. FALSE with EINVAL when the seconds do not fit the system's time_t.
 BOOL makeSetting(int64_t due_time, itimerspec *setting) {
     const uint64_t magnitude =
         due_time < 0 ? -static_cast<uint64_t>(due_time) : static_cast<uint64_t>(due_time);
@@ -30,7 +30,7 @@ BOOL makeSetting(int64_t due_time, itimerspec *setting) {
     return TRUE;
 }
 
-// The operations log under their own names.
+// Arming and cancelling are one step, but each logs under its own name.
 struct Messages {
     const char *not_open;
     const char *not_initialized;
@@ -94,7 +94,7 @@ BOOL vllCancelWaitableTimer(HANDLE hTimer) {
     return setTimer(hTimer, 0, kCancelMessages);
 }
 
-// The timer is shared by the duplicates of its descriptor: the kernel ends it with the last of them.
+// The duplicates of the descriptor share one timer, which the kernel disarms when the last of them is closed.
 BOOL vlliCloseWaitableTimer(ObjectRecord *record) {
     Fd fd(record->fd);
     return TRUE;

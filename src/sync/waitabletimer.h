@@ -1,4 +1,4 @@
-// Waitable timers: the row of the type table.
+// Waitable timers: the functions of their row in the table of types.
 #pragma once
 
 #include "core/objmem.h"

@@ -1,12 +1,11 @@
 // Waiting on several objects.
 //
-// Building an epoll set costs many times what one poll() costs. So a wait first polls all descriptors once with a
-// time-out of 0, in the order in which the set would hold them (a fresh set over ready descriptors reports the first
-// added, too). It builds the set only when nothing is ready, or when something is unusual: a handle that does not
-// open, or a console, whose descriptor the set may refuse.
+// A wait first polls all descriptors once, because building an epoll set costs many times as much. It polls them in
+// the order in which the set would report them. It builds the set when nothing is ready, and when the poll cannot
+// know the set's result: a handle cannot be opened, or a console's descriptor is one that the set may refuse.
 //
-// One signal of an auto-reset object releases one waiter, the one that reads its counter. A waiter that finds the
-// counter read already goes on waiting for the rest of its time.
+// One signal of an auto-reset object releases one waiter, the one that reads the counter. A waiter that finds the
+// counter read already continues waiting for the rest of its time.
 
 #include "sync/waitformultipleobjects.h"
 
@@ -29,14 +28,14 @@
 
 namespace {
 
-// How a wait on a record works whose reference is held.
+// How an object is waited for, whose reference is held. kNone when the handle's type code is not that of the record.
 WaitKind kindOf(HANDLE handle) {
     const ObjectType *type = vlliIssuedType(handle);
     return type != nullptr && type->code == vlliGetObjectType(handle) ? type->wait : WaitKind::kNone;
 }
 
-// The objects of one wait. The first `opened` records are referenced. A wait that borrows the caller's reference
-// does not drop it.
+// The objects of one wait. It holds references on the first `opened` records and drops them at the end, unless it has
+// borrowed the caller's reference.
 class WaitObjects {
   public:
     WaitObjects(int32_t n, const HANDLE *array, ObjectRecord **record_array, bool borrowed)
@@ -51,7 +50,8 @@ class WaitObjects {
 
     bool isEvent(int32_t i) const { return kindOf(handles[i]) == WaitKind::kEvent; }
 
-    // True when poll() reports what an epoll set would: all records are open, and the set would take every descriptor.
+    // True when poll() reports what an epoll set would: all records are open, and the set would accept every
+    // descriptor.
     bool canPoll() const {
         for (int32_t i = 0; i < opened; ++i) {
             const WaitKind kind = kindOf(handles[i]);
@@ -71,20 +71,20 @@ class WaitObjects {
     const bool borrowed_;
 };
 
-// What a ready descriptor means for its object. An object that is not signalled after all does not end the wait: another
-// waiter has taken the signal, or nothing occurred on a socket.
-enum class Report { signalled, unsignalled, failed };
+// What came of a ready descriptor: its object is signalled; or it is not after all, since another waiter has taken the
+// signal or nothing occurred on a socket; or a call failed.
+enum class Report { kSignalled, kUnsignalled, kFailed };
 
-// Handles a ready counter. An auto-reset object is consumed, unless another waiter was faster.
+// Handles a ready counter. That of an auto-reset object is read.
 Report consumeCounter(const ObjectRecord *record) {
     if ((record->flags & OBJF_AUTO_RESET) != 0 && vlliTakeCounter(record->fd) == -1 && errno == EAGAIN) {
-        return Report::unsignalled;
+        return Report::kUnsignalled;
     }
-    return Report::signalled;
+    return Report::kSignalled;
 }
 
-// Handles the ready socket set of an event: one socket whose activity the owner of the selections takes. A manual-reset
-// event ends up signalled, an auto-reset one not.
+// Handles the ready set of sockets of an event. The handler for sockets gets the activity; then a manual-reset event
+// is left signalled, an auto-reset one unsignalled.
 Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
     const NoCancel no_cancel;
     const SocketActivityHandler deliver = vlliSocketActivityHandler();
@@ -93,10 +93,10 @@ Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
         epoll_event ready = {};
         const int found = vlliRetryOnEintr([&] { return epoll_wait(event->efd, &ready, 1, 0); });
         if (found == -1) {
-            return Report::failed;
+            return Report::kFailed;
         }
         if (found == 0 && activity == SocketActivity::kNone) {
-            return Report::unsignalled;
+            return Report::kUnsignalled;
         }
         activity = found > 0 && deliver != nullptr ? deliver(ready.data.u64, event, ready.events)
                                                    : SocketActivity::kUnknown;
@@ -109,28 +109,29 @@ Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
     } else {
         vlliRaiseCounter(event->fd);
     }
-    return Report::signalled;
+    return Report::kSignalled;
 }
 
-// Handles a ready descriptor: slot i is the counter of object i, slot count + i its set of sockets.
-// The wait's result, or nothing when the object is not signalled after all.
+// Handles a ready descriptor: slot i is the counter of object i, slot count + i the set of sockets of object i.
+// Returns the wait's result, or nothing when the object is not signalled after all.
 std::optional<DWORD> handleReady(const WaitObjects &wait, int32_t slot) {
     const bool socket_set = slot >= wait.count;
     const int32_t i = socket_set ? slot - wait.count : slot;
     const Report report = socket_set ? deliverSocketActivity(wait.handles[i], wait.records[i])
                                      : consumeCounter(wait.records[i]);
-    if (report == Report::unsignalled) {
+    if (report == Report::kUnsignalled) {
         return std::nullopt;
     }
     vlliAnnotateAcquire();
-    return report == Report::signalled ? WAIT_OBJECT_0 + static_cast<DWORD>(i) : WAIT_FAILED;
+    return report == Report::kSignalled ? WAIT_OBJECT_0 + static_cast<DWORD>(i) : WAIT_FAILED;
 }
 
 // The descriptors that a wait polls, each with its slot.
 class PolledDescriptors {
   public:
     explicit PolledDescriptors(const WaitObjects &wait) {
-        // An event without sockets needs no look at its set, which costs as much as the event itself.
+        // Polling an event's set of sockets costs as much as polling its counter. It is left out while no event has
+        // one.
         const bool with_sockets = vlliSocketActivityHandler() != nullptr;
         for (int32_t i = 0; i < wait.count; ++i) {
             const ObjectRecord *record = wait.records[i];
@@ -164,8 +165,8 @@ class PolledDescriptors {
     nfds_t count_ = 0;
 };
 
-// Polls all descriptors once. False when something is unusual, so that only a set decides. Otherwise true, and `result`
-// is the wait's result, or nothing when no object is signalled.
+// Polls all descriptors once. True when that decides: `result` is the wait's result, or nothing when no object is
+// signalled. False when the wait has to build a set.
 bool pollOnce(const WaitObjects &wait, std::optional<DWORD> *result) {
     PolledDescriptors polled(wait);
     int ready = polled.poll();
@@ -191,7 +192,7 @@ bool addToSet(const Fd &set, int fd, int32_t slot) {
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = static_cast<uint32_t>(slot);
-    // A handle that is listed twice keeps the slot of its first listing.
+    // EEXIST: the handle is listed twice, and keeps the slot of its first listing.
     return epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &event) == 0 || errno == EEXIST;
 }
 

@@ -1,5 +1,5 @@
-// Waiting on one object. Mutexes and semaphores are acquired by their own calls; every other object is waited for
-// through its descriptor, as in a wait on several objects.
+// Waiting on one object. Mutexes and semaphores are acquired through the calls of their kind; every other object is
+// waited for through its descriptor, as in a wait on several objects.
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -27,7 +27,8 @@ timespec deadlineAfter(DWORD milliseconds) {
     return deadline;
 }
 
-// The wait's result for that of a mutex call. EOWNERDEAD acquired the mutex, too.
+// The wait's result for the result of a mutex call. EOWNERDEAD means that the mutex is acquired and its former owner
+// dead.
 DWORD mutexResult(pthread_mutex_t *mutex, int error) {
     switch (error) {
         case 0:
@@ -42,8 +43,8 @@ DWORD mutexResult(pthread_mutex_t *mutex, int error) {
     }
 }
 
-// Acquires the mutex, or takes a unit of the semaphore, if that can be done at once, as most waits can, without a
-// reference on the record. WAIT_FAILED if not, whatever the reason.
+// The first attempt, which succeeds for most waits and takes no reference: it acquires the mutex, or takes a unit of
+// the semaphore, if that can be done at once. WAIT_FAILED if not, whatever the reason.
 
 DWORD tryMutex(HANDLE handle) {
     const PinnedMutex mutex(handle);
@@ -87,7 +88,7 @@ DWORD waitForSemaphore(sem_t *semaphore, DWORD milliseconds) {
     return errno == ETIMEDOUT ? WAIT_TIMEOUT : WAIT_FAILED;
 }
 
-// Tries a mutex or a semaphore at once; then takes a reference and waits.
+// Makes the first attempt. If it fails, takes a reference and waits.
 template <typename AnyRef, typename State>
 DWORD acquire(HANDLE handle, DWORD (*try_at_once)(HANDLE), DWORD (*wait)(State *, DWORD),
               DWORD milliseconds) {
@@ -123,14 +124,13 @@ DWORD waitForDescriptor(HANDLE handle, WaitKind kind, DWORD milliseconds) {
 }  // namespace
 
 DWORD vllWaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
-    const ObjectType *type = vlliFindObjectType(vlliGetObjectType(hHandle));
-    const WaitKind kind = type != nullptr ? type->wait : WaitKind::kNone;
+    const WaitKind kind = vlliWaitKind(hHandle);
     if (kind == WaitKind::kMutex) {
         return acquire<MutexRef>(hHandle, tryMutex, waitForMutex, dwMilliseconds);
     }
     if (kind == WaitKind::kSemaphore) {
         if (dwMilliseconds != 0) {
-            pthread_testcancel();  // also when a unit can be taken without waiting
+            pthread_testcancel();  // the first attempt is no cancellation point
         }
         return acquire<SemaphoreRef>(hHandle, trySemaphore, waitForSemaphore, dwMilliseconds);
     }

@@ -1,5 +1,5 @@
-// Modules over the dynamic loader, and the command line. Loading runs foreign code under the loader's lock, so
-// it is no place to be cancelled in.
+// Modules over the dynamic loader, and the command line. Cancellation is disabled in the loader, which runs the modules'
+// own code while it holds its lock.
 
 #include <dlfcn.h>
 #include <cerrno>
@@ -7,10 +7,9 @@
 #include <cstring>
 #include <memory>
 
-#include "system/dll.h"
-
 #include "base/failure.h"
 #include "base/guards.h"
+#include "system/dll.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Modules as the process's memory map shows them.
+// Modules as the process's memory map, /proc/self/maps, shows them.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,15 +20,14 @@ char szStartingAddress[20];
 
 static_assert(sizeof szStartingAddress > 2 * sizeof(uintptr_t));
 
-// The code segments of the process, one after the other. What cancels a thread here must wait: reading the
-// map is short.
+// The code segments of the process, one after the other. Cancellation is disabled while the map is read.
 class MemoryMap {
   public:
     MemoryMap() : file_(fopen("/proc/self/maps", "re")) {}
 
     explicit operator bool() const { return file_ != nullptr; }
 
-    // The next code segment, and (when asked for) its whole line in a copy of its own.
+    // Finds the next code segment, and copies its whole line unless the pointer is null. False at the end.
     bool next(CodeSegment *segment, char *whole_line = nullptr) {
         while (readLine()) {
             if (whole_line != nullptr) {
@@ -44,14 +43,15 @@ class MemoryMap {
     static constexpr size_t kLineSize = 4096;
 
   private:
-    // A line that does not fit is passed over as a whole: its tail must not be taken for a line.
+    // Reads the next line that fits the buffer. Of a longer line all parts are skipped, since its last part could pass
+    // for a line.
     bool readLine() {
-        bool whole = true;
+        bool after_newline = true;
         while (fgets(line_, sizeof line_, file_.get()) != nullptr) {
             char *newline = strchr(line_, '\n');
-            const bool head = whole;
-            whole = newline != nullptr;
-            if (whole && head) {
+            const bool is_start = after_newline;
+            after_newline = newline != nullptr;
+            if (is_start && newline != nullptr) {
                 *newline = '\0';
                 return true;
             }
@@ -64,7 +64,7 @@ class MemoryMap {
     char line_[kLineSize];
 };
 
-// Copies a path that fits a module name buffer.
+// Copies a path to a buffer of VLL_MODULE_NAME_SIZE bytes: TRUE, or FALSE with ENAMETOOLONG.
 BOOL copyPath(char *buffer, const char *path) {
     const size_t size = strlen(path) + 1;
     if (size > VLL_MODULE_NAME_SIZE) {

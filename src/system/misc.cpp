@@ -1,6 +1,4 @@
-// Beeps, and numbers as text.
-
-#include "system/misc.h"
+// Beeps on the console's speaker, and numbers as text.
 
 #include <fcntl.h>
 #include <linux/kd.h>
@@ -14,6 +12,7 @@
 #include "base/guards.h"
 #include "base/log.h"
 #include "vwincompat/process.h"
+#include "vwincompat/system.h"
 
 namespace {
 
@@ -22,11 +21,18 @@ constexpr int32_t kTimerClock = 1193180;  // hertz
 constexpr int32_t kBeepReserveMs = 25;
 constexpr char kDigits[] = "0123456789abcdefghijklmnopqrstuvwxyz";
 
+// The argument of the console's tone request KDMKTONE: the duration in ms in the upper 16 bits, the period in ticks of the
+// timer's clock in the lower ones. The frequency, in hertz, must not be 0.
+uint32_t toneArgument(int16_t frequency, int16_t duration) {
+    return (static_cast<uint32_t>(duration) << 16) + static_cast<uint32_t>(kTimerClock / frequency);
+}
+
 Fd openConsole() {
     const NoCancel no_cancel;
     return Fd(open(kConsole, O_RDONLY | O_NOCTTY | O_CLOEXEC));
 }
 
+// Writes the digits of a number in a radix from 2 to 36, with a sign if it is negative: the buffer, or null with EINVAL.
 LPSTR convert(uint32_t value, bool negative, char *buffer, int32_t radix) {
     if (buffer == nullptr || radix < 2 || radix > 36) {
         return Fail(EINVAL);
@@ -47,10 +53,6 @@ LPSTR convert(uint32_t value, bool negative, char *buffer, int32_t radix) {
 
 }  // namespace
 
-uint32_t vlliToneArgument(int16_t frequency, int16_t duration) {
-    return (static_cast<uint32_t>(duration) << 16) + static_cast<uint32_t>(kTimerClock / frequency);
-}
-
 BOOL vllBeep(DWORD dwFreq, DWORD dwDuration) {
     const auto frequency = static_cast<int16_t>(dwFreq);
     const auto duration = static_cast<int16_t>(dwDuration);
@@ -62,11 +64,12 @@ BOOL vllBeep(DWORD dwFreq, DWORD dwDuration) {
         vlliLogError("vllBeep: Error opening console %d - %s\n", errno, strerror(errno));
         return FALSE;
     }
-    const unsigned long argument = vlliToneArgument(frequency, duration);
+    const unsigned long argument = toneArgument(frequency, duration);
     if (ioctl(console.get(), KDMKTONE, argument) == -1) {
         vlliLogError("vllBeep: ioctl error playing sound %d - %s\n", errno, strerror(errno));
         return FALSE;
     }
+    const KeepErrno keep_errno;  // a negative duration is refused there: the call then returns at once
     vllSleep(static_cast<DWORD>(duration + kBeepReserveMs));
     return TRUE;
 }

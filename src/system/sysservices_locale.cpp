@@ -1,4 +1,4 @@
-// The locale's formats and dates as text.
+// The locale's formats, and dates as text.
 
 #include <langinfo.h>
 #include <cerrno>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// Puts the record's date in the place of the broken-down one; the rest stays.
+// Overwrites the fields that the record has. The day of the year, the daylight-saving flag and the zone stay.
 void overwriteDate(const SYSTEMTIME &record, struct tm *date) {
     date->tm_year = record.wYear - 1900;
     date->tm_mon = record.wMonth - 1;
@@ -46,7 +46,7 @@ DWORD vllGetDateFormat(LPSTR lpBuffer, DWORD dwSize, LPCSTR lpFormat, const SYST
     if (lpBuffer == nullptr || lpFormat == nullptr) {
         return Fail(EINVAL);
     }
-    const NoCancel no_cancel;  // the zone file may have to be read
+    const NoCancel no_cancel;  // localtime_r() may read the zone file
     const time_t now = time(nullptr);
     struct tm date;
     if (now == -1 || localtime_r(&now, &date) == nullptr) {

@@ -6,19 +6,19 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/accounts.h"
 #include "base/failure.h"
 #include "base/guards.h"
-#include "process/accounts.h"
 #include "vwincompat/system.h"
 
 namespace {
 
-// The words of a string, freed at the end also when the expansion failed half-way.
+// The words that a string expands to. They are freed also after an expansion that has failed, which may leave some.
 class Words {
   public:
     explicit Words(const char *text) {
         const NoCancel no_cancel;
-        const KeepErrno keep_errno;  // a file that is looked for in vain is no failure
+        const KeepErrno keep_errno;  // wordexp() changes it on success too
         error_ = wordexp(text, &words_, 0);
     }
     ~Words() {
@@ -30,7 +30,7 @@ class Words {
 
     int error() const { return error_; }
 
-    // What the words take, with a byte after each.
+    // The bytes of all words, with one more after each.
     DWORD size() const {
         size_t size = 0;
         for (size_t i = 0; i < words_.we_wordc; ++i) {
@@ -39,7 +39,7 @@ class Words {
         return static_cast<DWORD>(size);
     }
 
-    // Writes the words with a blank between them; there is one word at least.
+    // Writes the words with a blank between them, and a terminator. There must be at least one word.
     void join(char *out) const {
         for (size_t i = 0; i < words_.we_wordc; ++i) {
             out = stpcpy(out, words_.we_wordv[i]);
@@ -100,8 +100,7 @@ DWORD vllExpandEnvironmnentStrings(LPCSTR lpSrc, LPSTR lpBuffer, DWORD dwSize) {
     }
     const Words words(lpSrc);
     if (words.error() != 0) {
-        errno = words.error() == WRDE_NOSPACE ? ENOMEM : EINVAL;
-        return 0;
+        return Fail(words.error() == WRDE_NOSPACE ? ENOMEM : EINVAL);
     }
     const DWORD size = words.size();
     if (size > dwSize) {

@@ -4,40 +4,37 @@
 #include <sys/wait.h>
 #include <cerrno>
 
-#include "base/blocking.h"
-#include "process/multitasking.h"
+#include "base/failure.h"
+#include "base/program.h"
 #include "vwincompat/system.h"
 
 namespace {
 
 constexpr int kShellCannotRun = 127;
 
-// Runs a command and waits for it: FALSE with errno unless it ended well.
-BOOL runCommand(const char *command) {
-    const int status = vlliBlockInSystem(command);
-    if (status > 0) {
-        errno = WIFEXITED(status) && WEXITSTATUS(status) == kShellCannotRun ? ENOENT : EIO;
+BOOL rebootMachine() {
+    int status;
+    if (!vlliRunProgram({"/bin/sh", "-c", "/sbin/reboot"}, &status)) {
+        return FALSE;
     }
-    return status == 0;
+    if (status == 0) {
+        return TRUE;
+    }
+    return Fail(WIFEXITED(status) && WEXITSTATUS(status) == kShellCannotRun ? ENOENT : EIO);
 }
 
 }  // namespace
 
 BOOL vllExitWindowsEx(UINT uFlags) {
-    return uFlags == 0 ? reboot(RB_POWER_OFF) == 0 : runCommand("/sbin/reboot");
+    return uFlags == 0 ? reboot(RB_POWER_OFF) == 0 : rebootMachine();
 }
 
 BOOL vllInitiateSystemShutdown(BOOL bRebootAfterShutdown) {
-    const char *const arguments[] = {"shutdown", bRebootAfterShutdown != 0 ? "-r" : "-h", "+1"};
     ChildPlan plan;
-    if (!vlliPlanArguments(&plan, 3) || !vlliPlanProgram(&plan, arguments[0])) {
+    if (!vlliPlanCommand(&plan, {"shutdown", bRebootAfterShutdown != 0 ? "-r" : "-h", "+1"})) {
         return FALSE;
     }
-    char **next = plan.arguments;
-    for (const char *argument : arguments) {
-        *next++ = const_cast<char *>(argument);
-    }
-    *next = nullptr;
     const BlockSignals blocked;
-    return vlliForkChild(plan, blocked) != -1;
+    StartedChild child;
+    return vlliStartProgram(plan, blocked.before(), &child);
 }

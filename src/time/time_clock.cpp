@@ -26,7 +26,7 @@ LARGE_INTEGER vllKeQueryPerformanceCounter(LARGE_INTEGER *lpFrequency) {
 
 namespace {
 
-// The result of either string, "11/16/26" or "16:21:16".
+// The size of either string, "11/16/26" or "16:21:16", with its NUL.
 constexpr size_t kStampSize = 9;
 
 char *formatNow(char *buffer, const char *format) {

@@ -1,4 +1,5 @@
-// The clock, and conversions between broken-down times and file times.
+// The clock, and the conversions between broken-down times and file times. All times are in whole seconds but for the
+// milliseconds of a clock reading.
 #include "time/time_convert.h"
 
 #include <sys/time.h>

@@ -1,4 +1,4 @@
-// The two rules between broken-down times and seconds, for the modules that deal in time.
+// Conversions between broken-down times, seconds and ticks, for all modules.
 #pragma once
 
 #include <ctime>

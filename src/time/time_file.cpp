@@ -1,4 +1,4 @@
-// The times of open files.
+// The times of open files. Linux keeps no creation time: the time of the last status change stands in for it.
 #include <sys/stat.h>
 #include <cerrno>
 #include <ctime>

@@ -1,19 +1,18 @@
-// Setting the clock and the system's zone.
-#include <spawn.h>
+// Setting the clock and the system's zone. The zone's steps run programs of the system, without a shell.
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 
 #include "base/failure.h"
 #include "base/guards.h"
+#include "base/program.h"
 #include "time/time_convert.h"
 #include "vwincompat/datetime.h"
-#include "vwincompat/fileops.h"
 
 namespace {
 
@@ -33,29 +32,17 @@ BOOL setClock(time_t seconds, WORD milliseconds) {
 }
 
 // Runs a program and waits for its end: TRUE when its exit status is 0.
-BOOL run(const char *const *arguments) {
-    pid_t pid;
-    const int error =
-        posix_spawn(&pid, arguments[0], nullptr, nullptr, const_cast<char *const *>(arguments), environ);
-    if (error != 0) {
-        return Fail(error);
-    }
+BOOL run(std::initializer_list<const char *> arguments) {
     int status;
-    while (waitpid(pid, &status, 0) == -1) {
-        if (errno != EINTR) {
-            return FALSE;
-        }
-    }
-    return status == 0;
+    return vlliRunProgram(arguments, &status) && status == 0;
 }
 
 BOOL remountRoot(const char *option) {
-    const char *const arguments[] = {"/bin/mount", option, "/", nullptr};
-    return run(arguments);
+    return run({"/bin/mount", option, "/"});
 }
 
-// A name without a NUL within its field would be read on into strange memory; other characters than those of
-// the system's zones lead out of their directory, or are meant for a shell.
+// Refused are a name without a NUL in its field, which would be read beyond its end, and other characters than those of
+// the system's zones, which could lead out of their directory.
 bool isZoneName(const char (&name)[64]) {
     const size_t length = strnlen(name, sizeof name);
     constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-+";
@@ -88,15 +75,14 @@ BOOL vllSetTimeZoneInformation(const TIME_ZONE_INFORMATION *lpTimeZoneInformatio
     if (S_ISDIR(status.st_mode)) {
         return Fail(EISDIR);
     }
-    // Stopped half-way, it would leave the root file system writable.
+    // A thread cancelled half-way would leave the root file system writable.
     const NoCancel no_cancel;
     if (!remountRoot("-oremount,rw")) {
         return FALSE;
     }
-    vllDeleteFile(kZoneFile);
-    const char *const link[] = {"/bin/ln", "-s", path, kZoneFile, nullptr};
-    const char *const write_clock[] = {"/sbin/hwclock", "-wl", nullptr};
-    if (!run(link) || !remountRoot("-oremount,ro") || !run(write_clock)) {
+    remove(kZoneFile);
+    if (!run({"/bin/ln", "-s", path, kZoneFile}) || !remountRoot("-oremount,ro") ||
+        !run({"/sbin/hwclock", "-wl"})) {
         return FALSE;
     }
     tzset();

@@ -1,9 +1,9 @@
-// The zone record of the current year, from the version-1 block of the zone file (RFC 8536).
+// The zone record of the current year, from the first block of the zone file (RFC 8536). Offsets and the instants of
+// changes come from the file, dates and names from the C library's own conversion to local time.
 #include "time/time_zone.h"
 
 #include <endian.h>
 #include <fcntl.h>
-#include <unistd.h>
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -26,7 +26,7 @@ namespace {
 
 constexpr char kZoneFile[] = "/etc/localtime";
 
-// What the header and the blocks behind it hold, and where.
+// Offsets in the file.
 constexpr off_t kTransitionCount = 32;
 constexpr off_t kTypeCount = 36;
 constexpr off_t kTransitions = 44;
@@ -35,18 +35,9 @@ constexpr off_t kTypeSize = 6;
 // No two instants of one year in one zone are further apart: 366 days, and zones from -24 to +26 hours.
 constexpr int64_t kYearAtMost = (366 + 3) * int64_t{86400};
 
-// Reads exactly size bytes; a shorter file is a failure. Not a cancellation point (see the callers).
+// A shorter file is a failure.
 bool readAt(int fd, off_t offset, void *data, size_t size) {
-    size_t done = 0;
-    while (done < size) {
-        const ssize_t got =
-            pread(fd, static_cast<char *>(data) + done, size - done, offset + static_cast<off_t>(done));
-        if (got <= 0 && !(got == -1 && errno == EINTR)) {
-            return false;
-        }
-        done += static_cast<size_t>(std::max<ssize_t>(got, 0));
-    }
-    return true;
+    return vlliReadFullyAt(fd, data, size, offset) == static_cast<ssize_t>(size);
 }
 
 bool readCount(int fd, off_t offset, uint32_t *count) {
@@ -63,9 +54,9 @@ struct ZoneFile {
     uint32_t types;
 };
 
-// A change of the year that "now" lies in.
+// A change of the year that holds the present.
 struct Transition {
-    tm local;  // as the clock reads after it
+    tm local;  // as the clock reads after the change
     int32_t utc_offset;
     bool daylight;
 };
@@ -83,7 +74,8 @@ uint32_t findFirstOfYear(const ZoneFile &file, time_t now, int local_year) {
     int32_t times[256];
     for (uint32_t base = 0; base < file.transitions;) {
         const uint32_t wanted = std::min<uint32_t>(file.transitions - base, sizeof times / sizeof times[0]);
-        const ssize_t got = pread(file.fd, times, wanted * sizeof times[0], kTransitions + off_t{4} * base);
+        const ssize_t got =
+            vlliReadFullyAt(file.fd, times, wanted * sizeof times[0], kTransitions + off_t{4} * base);
         if (got < static_cast<ssize_t>(sizeof times[0])) {
             break;
         }
@@ -100,7 +92,7 @@ uint32_t findFirstOfYear(const ZoneFile &file, time_t now, int local_year) {
     return file.transitions;
 }
 
-// Reads a transition: false when it is not there in full, or not one of this year.
+// Reads a transition: false when it is incomplete, or not one of this year.
 bool readTransition(const ZoneFile &file, uint32_t index, time_t now, int local_year,
                     Transition *transition) {
     if (index >= file.transitions) {
@@ -116,7 +108,7 @@ bool readTransition(const ZoneFile &file, uint32_t index, time_t now, int local_
         !readAt(file.fd, type_indexes + index, &type, sizeof type)) {
         return false;
     }
-    // A count of 0 is none that a zone file can have: then the end of the file is the only limit.
+    // No valid zone file counts 0 types: then the end of the file is the only limit.
     if ((file.types != 0 && type >= file.types) ||
         !readAt(file.fd, types + kTypeSize * type, record, sizeof record)) {
         return false;
@@ -128,7 +120,7 @@ bool readTransition(const ZoneFile &file, uint32_t index, time_t now, int local_
     return true;
 }
 
-// Date and bias of the half of the record that begins with the transition.
+// Fills date and bias of the half of the record that begins with the transition.
 void fillHalf(const Transition &transition, TIME_ZONE_INFORMATION *zone) {
     SYSTEMTIME *date = transition.daylight ? &zone->DaylightDate : &zone->StandardDate;
     LONG *bias = transition.daylight ? &zone->DaylightBias : &zone->StandardBias;
@@ -182,7 +174,7 @@ LONG vllGetTimeZoneInformation(TIME_ZONE_INFORMATION *lpTimeZoneInformation) {
     if (now == -1) {
         return TIME_ZONE_ID_INVALID;
     }
-    // Not blocked by a pipe that stands in the file's place.
+    // Without O_NONBLOCK a pipe in the file's place would block the caller.
     const Fd fd(open(kZoneFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd) {
         return TIME_ZONE_ID_INVALID;

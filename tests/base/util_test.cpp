@@ -12,30 +12,26 @@ namespace {
 
 class UtilTest : public LibraryTest {};
 
-TEST_F(UtilTest, addTime_carries_whole_seconds) {
+// Ascending, so that the row numbers say how two times compare; sum is the time plus 0.999999999 s.
+TEST_F(UtilTest, times_are_added_and_compared) {
     const struct {
-        timespec t, d, sum;
+        timespec time, sum;
     } rows[] = {
-        {{1, 999999999}, {0, 1}, {2, 0}},
-        {{1, 2}, {3, 4}, {4, 6}},
-        {{0, 999999999}, {0, 999999999}, {1, 999999998}},
-        {{5, 0}, {0, 999999999}, {5, 999999999}},
+        {{-1, 0}, {-1, 999999999}}, {{0, 0}, {0, 999999999}}, {{1, 0}, {1, 999999999}},
+        {{1, 1}, {2, 0}},           {{1, 5}, {2, 4}},         {{1, 999999999}, {2, 999999998}},
+        {{2, 0}, {2, 999999999}},
     };
     for (const auto &row : rows) {
-        timespec t = row.t;
-        vlliAddTime(&t, row.d);
-        EXPECT_EQ(t.tv_sec, row.sum.tv_sec);
-        EXPECT_EQ(t.tv_nsec, row.sum.tv_nsec);
-    }
-}
-
-TEST_F(UtilTest, cmpTime_looks_at_seconds_first) {
-    const timespec ordered[] = {{-1, 0}, {0, 0}, {1, 4}, {1, 5}, {1, 999999999}, {2, 0}};
-    for (const timespec &a : ordered) {
-        for (const timespec &b : ordered) {
-            EXPECT_EQ(vlliCmpTime(a, b), (&a > &b) - (&a < &b)) << &a - ordered << ' ' << &b - ordered;
+        timespec sum = row.time;
+        vlliAddTime(&sum, {0, 999999999});
+        EXPECT_EQ(vlliCmpTime(sum, row.sum), 0) << sum.tv_sec << ' ' << sum.tv_nsec;
+        for (const auto &other : rows) {
+            EXPECT_EQ(vlliCmpTime(row.time, other.time), (&row > &other) - (&row < &other));
         }
     }
+    timespec sum = {1, 2};
+    vlliAddTime(&sum, {3, 4});
+    EXPECT_EQ(vlliCmpTime(sum, {4, 6}), 0);
 }
 
 int dumpAtDepth(int depth);
@@ -61,16 +57,15 @@ TEST_F(UtilTest, a_dump_has_a_line_for_each_frame_and_100_at_most) {
         ASSERT_GT(lines.size(), 2U);
         EXPECT_TRUE(depth == 0 || lines.size() == 101);
         EXPECT_EQ(lines[0].text, format("VLL: STACK: backtrace depth = %zu\n", lines.size() - 1));
-        EXPECT_EQ(lines[0].priority, LOG_ERR);
-        for (size_t i = 1; i < lines.size(); ++i) {
-            const std::string &line = lines[i].text;
+        for (size_t i = 0; i < lines.size(); ++i) {
+            const std::string &text = lines[i].text;
             EXPECT_EQ(lines[i].priority, LOG_ERR);
-            EXPECT_EQ(line.compare(0, 12, "VLL: STACK: "), 0) << line;
+            const size_t at = i > 0 ? text.rfind(" (0x") : text.size();
+            ASSERT_NE(at, std::string::npos) << text;
             uintptr_t address = 0;
-            const size_t open = line.rfind(" (0x");
-            ASSERT_NE(open, std::string::npos) << line;
-            EXPECT_EQ(sscanf(line.c_str() + open, " (0x%" SCNxPTR, &address), 1) << line;
-            EXPECT_EQ(line.substr(open), format(" (0x%08" PRIXPTR ")\n", address));
+            EXPECT_TRUE(i == 0 || sscanf(text.c_str() + at, " (0x%" SCNxPTR, &address) == 1);
+            EXPECT_EQ(text.substr(at), i > 0 ? format(" (0x%08" PRIXPTR ")\n", address) : "");
+            EXPECT_EQ(text.compare(0, 12, "VLL: STACK: "), 0) << text;
         }
     }
 }
@@ -78,7 +73,6 @@ TEST_F(UtilTest, a_dump_has_a_line_for_each_frame_and_100_at_most) {
 TEST_F(UtilTest, a_dump_without_text_ends_after_the_depth) {
     const FailCall fail("backtrace_symbols", 1, ENOMEM);
     vlliPrintBacktrace();
-    EXPECT_TRUE(fail.happened());
     EXPECT_EQ(takeLog().size(), 1U);
 }
 

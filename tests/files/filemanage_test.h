@@ -2,15 +2,15 @@
 // /other, a file system of 1 MiB. Empty and writable at the begin of each test.
 #pragma once
 
-#include "files/filemanage.h"
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
+#include "support/matchers.h"
 
 class FileTest : public LibraryTest {
   protected:
     void SetUp() override;
 
     // Runs body as an ordinary user, where the tests run as root.
-    static void AsUser(const std::function<void()> &body);
+    static void asUser(const std::function<void()> &body);
 };

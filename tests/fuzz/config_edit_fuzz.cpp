@@ -1,4 +1,4 @@
-// Any file, any edit: what is read afterwards is what a model of the file says.
+// Any file and any edit of it: what is read afterwards must equal a model of the file, to which the edit was applied.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 #include <algorithm>
@@ -23,7 +23,7 @@ struct Entry {
 };
 
 struct Section {
-    string name;  // that of the first is of no account
+    string name;  // not used of the first section, which has none
     std::vector<Entry> entries;
     bool operator==(const Section &other) const { return name == other.name && entries == other.entries; }
 };
@@ -47,18 +47,20 @@ Model readModel(const string &content) {
     return model;
 }
 
-// The section that an operation takes, or the end.
+// The section that an operation uses, or the end.
 Model::iterator find(Model *model, const char *section) {
     if (section == nullptr) {
         return model->begin();
     }
-    return std::find_if(model->begin() + 1, model->end(),
-                        [&](const Section &candidate) { return vlliSameName(candidate.name, section); });
+    return std::find_if(model->begin() + 1, model->end(), [&](const Section &candidate) {
+        return vlliEqualsIgnoringCase(candidate.name, section);
+    });
 }
 
 bool removeKey(Section *section, const char *key) {
-    const auto kept = std::remove_if(section->entries.begin(), section->entries.end(),
-                                     [&](const Entry &entry) { return vlliSameName(entry.key, key); });
+    const auto kept =
+        std::remove_if(section->entries.begin(), section->entries.end(),
+                       [&](const Entry &entry) { return vlliEqualsIgnoringCase(entry.key, key); });
     const bool removed = kept != section->entries.end();
     section->entries.erase(kept, section->entries.end());
     return removed;
@@ -74,7 +76,7 @@ struct Edit {
     const char *name() const { return no_section ? nullptr : section.c_str(); }
 };
 
-// Does to the model what the edit must do to the file; false when it must fail.
+// Applies the edit to the model: false when it must fail on the file.
 bool applyToModel(Model *model, const Edit &edit) {
     const auto section = find(model, edit.name());
     if (edit.operation == 2) {
@@ -102,7 +104,7 @@ bool applyToModel(Model *model, const Edit &edit) {
         return false;
     }
     removeKey(&*section, edit.key.c_str());
-    // A value is written as it is: what it reads as, if it reads at all, is the parser's affair.
+    // A value is written as it is. The parser decides what the line means, if anything.
     const bool quoted = edit.key.find_first_of(" \t") != string::npos;
     const Model line = readModel((quoted ? '"' + edit.key + '"' : edit.key) + "=" + edit.value);
     section->entries.insert(section->entries.begin(), line[0].entries.begin(), line[0].entries.end());
@@ -122,7 +124,7 @@ bool applyToFile(const char *file, const Edit &edit) {
     }
 }
 
-// The readers say of the file what the model says.
+// Checks that the readers find in the file what the model holds.
 void checkReaders(const char *file, Model *model) {
     string names;
     for (auto section = model->begin() + 1; section != model->end(); ++section) {
@@ -137,14 +139,14 @@ void checkReaders(const char *file, Model *model) {
         for (const Entry &entry : find(model, name)->entries) {
             const auto &entries = find(model, name)->entries;
             const auto first = std::find_if(entries.begin(), entries.end(), [&](const Entry &candidate) {
-                return vlliSameName(candidate.key, entry.key);
+                return vlliEqualsIgnoringCase(candidate.key, entry.key);
             });
             char value[kConfigNameSize];
             DWORD size = sizeof value;
             VLL_CHECK(vllReadConfigValue(file, name, entry.key.c_str(), value, &size));
             VLL_CHECK(first->value == value);
             if (++checked == 16) {
-                return;  // each opens the file
+                return;  // each read opens the file, which takes time
             }
         }
     }
@@ -155,7 +157,7 @@ string contentOf(const string &file) {
     return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
 }
 
-// A file on a memory file system, gone at the end.
+// A file on a memory file system, which is removed at the end.
 string directory;
 
 const string &fileName() {
@@ -173,7 +175,7 @@ const string &fileName() {
     return name;
 }
 
-// Two bytes stand for stretches that bring lines and names to their limits.
+// Replaces two bytes by long stretches, so that lines and names reach their limits.
 string stretched(const string &text) {
     string result;
     for (const char c : text) {
@@ -189,7 +191,7 @@ string stretched(const string &text) {
 }
 
 string nameFrom(FuzzedDataProvider *input, const Model &model, bool section) {
-    // Often one that is there: sections and keys of the file are the interesting ones.
+    // Every second name is one of the file: an edit of what exists does more.
     if (input->ConsumeBool()) {
         const Section &from = model[input->ConsumeIntegralInRange<size_t>(0, model.size() - 1)];
         if (section) {
@@ -232,7 +234,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (edit.operation != 0 || edit.value.find('\n') == string::npos) {
         VLL_CHECK(readModel(contentOf(file)) == model);
     } else {
-        model = readModel(contentOf(file));  // a value of several lines makes whatever it makes
+        model = readModel(contentOf(file));  // a value of several lines may make any lines
     }
     checkReaders(file.c_str(), &model);
     return 0;

@@ -1,4 +1,5 @@
-// Any bytes as a line of a profile file.
+// Any bytes as a line of a profile file: what the parser finds lies in the line, keeps to the limits, and is found
+// again when it is written in other ways.
 #include <cctype>
 #include <cstdint>
 #include <cstring>
@@ -19,7 +20,7 @@ bool hasBlankEnd(std::string_view text) {
                              isspace(static_cast<unsigned char>(text.back())) != 0);
 }
 
-// The forms with a terminator and buffers agree.
+// The parsers of NUL-terminated lines, which copy into buffers, find the same.
 void checkBuffers(std::string_view line, bool is_section, std::string_view name, bool is_entry,
                   const ConfigEntry &entry) {
     const std::string text(line);  // cut at the first NUL, as the parser does
@@ -31,7 +32,7 @@ void checkBuffers(std::string_view line, bool is_section, std::string_view name,
     VLL_CHECK(!is_entry || (entry.key == first && entry.value == second));
 }
 
-// What was read is read again when it is written in the plainest form that holds it.
+// An entry that is written between quotes is read back as it was.
 void checkAgain(const ConfigEntry &entry) {
     for (const char quote : {'"', '\''}) {
         if (entry.key.find(quote) == std::string_view::npos && entry.key.back() != '\\' &&
@@ -46,7 +47,7 @@ void checkAgain(const ConfigEntry &entry) {
     }
 }
 
-// What ends a line does not change what it is.
+// The bytes that end a line do not change what it is.
 void checkEnds(std::string_view line, bool is_section, std::string_view name, bool is_entry,
                const ConfigEntry &entry) {
     const size_t end = std::min(line.find('\n'), line.find('\0'));

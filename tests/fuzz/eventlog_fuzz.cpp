@@ -1,12 +1,12 @@
-// Any bytes as a log: read forwards, backwards and from anywhere, and each line as a record.
+// Any bytes as a log: each line is read forwards, backwards and from anywhere, and compared with the record that is built
+// from it alone.
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "check.h"
-#include "eventlog/eventlog_map.h"
-#include "eventlog/eventlog_record.h"
+#include "eventlog/eventlog_lines.h"
 
 namespace {
 
@@ -27,7 +27,7 @@ void checkRecord(const char *buffer, uint32_t number) {
     EVENTLOGRECORD head;
     memcpy(&head, buffer, sizeof head);
     if (head.Length == 0) {
-        VLL_CHECK(std::all_of(buffer, buffer + 1024, [](char c) { return c == 0; }));
+        VLL_CHECK(std::all_of(buffer, buffer + kRecordBufferSize, [](char c) { return c == 0; }));
         return;
     }
     const size_t source = strlen(buffer + sizeof head);
@@ -41,7 +41,7 @@ void checkRecord(const char *buffer, uint32_t number) {
 
 void checkLine(EventLogHandle *handle, const std::vector<std::string> &lines, uint32_t number) {
     VLL_CHECK(vlliGetEventLogRecord(handle, EVENTLOG_SEEK_READ, static_cast<int32_t>(number)));
-    char expected[1024] = {};
+    char expected[kRecordBufferSize] = {};
     vlliBuildEventLogRecord(lines[number - 1].c_str(), number, expected);
     checkRecord(handle->RecordBuffer, number);
     VLL_CHECK(memcmp(handle->RecordBuffer, expected, sizeof expected) == 0);
@@ -78,7 +78,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     VLL_CHECK(!vlliGetEventLogRecord(&handle, EVENTLOG_SEEK_READ, static_cast<int32_t>(total + 1)));
 
     checkRecord(handle.RecordBuffer, 0);
-    char buffer[1024] = {};
+    char buffer[kRecordBufferSize] = {};
     const std::string line = all.substr(0, kLineLimit).c_str();
     vlliBuildEventLogRecord(line.c_str(), 1, buffer);
     checkRecord(buffer, 1);

@@ -1,4 +1,4 @@
-// Any bytes as a zone file. The first four are the moment.
+// Any bytes as a zone file. The first four bytes are the present time.
 #include <sys/mman.h>
 #include <unistd.h>
 #include <cstring>

@@ -1,15 +1,10 @@
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-#include <atomic>
+// Shared variables: what processes read and write, and what failures leave.
 #include <cstring>
-#include <memory>
 
-#include "support/child.h"
+#include "base/file_lock.h"
+#include "sharing/named_objects.h"
 #include "support/faults.h"
-#include "support/fixture.h"
 #include "support/matchers.h"
-#include "support/objects.h"
 
 namespace {
 
@@ -22,31 +17,25 @@ class SharedVariableTest : public LibraryTest {
         LibraryTest::TearDown();
     }
     SharedVar *make(DWORD size, int32_t mode = SHVAR_CREATE) { return vllSharedVarInit(kName, size, mode); }
-    bool nameExists() const {
-        const int fd = shm_open(kName, O_RDONLY, 0);
-        close(fd);
-        return fd != -1;
-    }
+    bool nameExists() const { return objectLength(kName) != -1; }
 };
 
 TEST_F(SharedVariableTest, another_process_reads_what_one_wrote) {
     SharedVar *variable = make(8);
     ASSERT_NE(variable, nullptr);
-    char zeros[8] = {1};
-    EXPECT_EQ(vllSharedVarManipulate(zeros, variable, SHVAR_READ), 1);
-    EXPECT_EQ(memcmp(zeros, "\0\0\0\0\0\0\0\0", 8), 0);
-    char value[8] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};
-    EXPECT_EQ(vllSharedVarManipulate(value, variable, SHVAR_WRITE), 1);
-    const ChildResult child = runInChild([&] {
+    char value[9] = "xxxxxxxx";
+    EXPECT_EQ(vllSharedVarManipulate(value, variable, SHVAR_READ), 1);
+    EXPECT_EQ(std::string(value, 8), std::string(8, '\0'));
+    EXPECT_EQ(vllSharedVarManipulate(strcpy(value, "abcdefgh"), variable, SHVAR_WRITE), 1);
+    expectInChild([&] {
         SharedVar *opened = make(8, SHVAR_OPEN);
-        char read[8] = {};
+        char read[9] = {};
         EXPECT_EQ(vllSharedVarManipulate(read, opened, SHVAR_READ), 1);
-        EXPECT_EQ(memcmp(read, value, 8), 0);
+        EXPECT_STREQ(read, "abcdefgh");
         EXPECT_TRUE(vllSharedVarDeallocate(opened, SHVAR_OPEN));
         EXPECT_TRUE(nameExists());
         return 0;
     });
-    EXPECT_EQ(child.status, 0);
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
     EXPECT_THAT(make(8, SHVAR_OPEN), FailsWith(ENOENT));
 }
@@ -64,79 +53,55 @@ TEST_F(SharedVariableTest, creating_anew_empties_it_for_everyone) {
 }
 
 TEST_F(SharedVariableTest, bad_arguments) {
-    const std::string long_name = "/" + std::string(300, 'n');
     const struct {
-        int line;
         const char *name;
         DWORD size;
         int32_t mode;
         int error;
     } rows[] = {
-        {__LINE__, nullptr, 8, SHVAR_CREATE, EINVAL},
-        {__LINE__, kName, 8, 0, EINVAL},
-        {__LINE__, kName, 8, SHVAR_READ, EINVAL},
-        {__LINE__, kName, 0, SHVAR_CREATE, EINVAL},
-        {__LINE__, "", 8, SHVAR_CREATE, EINVAL},
-        {__LINE__, "/a/b", 8, SHVAR_CREATE, EINVAL},
-        {__LINE__, long_name.c_str(), 8, SHVAR_CREATE, EINVAL},
-        {__LINE__, kName, 8, SHVAR_OPEN, ENOENT},
+        {nullptr, 8, SHVAR_CREATE, EINVAL}, {kName, 8, 0, EINVAL},         {kName, 8, SHVAR_READ, EINVAL},
+        {kName, 0, SHVAR_CREATE, EINVAL},   {"", 8, SHVAR_CREATE, EINVAL}, {kName, 8, SHVAR_OPEN, ENOENT},
     };
     for (const auto &row : rows) {
-        EXPECT_THAT(vllSharedVarInit(row.name, row.size, row.mode), FailsWith(row.error))
-            << "line " << row.line;
+        EXPECT_THAT(vllSharedVarInit(row.name, row.size, row.mode), FailsWith(row.error)) << &row - rows;
     }
-    EXPECT_FALSE(nameExists());
     // Too large for some machines.
     SharedVar *const huge = make(UINT32_MAX);
     EXPECT_TRUE(huge != nullptr ? vllSharedVarDeallocate(huge, SHVAR_CREATE) : errno == ENOMEM);
     EXPECT_FALSE(nameExists());
     SharedVar *variable = make(4);
-    char buffer[4] = {'k', 'e', 'e', 'p'};
+    char buffer[5] = "keep";
     EXPECT_THAT(vllSharedVarManipulate(buffer, variable, 5), FailsWith(EINVAL));
-    EXPECT_EQ(memcmp(buffer, "keep", 4), 0);
-    EXPECT_EQ(vllSharedVarManipulate(nullptr, variable, SHVAR_READ), 0);
-    EXPECT_EQ(vllSharedVarManipulate(buffer, nullptr, SHVAR_READ), 0);
-    EXPECT_FALSE(vllSharedVarDeallocate(nullptr, SHVAR_OPEN));
+    EXPECT_STREQ(buffer, "keep");
+    EXPECT_THAT(vllSharedVarManipulate(nullptr, variable, SHVAR_READ), FailsWith(EINVAL));
+    EXPECT_THAT(vllSharedVarManipulate(buffer, nullptr, SHVAR_READ), FailsWith(EINVAL));
+    EXPECT_THAT(vllSharedVarDeallocate(nullptr, SHVAR_OPEN), FailsWith(EINVAL));
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }
 
-TEST_F(SharedVariableTest, failing_calls_leave_nothing_behind) {
-    struct Row {
+TEST_F(SharedVariableTest, failing_calls) {
+    const struct {
         const char *call;
         int nth, error;
-    };
-    for (const Row &row : {Row{"malloc", 1, ENOMEM}, Row{"strdup", 1, ENOMEM}, Row{"shm_open", 1, EMFILE},
-                           Row{"ftruncate64", 1, ENOSPC}, Row{"ftruncate64", 2, ENOSPC},
-                           Row{"mmap64", 1, ENOMEM}, Row{"fcntl64", 1, ENOLCK}}) {
+    } rows[] = {{"malloc", 1, ENOMEM},      {"malloc", 2, ENOMEM}, {"shm_open", 1, EMFILE},
+                {"ftruncate64", 2, ENOSPC}, {"mmap64", 1, ENOMEM}, {"fcntl64", 1, ENOLCK}};
+    for (const auto &row : rows) {
         const FailCall fail(row.call, row.nth, row.error);
-        errno = 0;
-        EXPECT_EQ(make(64), nullptr) << row.call;
-        EXPECT_EQ(errno, row.error) << row.call;
-        EXPECT_TRUE(fail.happened()) << row.call;
+        EXPECT_THAT(make(64), FailsWith(row.error)) << row.call;
         EXPECT_FALSE(nameExists()) << row.call;
     }
-}
-
-// O_CREAT is refused on another user's object (fs.protected_regular), which may be opened all the same.
-TEST_F(SharedVariableTest, opens_again_what_could_not_be_opened_so) {
     SharedVar *variable = make(4);
+    // O_CREAT is refused on another user's object (fs.protected_regular), which may be opened all the same.
     for (const int error : {EINTR, EACCES}) {
         const FailCall fail("shm_open", 1, error);
-        SharedVar *again = make(4);
-        EXPECT_NE(again, nullptr) << strerror(error);
-        EXPECT_TRUE(vllSharedVarDeallocate(again, SHVAR_OPEN));
+        EXPECT_TRUE(vllSharedVarDeallocate(make(4), SHVAR_OPEN)) << error;
     }
-    EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
-}
-
-TEST_F(SharedVariableTest, failing_locks_and_closes) {
-    SharedVar *variable = make(4);
     char buffer[4] = {};
     for (const auto &[nth, error, result] :
          {std::tuple(1, ENOLCK, 0), std::tuple(2, ENOLCK, -1), std::tuple(1, EINTR, 1)}) {
         const FailCall fail("fcntl64", nth, error);
-        EXPECT_EQ(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE), result);
-        EXPECT_TRUE(result == 1 || errno == error);
+        EXPECT_THAT(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE),
+                    Yields(testing::Eq(result), error));
     }
     {
         const FailCall fail("shm_unlink", 1, EACCES);
@@ -149,51 +114,42 @@ TEST_F(SharedVariableTest, failing_locks_and_closes) {
 
 TEST_F(SharedVariableTest, waiting_for_a_lock) {
     SharedVar *variable = make(4);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    const Doorbell locked;
     const pid_t holder = startChild([&] {
-        const int fd = shm_open(kName, O_RDWR, 0);
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        EXPECT_EQ(fcntl(fd, F_SETLKW, &lock), 0);
-        EXPECT_EQ(write(ready[1], "r", 1), 1);
-        pause();
-        return 0;
+        EXPECT_EQ(classicLock(shm_open(kName, O_RDWR, 0), F_WRLCK), 0);
+        locked.ring();
+        return pause();
     });
-    char byte;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    close(ready[1]);
-    std::atomic<pid_t> tid{0};
+    locked.wait();
     std::atomic<int32_t> result{0};
     char buffer[4];
-    const auto reads = [&] {
-        tid = gettid();
-        result = vllSharedVarManipulate(buffer, variable, SHVAR_READ);
-    };
-    const auto makes = [&] {
-        tid = gettid();
-        make(4);
-    };
-    const auto startWaiting = [&](auto &body) {
-        tid = 0;
-        const HANDLE thread = startThread(body);
-        EXPECT_TRUE(waitUntil([&] { return tid != 0; }));
-        EXPECT_TRUE(waitUntilAsleep(tid));
-        return thread;
-    };
+    const auto read = [&] { result = vllSharedVarManipulate(buffer, variable, SHVAR_READ); };
     // A cancelled waiter leaves nothing behind.
-    for (const HANDLE thread : {startWaiting(reads), startWaiting(makes)}) {
-        EXPECT_TRUE(vllTerminateThread(thread, 0));
-        finishThread(thread);
+    for (const std::function<void()> &body : {std::function<void()>(read), {[&] { make(4); }}}) {
+        Sleeper waiter(body);
+        EXPECT_TRUE(vllTerminateThread(waiter.handle(), 0));
     }
     // A killed holder does not keep the lock.
-    const HANDLE reader = startWaiting(reads);
+    Sleeper reader(read);
     EXPECT_EQ(result, 0);
     kill(holder, SIGKILL);
     finishChild(holder);
-    finishThread(reader);
+    reader.finish();
     EXPECT_EQ(result, 1);
+    EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
+}
+
+// A thread that is terminated at the moment at which it gets the lock does not keep it.
+TEST_F(SharedVariableTest, terminated_when_the_lock_comes) {
+    SharedVar *variable = make(4);
+    const Fd other(shm_open(kName, O_RDWR | O_CLOEXEC, 0));
+    char buffer[4];
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_EQ(vlliLockFile(other.get(), F_OFD_SETLK, F_WRLCK), 0) << "round " << round;
+        Sleeper waiter([&] { vllSharedVarManipulate(buffer, variable, SHVAR_WRITE); });
+        EXPECT_EQ(vlliLockFile(other.get(), F_OFD_SETLK, F_UNLCK), 0);
+        vllTerminateThread(waiter.handle(), 0);
+    }
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }
 
@@ -206,26 +162,24 @@ TEST_F(SharedVariableTest, readers_never_see_a_mixed_block) {
     for (int i = 0; i < 9; ++i) {
         children.push_back(startChild([&, i] {
             SharedVar *mine = make(kSize, SHVAR_OPEN);
-            const std::unique_ptr<char[]> block(new char[kSize]);
+            std::string block(kSize, '\0');
             const int64_t end = nowMs() + 2000;
-            bool mixed = false;
             for (int round = 0; round < 400 && nowMs() < end; ++round) {
                 if (i == 8) {
                     EXPECT_TRUE(vllSharedVarDeallocate(make(kSize), SHVAR_OPEN));
                 } else if (i % 2 == 0) {
-                    memset(block.get(), i * 50 + round % 50, kSize);
-                    EXPECT_EQ(vllSharedVarManipulate(block.get(), mine, SHVAR_WRITE), 1);
+                    block.assign(kSize, static_cast<char>(i * 50 + round % 50));
+                    EXPECT_EQ(vllSharedVarManipulate(block.data(), mine, SHVAR_WRITE), 1);
                 } else {
-                    EXPECT_EQ(vllSharedVarManipulate(block.get(), mine, SHVAR_READ), 1);
-                    mixed |= memcmp(block.get(), block.get() + 1, kSize - 1) != 0;
+                    EXPECT_EQ(vllSharedVarManipulate(block.data(), mine, SHVAR_READ), 1);
+                    EXPECT_EQ(block.find_first_not_of(block[0]), std::string::npos);
                 }
             }
-            EXPECT_FALSE(mixed);
             return 0;
         }));
     }
     for (const pid_t child : children) {
-        EXPECT_EQ(finishChild(child).status, 0);
+        expectSuccess(child);
     }
     EXPECT_TRUE(vllSharedVarDeallocate(variable, SHVAR_CREATE));
 }

@@ -4,15 +4,15 @@
 #include <sys/types.h>
 #include <functional>
 
-// Whether a test may fork beside busy threads. Under ThreadSanitizer one of them may hold a lock of its runtime at
-// that moment, which fork() does not put in order: the child would wait for it for ever.
+// Whether a test may fork while other threads are at work. Under ThreadSanitizer one of them may hold a lock of its
+// runtime at that moment, which fork() does not reset: the child would wait for it for ever.
 #if defined(__SANITIZE_THREAD__)
 constexpr bool kMayForkBesideBusyThreads = false;
 #else
 constexpr bool kMayForkBesideBusyThreads = true;
 #endif
 
-// Leaves a test that cannot do without.
+// Skips a test that has to.
 #define SKIP_UNLESS_FORKS_BESIDE_BUSY_THREADS() \
     if (!kMayForkBesideBusyThreads)             \
     GTEST_SKIP() << "a child forked beside busy threads can hang on ThreadSanitizer's own locks"
@@ -38,7 +38,7 @@ void expectInChild(const std::function<int()> &body);
 // Waits for a child of startChild() that must end so.
 void expectSuccess(pid_t pid, int limit_ms = 60000);
 
-// By which one process waits for another that was forked later or earlier.
+// Lets a process wait until another one, which shares it by fork(2), rings.
 class Doorbell {
   public:
     Doorbell();

@@ -1,11 +1,12 @@
-// The clock as the library sees it: time(2) answers what a test wants, settimeofday(2) is caught. Nothing here
-// ever changes the machine's clock; without a stand-in a call that would is the end of the test, but on the target.
+// The clock as the library sees it: a test chooses the result of time(2) and intercepts settimeofday(2). The
+// machine's clock is never changed: without a CatchClockSetting the test aborts at settimeofday(2), except on the
+// emulated target.
 #pragma once
 
 #include <sys/time.h>
 #include <ctime>
 
-// While it lives, time(2) answers this (-1: it fails) to the whole process.
+// While it lives, time(2) returns this to the whole process; -1: it fails.
 class FakeTime {
   public:
     explicit FakeTime(time_t now);
@@ -16,7 +17,7 @@ class FakeTime {
     void set(time_t now);
 };
 
-// While it lives, settimeofday(2) only notes what it was asked: it succeeds, or fails with an error.
+// While it lives, settimeofday(2) only records its arguments, and succeeds or fails with an error.
 class CatchClockSetting {
   public:
     explicit CatchClockSetting(int error = 0);

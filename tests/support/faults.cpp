@@ -25,29 +25,21 @@
 
 namespace {
 
-enum Call {
 #define VLL_FAULT(name, ...) kCall_##name,
 #define VLL_FAULT_BLOCKING VLL_FAULT
 #define VLL_FAULT_POSTING VLL_FAULT
-#define VLL_FAULT_RESULT(name, ...) kCall_##name,
+#define VLL_FAULT_RESULT VLL_FAULT
+enum Call {
 #include "support/faults.def"
-#undef VLL_FAULT
-#undef VLL_FAULT_BLOCKING
-#undef VLL_FAULT_POSTING
-#undef VLL_FAULT_RESULT
     kCallCount
 };
 
-constexpr const char *kCallNames[] = {
 #define VLL_FAULT(name, ...) #name,
 #define VLL_FAULT_BLOCKING VLL_FAULT
 #define VLL_FAULT_POSTING VLL_FAULT
-#define VLL_FAULT_RESULT(name, ...) #name,
+#define VLL_FAULT_RESULT VLL_FAULT
+constexpr const char *kCallNames[] = {
 #include "support/faults.def"
-#undef VLL_FAULT
-#undef VLL_FAULT_BLOCKING
-#undef VLL_FAULT_POSTING
-#undef VLL_FAULT_RESULT
 };
 
 struct State {
@@ -117,10 +109,10 @@ void resetCallCounts() {
     }
 }
 
-// A thread that is cancelled inside one of ThreadSanitizer's interceptors leaves it deaf to every lock that the
-// cleanup of its frames takes. So under it the calls in which threads are cancelled go to the C library itself,
-// and the order that a semaphore makes is told by annotations. They are looked up before any thread runs: a child
-// forked while another thread is inside dlopen() would find ThreadSanitizer's lock held for ever.
+// When a thread is cancelled inside one of ThreadSanitizer's interceptors, ThreadSanitizer ignores every lock that
+// the thread takes while it unwinds. So under it the calls in which threads are cancelled go to the C library itself,
+// and annotations announce the order that a semaphore makes. The functions are looked up before any thread runs: a
+// child that is forked while another thread is inside dlopen() would find ThreadSanitizer's lock held for ever.
 #if defined(__SANITIZE_THREAD__)
 #define VLL_REAL_BLOCKING(name) libc_##name
 #define VLL_FIND_BLOCKING(name, type, parameters) \

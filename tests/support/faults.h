@@ -1,9 +1,9 @@
-// Makes a system call of the library fail, where the kernel cannot be made to answer so.
+// Makes a call of the library to the C library fail, where the kernel cannot be made to fail it.
 //
 //     FailCall fail("epoll_create", 2, EMFILE);   // the second call of this thread from here on
 //
-// Only the library's own calls (and the test binary's) pass here, not those of other libraries. Counts and
-// failures are per thread. The calls that can fail are listed in faults.def; add a line for another.
+// Calls of the library and of the test program can fail, not those that other libraries make. Counts and failures are
+// per thread. The calls that can fail are listed in faults.def; add a line for another.
 #pragma once
 
 #include <cstdint>

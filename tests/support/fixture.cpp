@@ -95,12 +95,7 @@ void LibraryTest::SetUp() {
 void LibraryTest::TearDown() {
     Inventory after;
     // A thread that has signalled its end takes a moment to disappear.
-    waitUntil(
-        [&] {
-            after = takeInventory();
-            return after == before_;
-        },
-        5000);
+    waitUntil([&] { return (after = takeInventory()) == before_; }, 5000);
     EXPECT_EQ(after, before_);
 }
 
@@ -128,8 +123,8 @@ bool waitUntilAsleep(pid_t tid, int limit_ms) {
         limit_ms);
 }
 
-int64_t nowMs() {
+int64_t nowUs(clockid_t clock) {
     timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+    clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }

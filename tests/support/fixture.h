@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <time.h>
 #include <cerrno>
 #include <functional>
 #include <string>
@@ -39,5 +40,8 @@ bool waitUntil(const std::function<bool()> &condition, int limit_ms = 20000);
 // True once the thread (a kernel thread id, gettid(), or a child's process id) sleeps in the kernel.
 bool waitUntilAsleep(pid_t tid, int limit_ms = 20000);
 
-// Milliseconds on the monotonic clock.
-int64_t nowMs();
+// A clock in microseconds, and the monotonic one in milliseconds.
+int64_t nowUs(clockid_t clock = CLOCK_MONOTONIC);
+inline int64_t nowMs() {
+    return nowUs() / 1000;
+}

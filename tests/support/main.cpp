@@ -15,8 +15,8 @@ extern "C" const char *__tsan_default_options() {
 #endif
 
 #if defined(__SANITIZE_ADDRESS__)
-// AddressSanitizer asks for the signal stack whenever a thread unwinds, through its own checked function, in a part
-// of the stack that still bears the marks of the frames just left: a false alarm. Asked directly, it is none.
+// Whenever a thread unwinds, AddressSanitizer calls sigaltstack() through its interceptor, in a part of the stack
+// that is still marked as that of the frames just left, and reports a false error. This replaces the interceptor.
 extern "C" __attribute__((no_sanitize_address)) int sigaltstack(const stack_t *stack, stack_t *old) noexcept {
     return static_cast<int>(syscall(SYS_sigaltstack, stack, old));
 }
@@ -28,7 +28,8 @@ int main(int argc, char **argv) {
         enterPrivateMachine();
         startSyslogCapture();
 #if defined(__SANITIZE_THREAD__)
-        std::thread([] {}).join();  // its own background thread starts with the first, and is not a test's
+        std::thread([] {
+        }).join();  // the first thread starts ThreadSanitizer's own, which no test shall count
 #endif
     }
     return RUN_ALL_TESTS();

@@ -4,8 +4,8 @@
 //     EXPECT_THAT(vllGetEventFd(closed), FailsWith(EINVAL, -1));
 //     EXPECT_THAT(vllCreateMutex(FALSE, name), Yields(testing::Ne(0U), EEXIST));
 //
-// The last error is 0 when the call is made: the matcher clears it, and is made before the call (the function of a call
-// expression is evaluated before its arguments).
+// The last error is 0 when the call is made: the matcher clears it, and is made before the call (the function of a
+// call expression is evaluated before its arguments).
 #pragma once
 
 #include <gmock/gmock-matchers.h>
@@ -14,6 +14,8 @@
 #include <cstring>
 #include <type_traits>
 #include <utility>
+
+#include "vwincompat/types.h"
 
 // An operation's result, and the last error that it leaves.
 template <typename ResultMatcher>
@@ -74,4 +76,11 @@ inline ResultWithErrno<IsZeroMatcher> FailsWith(int error) {
 template <typename Result>
 auto FailsWith(int error, Result result) {
     return Yields(testing::Eq(result), error);
+}
+
+// For rows of a table that succeed or fail: with error 0 a result that is not zero, whatever the last error; otherwise
+// FailsWith(error).
+inline testing::Matcher<BOOL> Outcome(int error) {
+    errno = 0;
+    return error == 0 ? testing::Matcher<BOOL>(testing::Ne(FALSE)) : testing::Matcher<BOOL>(FailsWith(error));
 }

@@ -67,7 +67,7 @@ inline void finishThread(HANDLE thread) {
     EXPECT_TRUE(vllCloseHandle(thread));
 }
 
-// A thread of the library that runs a body, and sleeps in it (in a wait, say) once it is made.
+// A thread of the library that runs a body. When the constructor returns it sleeps in it, in a wait for instance.
 class Sleeper {
   public:
     explicit Sleeper(std::function<void()> body);
@@ -96,9 +96,9 @@ inline int nextFd() {
     return fd;
 }
 
-// A call of the library that is made to fail, and what must come of it.
+// A call that is made to fail, and what must come of it.
 struct Failure {
-    const char *call;  // null: the operation fails by itself
+    const char *call;  // as in FailCall; null: the operation fails by itself
     int nth;
     int error;
     Errors log;  // the LOG_ERR lines

@@ -41,10 +41,10 @@ void enterNamespaces() {
     check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount --make-rprivate /");
 }
 
-// A directory for mounts on their way, private like all mounts from here on.
+// The directory where the new /dev is put together.
 const char *const kStage = "/tmp";
 
-// What of the machine's /dev is taken over into the private one.
+// The nodes of the machine's /dev that the private one has, too.
 const char *const kNodes[] = {"null",  "zero", "full", "random", "urandom", "tty",    "fd",     "console",
                               "tty10", "rtc",  "rtc0", "ttyS0",  "ttyACM0", "ttyGS0", "ttyAMA0"};
 
@@ -119,7 +119,7 @@ void coverDirectory(const std::string &path, const char *size) {
 void coverFile(const std::string &path, const std::string &content) {
     const std::string copy = "/dev/cover" + std::to_string(getpid());
     writeFile(copy, content);
-    umount2(path.c_str(), MNT_DETACH);  // the last one's, which is unlinked and cannot be covered
+    umount2(path.c_str(), MNT_DETACH);  // an earlier cover is unlinked, so nothing can be mounted on it
     check(mount(copy.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0, "cover " + path);
     unlink(copy.c_str());
 }

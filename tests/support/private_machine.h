@@ -1,5 +1,5 @@
-// The test process's own view of the machine: a private mount namespace with a /dev that holds the usual nodes and
-// no other /dev/log and /dev/shm than the tests' own. What is mounted or created there is gone with the process.
+// The test process's own view of the machine: a private mount namespace whose /dev has the usual nodes, and a
+// /dev/log and a /dev/shm of its own. What is mounted or created there disappears with the process.
 #pragma once
 
 #include <string>
@@ -21,5 +21,5 @@ void coverFile(const std::string &path, const std::string &content);
 // True on the emulated target, where the tests may use the real clock, console, modem lines and power switch.
 bool onTarget();
 
-// An empty directory on a tmpfs of the private machine. What the last call gave is gone.
+// An empty directory on a tmpfs of the private machine. It replaces that of the last call.
 std::string freshDirectory();

@@ -1,6 +1,5 @@
 #include "support/shown_process.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <climits>
@@ -14,17 +13,15 @@ namespace {
 
 const char *const kVariable = "VLL_TEST_SHOW";
 
-void tell(FILE *out, const char *text) {
+void show(FILE *out, const char *text) {
     fwrite(text, 1, strlen(text) + 1, out);
 }
 
-void tellBlocked(FILE *out) {
-    FILE *status = fopen("/proc/self/status", "r");
-    char line[256];
-    while (status != nullptr && fgets(line, sizeof line, status) != nullptr) {
-        if (strncmp(line, "SigBlk:\t", 8) == 0) {
-            line[strcspn(line, "\n")] = '\0';
-            tell(out, line + 8);
+void showBlocked(FILE *out) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 8, "SigBlk:\t") == 0) {
+            show(out, line.c_str() + 8);
         }
     }
 }
@@ -41,13 +38,20 @@ __attribute__((constructor)) void showProcess(int count, char **arguments, char 
     if (out == nullptr || getcwd(directory, sizeof directory) == nullptr) {
         _exit(97);
     }
-    tell(out, directory);
-    tell(out, path != nullptr ? path : "-");
-    tellBlocked(out);
+    show(out, directory);
+    show(out, path != nullptr ? path : "-");
+    showBlocked(out);
     for (int i = 0; i < count; ++i) {
-        tell(out, arguments[i]);
+        show(out, arguments[i]);
     }
     _exit(fclose(out) == 0 ? 0 : 96);
+}
+
+void check(bool ok, const std::string &what) {
+    if (!ok) {
+        perror(what.c_str());
+        abort();
+    }
 }
 
 std::vector<std::string> readStrings(const std::string &file) {
@@ -64,32 +68,21 @@ std::vector<std::string> readStrings(const std::string &file) {
 
 std::string makeProgramDirectory() {
     char name[] = "/dev/programsXXXXXX";
-    if (mkdtemp(name) == nullptr) {
-        perror(name);
-        abort();
-    }
-    chmod(name, 0755);
+    check(mkdtemp(name) != nullptr && chmod(name, 0755) == 0, name);
     return name;
 }
 
 std::string makeShownProgram(const std::string &directory, const std::string &name) {
     char self[PATH_MAX] = {};
     std::string path = directory + "/" + name;
-    if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0 || symlink(self, path.c_str()) != 0) {
-        perror(path.c_str());
-        abort();
-    }
+    check(readlink("/proc/self/exe", self, sizeof self - 1) > 0 && symlink(self, path.c_str()) == 0, path);
     return path;
 }
 
 std::string makeScript(const std::string &directory, const std::string &name, const std::string &text) {
     std::string path = directory + "/" + name;
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0755);
-    if (fd == -1 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        close(fd) != 0) {
-        perror(path.c_str());
-        abort();
-    }
+    std::ofstream(path) << text;
+    check(chmod(path.c_str(), 0755) == 0, path);
     return path;
 }
 

@@ -1,4 +1,5 @@
-// A program that tells how it was started: the test binary itself, under another name.
+// A program that writes down how it was started: the test program itself, under another name. Helpers for tests that
+// start programs.
 #pragma once
 
 #include <cstdlib>
@@ -12,22 +13,20 @@ struct ShownProcess {
     std::string blocked;  // its signal mask, as /proc shows it
 };
 
-// A directory of the test's own, where programs can be put and run.
+// Makes a new directory for programs that the test runs.
 std::string makeProgramDirectory();
 
-// Puts the telling program there under a name: its path. It tells only within a ShowProcesses scope.
+// Puts the program there under a name: its path. It writes nothing down outside a ShowProcesses scope.
 std::string makeShownProgram(const std::string &directory, const std::string &name);
 
 // Puts a script there: its path.
 std::string makeScript(const std::string &directory, const std::string &name, const std::string &text);
 
-// An environment variable that is set back at the end.
+// Sets or unsets an environment variable for a scope.
 class Variable {
   public:
-    Variable(const char *name, const char *value) : name_(name) {
-        const char *old = getenv(name);
-        had_ = old != nullptr;
-        old_ = had_ ? old : "";
+    Variable(const char *name, const char *value) : name_(name), had_(getenv(name) != nullptr) {
+        old_ = had_ ? getenv(name) : "";
         value != nullptr ? setenv(name, value, 1) : unsetenv(name);
     }
     ~Variable() { had_ ? setenv(name_, old_.c_str(), 1) : unsetenv(name_); }
@@ -40,7 +39,7 @@ class Variable {
     std::string old_;
 };
 
-// While it lives, a telling program that this process starts tells, and ends with status 0.
+// While it lives, the program writes down how this process has started it, and ends with status 0.
 class ShowProcesses {
   public:
     ShowProcesses();
@@ -48,7 +47,7 @@ class ShowProcesses {
     ShowProcesses(const ShowProcesses &) = delete;
     ShowProcesses &operator=(const ShowProcesses &) = delete;
 
-    // What the last one told, which must have ended.
+    // What the last one has written. It must have ended.
     ShownProcess take();
 
   private:

@@ -22,10 +22,10 @@ void die(const char *what) {
     abort();
 }
 
-// A line as it comes: "<priority>Mmm dd hh:mm:ss ident: text".
+// Parses a line as it is sent: "<priority>Mmm dd hh:mm:ss ident: text".
 LogLine parseLine(const std::string &line) {
     LogLine parsed = {LOG_PRI(atoi(line.c_str() + 1)), line};
-    // What syslog(3) sends has the ident of openlog(); what is sent without it has the program's name.
+    // Lines that syslog(3) sends have the ident of openlog(); others have the program's name.
     for (const std::string &ident :
          {std::string("vlltest: "), program_invocation_short_name + std::string(": ")}) {
         const size_t start = line.find(ident);
@@ -59,7 +59,7 @@ bool readConnection(int fd, std::string *bytes, std::vector<LogLine> *lines) {
 
 }  // namespace
 
-// A stream socket: what is sent to it is kept by the kernel until it is read, so no thread must stand by.
+// A stream socket: the kernel keeps what is sent to it until it is read, so no thread has to read all the time.
 void startSyslogCapture() {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -74,7 +74,7 @@ void startSyslogCapture() {
 }
 
 std::vector<LogLine> takeLog() {
-    const KeepErrno keep_errno;  // tests look at the log before the last error, too
+    const KeepErrno keep_errno;  // a test may check the last error after it has read the log
     std::vector<LogLine> lines;
     while (isReadable(listener)) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

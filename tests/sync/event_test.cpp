@@ -21,7 +21,7 @@ bool isReadable(int fd) {
     return poll(&poll_fd, 1, 0) == 1;
 }
 
-// The event stands as it should, asked through its descriptor and by two waits.
+// Checks an event's state through its descriptor and by two waits.
 void expectSignalled(HANDLE event, bool signalled, bool manual) {
     EXPECT_EQ(isReadable(vllGetEventFd(event)), signalled);
     EXPECT_EQ(isSignalled(event), signalled);
@@ -33,12 +33,9 @@ TEST_F(EventTest, state_after_each_operation) {
     for (const BOOL manual : {FALSE, TRUE}) {
         const Owned event(vllCreateEvent(manual, 7, nullptr)),
             unsignalled(vllCreateEvent(manual, 0, nullptr));
-        const ObjectRecord *record = vlliGetObjectAddress(event);
-        EXPECT_EQ(record->flags, manual ? 0 : OBJF_AUTO_RESET);
-        EXPECT_EQ(fcntl(record->fd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-        EXPECT_EQ(vllGetEventFd(event), record->fd);
+        EXPECT_EQ(fcntl(vllGetEventFd(event), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
         epoll_event ready;
-        EXPECT_EQ(epoll_wait(record->efd, &ready, 1, 0), 0) << "an empty set of its own";
+        EXPECT_EQ(epoll_wait(vlliGetObjectAddress(event)->efd, &ready, 1, 0), 0) << "an empty set of its own";
         expectSignalled(unsignalled, false, manual);
         expectSignalled(event, true, manual);
         EXPECT_TRUE(vllSetEvent(event));
@@ -54,38 +51,10 @@ TEST_F(EventTest, state_after_each_operation) {
 }
 
 TEST_F(EventTest, names_are_refused) {
-    for (const char *name : {"", "x"}) {
-        errno = 77;
-        EXPECT_EQ(vllCreateEvent(1, 1, name), 0U);
-        EXPECT_EQ(takeErrors(), Errors{"VLL: CreateEvent: Named events not supported\n"});
-        EXPECT_EQ(vllOpenEvent(name), 0U);
-        EXPECT_EQ(vllOpenEvent(nullptr), 0U);
-        EXPECT_EQ(errno, 77);
-        EXPECT_EQ(takeErrors(), Errors(2, "VLL: OpenEvent: Named events not supported\n"));
-    }
-}
-
-TEST_F(EventTest, other_handles_are_refused) {
-    const Owned timer(vllCreateWaitableTimer(nullptr));
-    vllSetWaitableTimer(timer, 1);
-    EXPECT_TRUE(waitUntil([&] { return isReadable(vlliGetObjectAddress(timer)->fd); }));
-    errno = 77;
-    EXPECT_FALSE(vllSetEvent(timer));
-    EXPECT_FALSE(vllResetEvent(timer));
-    EXPECT_EQ(vllGetEventFd(timer), -1);
-    EXPECT_EQ(vllGetEventFd(1), -1);
-    EXPECT_EQ(errno, 77);
-    EXPECT_EQ(takeErrors(), Errors{});
-    EXPECT_TRUE(isSignalled(timer)) << "untouched";
-
-    const HANDLE closed = makeAutoEvent();
-    vllCloseHandle(closed);
-    for (const HANDLE handle : {closed, HANDLE{0x10080}}) {
-        EXPECT_THAT(vllSetEvent(handle), Yields(FALSE, EINVAL));
-        EXPECT_THAT(vllResetEvent(handle), Yields(FALSE, EINVAL));
-        EXPECT_THAT(vllGetEventFd(handle), Yields(-1, EINVAL));
-        EXPECT_EQ(takeErrors().size(), 3U);
-    }
+    EXPECT_THAT(vllCreateEvent(1, 1, ""), FailsWith(0));
+    EXPECT_EQ(takeErrors(), Errors{"VLL: CreateEvent: Named events not supported\n"});
+    EXPECT_THAT(vllOpenEvent("x"), FailsWith(0));
+    EXPECT_EQ(takeErrors(), Errors{"VLL: OpenEvent: Named events not supported\n"});
 }
 
 TEST_F(EventTest, a_duplicate_shares_the_counter_and_the_kind) {
@@ -106,22 +75,22 @@ TEST_F(EventTest, a_duplicate_shares_the_counter_and_the_kind) {
 
 TEST_F(EventTest, failing_calls) {
     const Owned event(makeAutoEvent());
-    const int fd = nextFd();
-    const auto created = [](int new_fd, int error) {
-        return format("VLL: CreateEvent: ERROR: event->fd = %d, event->efd =%d, errno = %d[%s]\n", new_fd, -1,
-                      error, strerror(error));
+    const std::string fd = std::to_string(nextFd());
+    const auto created = [](const std::string &new_fd, int error) {
+        return "VLL: CreateEvent: ERROR: event->fd = " + new_fd +
+               format(", event->efd =-1, errno = %d[%s]\n", error, strerror(error));
     };
-    const auto duplicated = [](int new_fd) {
-        return format("VLLI: DuplicateEvent: new->fd = %d, new->efd\n", new_fd);
+    const auto duplicated = [](const std::string &new_fd) {
+        return "VLLI: DuplicateEvent: new->fd = " + new_fd + ", new->efd\n";
     };
-    for (const Failure &failure : {Failure{"eventfd", 1, EMFILE, {created(-1, EMFILE)}},
+    for (const Failure &failure : {Failure{"eventfd", 1, EMFILE, {created("-1", EMFILE)}},
                                    Failure{"fcntl64", 1, EINVAL, {created(fd, EINVAL)}},
                                    Failure{"epoll_create", 1, ENOMEM, {created(fd, ENOMEM)}}}) {
         expectFailure(
             failure, [] { return makeAutoEvent(TRUE); }, 0);
     }
     for (const Failure &failure :
-         {Failure{"dup", 1, EMFILE, {duplicated(-1)}}, Failure{"dup", 2, EMFILE, {duplicated(fd)}}}) {
+         {Failure{"dup", 1, EMFILE, {duplicated("-1")}}, Failure{"dup", 2, EMFILE, {duplicated(fd)}}}) {
         expectFailure(
             failure, [&] { return vllDuplicateHandle(event); }, 0);
     }
@@ -131,34 +100,32 @@ TEST_F(EventTest, a_full_counter_refuses_the_signal_and_stays_signalled) {
     const Owned event(makeManualEvent());
     const uint64_t full = 0xFFFFFFFFFFFFFFFE;
     ASSERT_EQ(write(vllGetEventFd(event), &full, sizeof full), 8);
-    EXPECT_THAT(vllSetEvent(event), Yields(FALSE, EAGAIN));
+    EXPECT_THAT(vllSetEvent(event), FailsWith(EAGAIN));
     expectSignalled(event, true, true);
     EXPECT_TRUE(vllResetEvent(event));
     expectSignalled(event, false, true);
 }
 
-// An event holds two of the process's 256 descriptors.
+// An event holds two of the process's 256 descriptors. Plain ones are used up as well, since the table would end
+// first.
 TEST_F(EventTest, running_out_of_descriptors_and_recovering) {
-    std::vector<Fd> plain;  // the table would end before the descriptors
+    std::vector<Fd> plain;
     for (int i = 0; i < 100; ++i) {
         plain.emplace_back(dup(0));
-        ASSERT_TRUE(plain.back());
     }
     std::vector<HANDLE> events;
     for (HANDLE event; (event = makeAutoEvent()) != 0; events.push_back(event)) {
         ASSERT_LT(events.size(), kObjectCount);
     }
     EXPECT_EQ(errno, EMFILE);
-    EXPECT_EQ(takeErrors().size(), 1U);
-    const Inventory full = takeInventory();
-    EXPECT_THAT(vllDuplicateHandle(events[0]), Yields(0U, EMFILE));
-    EXPECT_THAT(makeAutoEvent(), Yields(0U, EMFILE));
-    EXPECT_FALSE(isSignalled(events[0])) << "asking needs no descriptor";
-    plain.pop_back();  // with a spare descriptor, if there was none, still no pair of them
+    // Not by a matcher: UBSan checks its virtual calls by way of a pipe, which cannot be had here.
+    errno = 0;
+    EXPECT_EQ(vllDuplicateHandle(events[0]), 0U);
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_FALSE(isSignalled(events[0])) << "polling needs no descriptor";
     EXPECT_TRUE(vllCloseHandle(events.back()));
     events.back() = makeAutoEvent(TRUE);
-    EXPECT_TRUE(isSignalled(events.back())) << "recovered";
-    EXPECT_EQ(takeInventory().free_objects, full.free_objects);
+    EXPECT_TRUE(isSignalled(events.back()));
     for (const HANDLE event : events) {
         EXPECT_TRUE(vllCloseHandle(event));
     }

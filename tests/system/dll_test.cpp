@@ -1,25 +1,24 @@
+// Modules: loading, names and lists from the memory map, and the command line.
 #include "system/dll.h"
-#include "base/allocate.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <algorithm>
 #include <cinttypes>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
+#include <fstream>
+#include <functional>
 
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/files.h"
 #include "support/fixture.h"
 #include "support/matchers.h"
+#include "support/objects.h"
 #include "support/shown_process.h"
-#include "vwincompat/module.h"
 
 namespace {
 
@@ -34,14 +33,6 @@ std::string makeModule(const std::string &name) {
     const std::string own = ownPath();
     return makeScript(makeProgramDirectory(), name,
                       readFile(own.substr(0, own.rfind('/')) + "/probe_module.so"));
-}
-
-size_t countOf(const std::string &text, const std::string &part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-        ++count;
-    }
-    return count;
 }
 
 class ModuleTest : public LibraryTest {};
@@ -72,18 +63,14 @@ TEST_F(ModuleTest, loads_and_finds_symbols) {
     EXPECT_THAT(vllFreeLibrary(nullptr), FailsWith(EINVAL));
 }
 
-// In a child: the loader counts what is found so as used by the program, and never unloads it.
-TEST_F(ModuleTest, what_is_loaded_is_there_for_all) {
+TEST_F(ModuleTest, loads_for_all_or_refuses) {
+    // In a child: the loader counts what is found so as used by the program, and never unloads it.
     expectInChild([] {
         const HMODULE module = vllLoadLibrary(makeModule("global.so").c_str());
         void *symbol = vllGetProcAddress(nullptr, "probeAnswer");
         return symbol != nullptr && symbol == vllGetProcAddress(module, "probeAnswer") ? 0 : 1;
     });
-}
-
-TEST_F(ModuleTest, refuses_what_is_no_module) {
-    const std::string text = makeScript(makeProgramDirectory(), "text.so", "no module");
-    EXPECT_EQ(vllLoadLibrary(text.c_str()), nullptr);
+    EXPECT_EQ(vllLoadLibrary(makeScript(makeProgramDirectory(), "text.so", "no module").c_str()), nullptr);
     EXPECT_EQ(vllLoadLibrary("/nowhere/module.so"), nullptr);
     EXPECT_EQ(vllGetModuleHandle("/nowhere/module.so"), nullptr);
     EXPECT_NE(vllGetModuleHandle(nullptr), nullptr);
@@ -91,67 +78,61 @@ TEST_F(ModuleTest, refuses_what_is_no_module) {
 
 TEST_F(ModuleTest, file_names) {
     char name[VLL_MODULE_NAME_SIZE];
-    EXPECT_TRUE(vllGetModuleFileName(nullptr, name));
-    EXPECT_EQ(name, ownPath());
-    EXPECT_TRUE(vllGetModuleFileName(reinterpret_cast<LPCVOID>(&ownPath), name));
-    EXPECT_EQ(name, ownPath());
+    for (const LPCVOID address : {static_cast<LPCVOID>(nullptr), reinterpret_cast<LPCVOID>(&ownPath)}) {
+        EXPECT_THAT(vllGetModuleFileName(address, name), Yields(TRUE, 0));
+        EXPECT_EQ(name, ownPath());
+    }
     EXPECT_THAT(vllGetModuleFileName(nullptr, nullptr), FailsWith(EINVAL));
-    EXPECT_FALSE(vlliGetModuleFileNameByAddress(nullptr, name));
+    EXPECT_THAT(vlliGetModuleFileNameByAddress(nullptr, name), FailsWith(EINVAL));
+    int local = 0;
+    for (LPCVOID address : {static_cast<LPCVOID>(&local), reinterpret_cast<LPCVOID>(uintptr_t{1}),
+                            reinterpret_cast<LPCVOID>(UINTPTR_MAX)}) {
+        EXPECT_THAT(vllGetModuleFileName(address, name), FailsWith(ENOENT));
+    }
 
+    // A file that was removed, or replaced, still has the name of what is loaded.
     const std::string path = makeModule("with blanks and.so");
     const HMODULE module = vllLoadLibrary(path.c_str());
     const void *symbol = vllGetProcAddress(module, "probeAnswer");
-    EXPECT_TRUE(vllGetModuleFileName(symbol, name));
-    EXPECT_EQ(name, path);
-
-    // Replaced on disk: the old file is still what is loaded.
-    ASSERT_EQ(unlink(path.c_str()), 0);
-    EXPECT_TRUE(vllGetModuleFileName(symbol, name));
-    EXPECT_EQ(name, path);
-    makeScript(path.substr(0, path.rfind('/')), "with blanks and.so", "new");
-    EXPECT_TRUE(vllGetModuleFileName(symbol, name));
-    EXPECT_EQ(name, path);
-    EXPECT_TRUE(vllFreeLibrary(module));
-
-    int local = 0;
-    const std::unique_ptr<char, FreeDeleter> heap(static_cast<char *>(malloc(10)));
-    for (LPCVOID address :
-         {static_cast<LPCVOID>(&local), static_cast<LPCVOID>(heap.get()),
-          reinterpret_cast<LPCVOID>(uintptr_t{1}), reinterpret_cast<LPCVOID>(UINTPTR_MAX)}) {
-        EXPECT_THAT(vllGetModuleFileName(address, name), FailsWith(ENOENT));
+    const std::function<void()> changes[] = {
+        [] {},
+        [&] { unlink(path.c_str()); },
+        [&] { makeScript(path.substr(0, path.rfind('/')), "with blanks and.so", "new"); },
+    };
+    for (const auto &change : changes) {
+        change();
+        EXPECT_TRUE(vllGetModuleFileName(symbol, name));
+        EXPECT_EQ(name, path);
     }
+    EXPECT_TRUE(vllFreeLibrary(module));
 }
 
-// ---- lines of the map ----
-
 TEST(MapLine, fields) {
-    struct {
-        int line;
+    const struct {
         const char *text;
-        bool used;
         uintptr_t start, end;
-        const char *path;
+        const char *path;  // null: no code segment with a path
     } rows[] = {
-        {__LINE__, "00008000-0000c000 r-xp 00000000 b3:02 17 /bin/x", true, 0x8000, 0xC000, "/bin/x"},
-        {__LINE__, "8000-c000 r-xp 0 0:0 1 /a b/c.so (deleted)", true, 0x8000, 0xC000, "/a b/c.so"},
-        {__LINE__, "8000-c000 r-xp 0 0:0 1 /d (deleted) (deleted)", true, 0x8000, 0xC000, "/d (deleted)"},
-        {__LINE__, "8000-c000 r-xp 0 0:0 1 / (deleted)", true, 0x8000, 0xC000, "/"},
-        {__LINE__, "fffff000-ffffffff r-xp 0 0:0 1 /-", true, 0xFFFFF000, 0xFFFFFFFF, "/-"},
-        {__LINE__, "8000-c000 r--p 0 0:0 1 /bin/x", false, 0, 0, nullptr},
-        {__LINE__, "8000-c000 rwxp 0 0:0 1 /bin/x", false, 0, 0, nullptr},
-        {__LINE__, "8000-c000 r-xs 0 0:0 1 /bin/x", false, 0, 0, nullptr},
-        {__LINE__, "8000-c000 r-xp 0 0:0 0 [vdso]", false, 0, 0, nullptr},
-        {__LINE__, "8000-1c000 r-xp 0 0:0 1 /bin/x", false, 0, 0, nullptr},
-        {__LINE__, "8000 c000 r-xp 0 0:0 1 /a-b", false, 0, 0, nullptr},
-        {__LINE__, "/8000-c000 r-xp ", false, 0, 0, nullptr},
-        {__LINE__, "", false, 0, 0, nullptr},
+        {"00008000-0000c000 r-xp 00000000 b3:02 17 /bin/x", 0x8000, 0xC000, "/bin/x"},
+        {"8000-c000 r-xp 0 0:0 1 /a b/c.so (deleted)", 0x8000, 0xC000, "/a b/c.so"},
+        {"8000-c000 r-xp 0 0:0 1 /d (deleted) (deleted)", 0x8000, 0xC000, "/d (deleted)"},
+        {"8000-c000 r-xp 0 0:0 1 / (deleted)", 0x8000, 0xC000, "/"},
+        {"fffff000-ffffffff r-xp 0 0:0 1 /-", 0xFFFFF000, 0xFFFFFFFF, "/-"},
+        {"8000-c000 r--p 0 0:0 1 /bin/x", 0, 0, nullptr},
+        {"8000-c000 rwxp 0 0:0 1 /bin/x", 0, 0, nullptr},
+        {"8000-c000 r-xs 0 0:0 1 /bin/x", 0, 0, nullptr},
+        {"8000-c000 r-xp 0 0:0 0 [vdso]", 0, 0, nullptr},
+        {"8000-1c000 r-xp 0 0:0 1 /bin/x", 0, 0, nullptr},
+        {"8000 c000 r-xp 0 0:0 1 /a-b", 0, 0, nullptr},
+        {"/8000-c000 r-xp ", 0, 0, nullptr},
+        {"", 0, 0, nullptr},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.line);
+        SCOPED_TRACE(row.text);
         std::string text = row.text;
         CodeSegment segment;
-        ASSERT_EQ(vlliParseMapLine(text.data(), &segment), row.used);
-        if (row.used) {
+        ASSERT_EQ(vlliParseMapLine(text.data(), &segment), row.path != nullptr);
+        if (row.path != nullptr) {
             EXPECT_EQ(segment.start, row.start);
             EXPECT_EQ(segment.end, row.end);
             EXPECT_STREQ(segment.path, row.path);
@@ -159,48 +140,41 @@ TEST(MapLine, fields) {
     }
 }
 
-// ---- lists ----
+// The code segments of this process whose path holds ".so", in the order of the map, one line each.
+std::string expectedList() {
+    std::ifstream map("/proc/self/maps");
+    std::string list;
+    for (std::string line; std::getline(map, line);) {
+        uintptr_t start, end;
+        char path[512], flags[8];
+        if (sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %7s %*s %*s %*s %511s", &start, &end, flags,
+                   path) == 4 &&
+            strcmp(flags, "r-xp") == 0 && strstr(path, ".so") != nullptr) {
+            list += format("%-20s start = %08" PRIXPTR " end = %08" PRIXPTR "\r\n", path, start, end);
+        }
+    }
+    return list;
+}
 
 TEST_F(ModuleTest, enumerates_code_segments) {
     const std::string path = makeModule("listed.so");
-    const std::string plain_directory = makeProgramDirectory() + "/dir.so.d";
-    ASSERT_EQ(mkdir(plain_directory.c_str(), 0755), 0);
-    const std::string plain = makeScript(plain_directory, "plain", std::string(100, 'x'));
+    const std::string directory = makeProgramDirectory() + "/dir.so.d";  // ".so" anywhere in the path
+    ASSERT_EQ(mkdir(directory.c_str(), 0755), 0);
+    const std::string plain = makeScript(directory, "plain", std::string(100, 'x'));
     const int fd = open(plain.c_str(), O_RDONLY | O_CLOEXEC);
     void *code = mmap(nullptr, 100, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
     close(fd);
     ASSERT_NE(code, MAP_FAILED);
     const HMODULE module = vllLoadLibrary(path.c_str());
-
     std::vector<char> buffer(VLL_MODULE_LIST_SIZE);
-    EXPECT_TRUE(vllEnumerateLoadedModules(buffer.data()));
+    EXPECT_THAT(vllEnumerateLoadedModules(buffer.data()), Yields(TRUE, 0));
     const std::string once = buffer.data();
-    EXPECT_EQ(countOf(once, path + " start = "), 1U);
-    EXPECT_EQ(countOf(once, plain + " start = "), 1U);  // ".so" anywhere in the path
-    EXPECT_EQ(countOf(once, ownPath() + " "), 0U);
-    char expected[300];
-    snprintf(expected, sizeof expected, "%-20s start = %08" PRIXPTR " end = %08" PRIXPTR "\r\n",
-             plain.c_str(), reinterpret_cast<uintptr_t>(code), reinterpret_cast<uintptr_t>(code) + 4096);
-    EXPECT_NE(once.find(expected), std::string::npos) << once;
-
-    // In ascending order, each line whole.
-    std::istringstream lines(once);
-    std::string line;
-    uintptr_t last = 0;
-    while (std::getline(lines, line)) {
-        uintptr_t start = 0;
-        uintptr_t end = 0;
-        const size_t at = line.find(" start = ");
-        ASSERT_NE(at, std::string::npos);
-        ASSERT_EQ(sscanf(line.c_str() + at, " start = %" SCNxPTR " end = %" SCNxPTR, &start, &end), 2);
-        EXPECT_EQ(line.back(), '\r');
-        EXPECT_GE(start, last);
-        EXPECT_GT(end, start);
-        last = end;
-    }
-
+    EXPECT_EQ(once, expectedList());
+    EXPECT_NE(once.find(path + " start = "), std::string::npos);
+    EXPECT_NE(once.find(plain + " start = "), std::string::npos);
+    EXPECT_EQ(once.find(ownPath() + " "), std::string::npos);
     EXPECT_TRUE(vllEnumerateLoadedModules(buffer.data()));
-    EXPECT_EQ(std::string(buffer.data()), once + once);
+    EXPECT_EQ(buffer.data(), once + once);
     EXPECT_TRUE(vllFreeLibrary(module));
     munmap(code, 100);
 }
@@ -209,11 +183,14 @@ TEST_F(ModuleTest, a_list_never_grows_over_its_bound) {
     std::vector<char> buffer(VLL_MODULE_LIST_SIZE + 1, 'x');
     EXPECT_THAT(vllEnumerateLoadedModules(nullptr), FailsWith(EINVAL));
     EXPECT_THAT(vllEnumerateLoadedModules(buffer.data()), FailsWith(EINVAL));
-    const size_t kNearlyFull = VLL_MODULE_LIST_SIZE - 100;
-    buffer[kNearlyFull] = '\0';
-    const std::vector<char> before = buffer;
+    // One byte too few, and just enough.
+    const size_t used = VLL_MODULE_LIST_SIZE - expectedList().size();
+    buffer[used] = '\0';
     EXPECT_THAT(vllEnumerateLoadedModules(buffer.data()), FailsWith(ENOBUFS));
-    EXPECT_EQ(strlen(buffer.data()), kNearlyFull);
+    EXPECT_EQ(strlen(buffer.data()), used);
+    buffer[used - 1] = '\0';
+    EXPECT_TRUE(vllEnumerateLoadedModules(buffer.data()));
+    EXPECT_EQ(buffer.data() + used - 1, expectedList());
     EXPECT_EQ(buffer[VLL_MODULE_LIST_SIZE], 'x');
 }
 
@@ -223,13 +200,8 @@ TEST_F(ModuleTest, starting_address) {
         const std::string path = makeModule("addressed.so");
         const HMODULE module = vllLoadLibrary(path.c_str());
         const std::string digits = vllGetModuleStartingAddress("addressed.so");
-        EXPECT_GE(digits.size(), 8U);
-        EXPECT_EQ(digits.find_first_not_of("0123456789ABCDEF"), std::string::npos);
-        const uintptr_t start = static_cast<uintptr_t>(strtoull(digits.c_str(), nullptr, 16));
-        char name[VLL_MODULE_NAME_SIZE];
-        EXPECT_TRUE(vllGetModuleFileName(reinterpret_cast<LPCVOID>(start), name));
-        EXPECT_EQ(name, path);
-        EXPECT_FALSE(vllGetModuleFileName(reinterpret_cast<LPCVOID>(start - 1), name) && path == name);
+        const size_t at = expectedList().find("addressed.so start = " + digits + " end");
+        EXPECT_NE(at, std::string::npos) << digits;
         EXPECT_EQ(vllGetModuleStartingAddress("no such module"), digits);
         EXPECT_THAT(vllGetModuleStartingAddress(nullptr), FailsWith(EINVAL));
         EXPECT_STRNE(vllGetModuleStartingAddress("dll_test"), digits.c_str());
@@ -237,33 +209,25 @@ TEST_F(ModuleTest, starting_address) {
     });
 }
 
-TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
-    // A path of 4,080 bytes makes its line longer than a line may be, whatever the width of its addresses; its tail
-    // has all the looks of a line of its own.
+TEST_F(ModuleTest, a_line_that_is_too_long_is_skipped) {
+    // A path of 4,080 bytes makes its line longer than the buffer, whatever the width of its addresses; the line's end
+    // has all that a line of its own has.
     expectInChild([] {
-        const std::string start = makeProgramDirectory();
-        if (chdir(start.c_str()) != 0) {
-            return 1;
-        }
+        std::string path = makeProgramDirectory();
+        bool made = chdir(path.c_str()) == 0;
         const std::string part(200, 'd');
         for (int i = 0; i < 19; ++i) {
-            if (mkdir(part.c_str(), 0755) != 0 || chdir(part.c_str()) != 0) {
-                return 2;
-            }
+            made = made && mkdir(part.c_str(), 0755) == 0 && chdir(part.c_str()) == 0;
+            path += "/" + part;
         }
-        char *directory = getcwd(nullptr, 0);
-        if (directory == nullptr) {
-            return 3;
-        }
-        const std::string name = std::string(4080 - strlen(directory) - strlen("/.so"), 'f') + ".so";
-        free(directory);
+        const std::string name = std::string(4080 - path.size() - strlen("/.so"), 'f') + ".so";
         const int fd = open(name.c_str(), O_RDWR | O_CREAT, 0755);
-        if (fd == -1 || ftruncate(fd, 4096) != 0) {
+        if (!made || fd == -1 || ftruncate(fd, 4096) != 0) {
             return 4;
         }
         void *code = mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
-        char path[VLL_MODULE_NAME_SIZE];
-        EXPECT_THAT(vllGetModuleFileName(code, path), FailsWith(ENOENT));
+        char buffer[VLL_MODULE_NAME_SIZE];
+        EXPECT_THAT(vllGetModuleFileName(code, buffer), FailsWith(ENOENT));
         std::vector<char> list(VLL_MODULE_LIST_SIZE);
         EXPECT_TRUE(vllEnumerateLoadedModules(list.data()));
         EXPECT_EQ(strstr(list.data(), "ffff.so"), nullptr);
@@ -274,25 +238,20 @@ TEST_F(ModuleTest, a_line_that_is_too_long_is_passed_over) {
 TEST_F(ModuleTest, the_map_cannot_be_read) {
     char name[VLL_MODULE_NAME_SIZE] = "kept";
     char list[8] = "kept";
-    {
-        FailCall fail("fopen64", 1, EMFILE, 4);
-        EXPECT_THAT(vllGetModuleFileName(reinterpret_cast<LPCVOID>(&ownPath), name), FailsWith(EMFILE));
-        EXPECT_FALSE(vllEnumerateLoadedModules(list));
-        EXPECT_EQ(vllGetModuleStartingAddress("x"), nullptr);
-        EXPECT_THAT(vllGetCommandLine(), FailsWith(EMFILE));
-    }
+    const FailCall fail("fopen64", 1, EMFILE, 4);
+    EXPECT_THAT(vllGetModuleFileName(reinterpret_cast<LPCVOID>(&ownPath), name), FailsWith(EMFILE));
+    EXPECT_THAT(vllEnumerateLoadedModules(list), FailsWith(EMFILE));
+    EXPECT_THAT(vllGetModuleStartingAddress("x"), FailsWith(EMFILE));
+    EXPECT_THAT(vllGetCommandLine(), FailsWith(EMFILE));
     EXPECT_STREQ(name, "kept");
     EXPECT_STREQ(list, "kept");
 }
-
-// ---- the command line ----
 
 TEST_F(ModuleTest, command_line) {
     const std::string expected = readFile("/proc/self/cmdline");
     const char *text = vllGetCommandLine();
     ASSERT_NE(text, nullptr);
     EXPECT_EQ(std::string(text, expected.size()), expected);
-    EXPECT_EQ(strlen(text), strlen(expected.c_str()));
     EXPECT_EQ(vllGetCommandLine(), text);
 }
 

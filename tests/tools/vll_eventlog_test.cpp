@@ -1,43 +1,18 @@
-// The command-line tool, as a shell script sees it.
+// The tool that shows the event log.
 #include <fcntl.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <climits>
-#include <cstdio>
 #include <fstream>
-#include <memory>
-#include <sstream>
 
 #include "support/child.h"
 #include "support/fixture.h"
 #include "support/private_machine.h"
+#include "tool.h"
 
 namespace {
 
 using std::string;
 
 constexpr char kCurrent[] = "/var/log/vservices";
-
-// Lies beside the directory of this program.
-string toolPath() {
-    char self[PATH_MAX] = {};
-    EXPECT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
-    const string tests = string(self).substr(0, string(self).rfind('/'));
-    return tests.substr(0, tests.rfind('/')) + "/tools/vll-eventlog";
-}
-
-// What a shell command prints on both outputs, and its exit status.
-string shell(const string &command) {
-    const std::unique_ptr<FILE, int (*)(FILE *)> pipe(
-        popen(("(" + command + ") 2>&1; echo \"<$?>\"").c_str(), "re"), pclose);
-    string output;
-    char buffer[4096];
-    size_t count;
-    while (pipe != nullptr && (count = fread(buffer, 1, sizeof buffer, pipe.get())) != 0) {
-        output.append(buffer, count);
-    }
-    return output;
-}
 
 string entry(const string &priority, const string &text) {
     return "Jan  2 03:04:05 unit1 " + priority + " gateway: " + text + "\n";
@@ -55,7 +30,7 @@ class VllEventlogTest : public testing::Test {
   protected:
     static void SetUpTestSuite() {
         coverDirectory("/var/log");
-        setenv("T", toolPath().c_str(), 1);
+        setenv("T", toolPath("vll-eventlog").c_str(), 1);
     }
     void SetUp() override {
         std::ofstream("/var/log/vservices.0") << entry("user.info", "one");
@@ -119,16 +94,20 @@ TEST_F(VllEventlogTest, follows_through_a_rotation) {
             return found == texts;
         });
     };
+    const auto append = [](const string &text, std::ios::openmode mode = std::ios::app) {
+        std::ofstream(kCurrent, mode) << entry("user.info", text);
+    };
     EXPECT_TRUE(shows(" three"));
-    std::ofstream(kCurrent, std::ios::app) << entry("user.info", "five") << entry("user.info", "six");
+    append("five");
+    append("six");
     EXPECT_TRUE(shows(" three five six"));
     ASSERT_EQ(rename(kCurrent, "/var/log/vservices.0"), 0);
-    std::ofstream(kCurrent) << entry("user.info", "seven");
+    append("seven");
     EXPECT_TRUE(shows(" three five six seven"));
-    std::ofstream(kCurrent, std::ios::app) << entry("user.info", "seven");
+    append("seven");
     EXPECT_TRUE(shows(" three five six seven seven"));
     remove("/var/log/vservices.0");
-    std::ofstream(kCurrent) << entry("user.info", "anew");
+    append("anew", std::ios::trunc);
     EXPECT_TRUE(shows(" three five six seven seven anew"));
     kill(tool, SIGTERM);
     EXPECT_EQ(finishChild(tool).status, SIGTERM);

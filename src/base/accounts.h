@@ -1,27 +1,26 @@
-// Lookups in the system's account databases, without their static storage.
+// Lookups in the system's account databases by the functions of the getpwnam_r(3) family, which use no static storage.
 #pragma once
 
 #include <cerrno>
-#include <cstdlib>
-#include <memory>
+#include <cstddef>
 
 #include "base/allocate.h"
 
-// What the strings of an entry point into.
+// The buffer that holds the strings of an entry.
 struct AccountText {
     HeapBlock<char> block;
     size_t size = 0;
 };
 
-// Runs a lookup of the getpwnam_r(3) family, lookup(buffer, size) -> error number, with as much room as it asks
-// for, up to a megabyte: its error number, or ENOMEM.
+// Calls lookup(buffer, size), which returns an error number, with a larger buffer for as long as it returns ERANGE, up to
+// a megabyte: the error number, or ENOMEM.
 template <typename Lookup>
 int vlliLookUpAccount(AccountText *text, Lookup lookup) {
     constexpr size_t kFirstSize = 1024;
     constexpr size_t kLargestSize = size_t{1024} * 1024;
     for (size_t size = kFirstSize;; size *= 2) {
         if (size > text->size) {
-            text->block.reset(static_cast<char *>(malloc(size)));
+            text->block = vlliAllocate<char>(size);
             text->size = text->block != nullptr ? size : 0;
         }
         if (text->block == nullptr) {
