@@ -10,6 +10,8 @@
 #include "base/fork_handlers.h"
 #include "core/internal_async.h"
 #include "core/objmem.h"
+#include "net/commport.h"
+#include "net/wsasockets.h"
 #include "process/memory_probe.h"
 #include "process/thread.h"
 #include "profile/config_copy.h"
@@ -20,8 +22,14 @@ namespace {
 
 // The outermost lock first, as in src/LAYERS.
 constexpr const ForkHandlers *kHandlers[] = {
-    &kDescriptorServerForkHandlers, &kSharedObjectForkHandlers, &kAsyncServiceForkHandlers,
-    &kThreadForkHandlers,           &kProbeForkHandlers,        &kConfigCopyForkHandlers,
+    &kDescriptorServerForkHandlers,
+    &kSharedObjectForkHandlers,
+    &kSerialForkHandlers,
+    &kSelectionForkHandlers,
+    &kAsyncServiceForkHandlers,
+    &kThreadForkHandlers,
+    &kProbeForkHandlers,
+    &kConfigCopyForkHandlers,
     &kHandleTableForkHandlers,
 };
 constexpr size_t kCount = sizeof kHandlers / sizeof *kHandlers;

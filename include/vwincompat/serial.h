@@ -101,7 +101,12 @@ VLL_API BOOL vllEscapeCommFunction(int32_t hFile, DWORD dwFunc);
  * The record's `event` must be set before. A mask without EV_RXCHAR, or without modem events, starts no
  * watcher for them; later masks do not start one either: stop with 0 and set anew. EV_RXCHAR, once watched
  * for, is reported whatever later masks say. Stopping signals the event, so that a pending wait ends with the
- * events 0, drops DTR, takes at least 100 ms, and returns when both watchers are gone.
+ * events 0, drops DTR, takes at least 100 ms, and returns when both watchers are gone. Nothing is reported
+ * any more while a record is being stopped. The event stays signalled: the first vllWaitCommEvent() of the
+ * next mask reports the events 0 for it, unless it was reset.
+ *
+ * The watchers run with all signals blocked. A child process of fork(2) has none: stopping the record there
+ * fails with ESRCH, gives everything back, and signals the event that parent and child share.
  *
  * @param hFile       the port; only the first mask's counts.
  * @param dwEvtMask   EV_... values, or 0.
@@ -113,7 +118,7 @@ VLL_API BOOL vllEscapeCommFunction(int32_t hFile, DWORD dwFunc);
  * @error ENOMEM, EMFILE, ENFILE  a watcher cannot be started: no record of the handle table, or no
  *                descriptor, is left.
  * @error EAGAIN  a watcher cannot be started: the system has no thread left.
- * @error ESRCH  a watcher had ended before it was stopped.
+ * @error ESRCH  a watcher had ended before it was stopped, or is the parent's.
  * @error others  as vllCreateEvent() and vllCreateThread() give them.
  * @cancel  Not a cancellation point.
  * @thread  One thread at a time for one record; another may be in vllWaitCommEvent() meanwhile.
@@ -124,8 +129,11 @@ VLL_API BOOL vllSetCommMask(int32_t hFile, DWORD dwEvtMask, OverlappedRecord *ov
  * Begins to wait for the next event, in the overlapped way: it does not block.
  *
  * When events have occurred since the last call (the record's event is signalled), it resets the event and
- * succeeds; the variable of the earlier call holds them. Otherwise it arms the watchers, and the caller waits
- * on the record's event.
+ * succeeds; the variable of the earlier call holds them. When there was no earlier call since the watchers
+ * were started, it sets the variable to 0. Otherwise it arms the watchers, and the caller waits on the
+ * record's event.
+ *
+ * While another thread stops the record, it succeeds for the event that the stop signals, and arms nothing.
  *
  * Data that are there, and changes of the modem lines from this moment on, are events; earlier changes are
  * not: read the lines after arming. A watcher that was armed stays so until its event has come, also when the
@@ -139,7 +147,7 @@ VLL_API BOOL vllSetCommMask(int32_t hFile, DWORD dwEvtMask, OverlappedRecord *ov
  * @param overlapped  the port's record, with a mask in force; not null.
  * @return  TRUE, or FALSE.
  * @error EINPROGRESS  no event has occurred; the watchers are armed.
- * @error EINVAL  an argument is null, the record has no mask, or its event is not open.
+ * @error EINVAL  an argument is null, the record has no mask or is being stopped, or its event is not open.
  * @cancel  Not a cancellation point.
  * @thread  One thread at a time for one record; another may be in vllSetCommMask() meanwhile.
  */

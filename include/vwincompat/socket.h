@@ -57,16 +57,21 @@ enum {
 
 /**
  * The selection record of one socket. The caller owns it, sets it to zero before its first use and keeps it
- * at its place while the selection lasts, which is until the selection is cancelled, the event's last handle
- * is closed or the socket is closed. One thread at a time may wait on the event or use the record.
+ * at its place while the selection lasts: until it is cancelled, or the last handle of the event is closed.
+ * Closing the socket alone does not end the selection while a duplicate of the socket, or a child process,
+ * keeps it open: so cancel it first, always. One thread at a time may wait on the event or use the record.
+ *
+ * After fork(2) a child has copies of the records, but shares the events and their sockets with its parent:
+ * only one of them may wait on such an event or change its selections.
  */
 typedef struct WSASockData {
     int32_t socket;
-    int32_t lNetworkEvents;            /**< the selected events */
-    int32_t lPendingEvents;            /**< occurred, and not enumerated yet */
-    HANDLE hEventObject;               /**< the event that signals activity */
-    int32_t state;                     /**< SOCK_STATE_... */
-    int32_t iErrorCode[FD_MAX_EVENTS]; /**< `errno` values by bit index */
+    int32_t lNetworkEvents; /**< the selected events */
+    int32_t lPendingEvents; /**< occurred, and not enumerated yet */
+    HANDLE hEventObject;    /**< the event that signals activity */
+    int32_t state;          /**< SOCK_STATE_... */
+    /** `errno` values by bit index. A value stays until its event is enumerated or the record is zeroed. */
+    int32_t iErrorCode[FD_MAX_EVENTS];
 } WSASockData;
 
 /** What vllWSAEnumNetworkEvents() reports. */
@@ -85,8 +90,16 @@ typedef struct WSABUF {
  * Selects the network events of a socket that signal an event, or cancels the selection.
  *
  * The socket becomes non-blocking (its other status flags are cleared). Selecting a socket again with its
- * record keeps what is pending; a record that selects another socket loses that selection silently. Cancel
- * the selection before closing a socket that its peer has not closed: the next socket may get its number.
+ * record keeps what is pending; a record that selects another socket loses that selection silently.
+ *
+ * Cancel the selection before the socket is closed and before the record is freed. Any handle of an event
+ * will do, also when the one that was given at first is closed and a duplicate of it is not. A record ends
+ * only the selection that was made with it, not that of another record whose socket has got the same number
+ * since.
+ *
+ * A socket may be selected before it connects or listens: nothing is reported before the connection or the
+ * first client comes. An AF_UNIX socket that was waited on before its connect(2) is an exception: it reports
+ * its connection with the first data, or after vllWSAEnableWriteEvent().
  *
  * Data to read and connections to accept are reported as long as they last; that the socket can be written to
  * is reported once, until vllWSAEnableWriteEvent(). A connection attempt that failed reports FD_CONNECT and
@@ -137,7 +150,8 @@ VLL_API int32_t vllWSAEnumNetworkEvents(WSASockData *record, HANDLE hEventObject
  *
  * @param record  the socket's selection record. A null record is only logged.
  * @error EINVAL  the record's event is not open.
- * @error ENOENT  the socket has left the event's set, as it does with FD_CLOSE.
+ * @error ENOENT  the socket has left the event's set, as it does with FD_CLOSE and when the selection is
+ *                cancelled.
  * @error EBADF  the record's socket is no open descriptor.
  * @error others  as epoll_ctl(2) gives them.
  * @cancel  Not a cancellation point.

@@ -1,8 +1,8 @@
 // Serial ports: setting a record's event mask, which starts and stops its watchers, and waiting for events.
 //
 // A record is set up while it has any watcher or trigger, and its mutex lives exactly as long. A record without any is
-// idle. A mask of 0 in a record that is set up marks a set-up that failed, which only a stop ends; any other mask is in
-// force.
+// idle. A mask of 0 in a record that is set up marks a set-up that failed, which only a stop ends, or a stop that is
+// under way; any other mask is in force.
 
 #include <pthread.h>
 #include <initializer_list>
@@ -19,7 +19,6 @@
 
 namespace {
 
-constexpr DWORD kWatcherStack = 24576;
 constexpr DWORD kStopGraceMs = 100;
 constexpr DWORD kStopExitCode = 0xFFFFFFFF;
 
@@ -30,10 +29,6 @@ bool isIdle(const OverlappedRecord *record) {
 
 bool hasFailedSetUp(const OverlappedRecord *record) {
     return record->mask == 0;
-}
-
-HANDLE startWatcher(LPTHREAD_START_ROUTINE routine, OverlappedRecord *record) {
-    return vllCreateThread(kWatcherStack, routine, record, nullptr, 0);
 }
 
 // Makes the triggers and the watchers that the first mask needs. False with errno when one cannot be made.
@@ -50,34 +45,37 @@ bool setUp(int32_t port, DWORD mask, OverlappedRecord *record) {
         return false;
     }
     if ((mask & EV_RXCHAR) != 0) {
-        record->dataThread = startWatcher(vlliWaitForData, record);
+        record->dataThread = vlliStartDataWatcher(record);
         if (record->dataThread == 0) {
             return false;
         }
     }
     if ((mask & kModemEventMask) != 0) {
-        vlliKeepModemCounters(record);
-        record->modemThread = startWatcher(vlliWaitForModem, record);
+        record->modemThread = vlliStartModemWatcher(record);
         if (record->modemThread == 0) {
             return false;
         }
     }
-    return true;
+    return vlliBeginWatch(record);
 }
 
-// Cancels a watcher. True also when there is none; false with errno.
-bool terminateWatcher(HANDLE thread) {
-    return thread == 0 || vllTerminateThread(thread, kStopExitCode);
-}
-
-// Waits until the watchers have ended, then gives back what the set-up made. The record is idle afterwards.
-void tearDown(OverlappedRecord *record) {
-    for (HANDLE *thread : {&record->dataThread, &record->modemThread}) {
-        if (*thread != 0) {
-            vllWaitForSingleObject(*thread, INFINITE);
+// Cancels the watchers and waits until they have ended. False with errno when one could not be cancelled: such a thread
+// has ended, or is the parent's and not in this process.
+bool endWatchers(const OverlappedRecord *record) {
+    bool ended = true;
+    for (const HANDLE thread : {record->dataThread, record->modemThread}) {
+        if (thread != 0 && !vllTerminateThread(thread, kStopExitCode)) {
+            ended = false;
+        } else if (thread != 0) {
+            vllWaitForSingleObject(thread, INFINITE);
         }
     }
-    vlliDropModemCounters(record);
+    return ended;
+}
+
+// Gives back what the set-up made. The record is idle afterwards.
+void tearDown(OverlappedRecord *record) {
+    vlliEndWatch(record);
     pthread_mutex_destroy(&record->mutex);
     for (HANDLE *handle :
          {&record->dataThread, &record->modemThread, &record->dataTrigger, &record->modemTrigger}) {
@@ -88,36 +86,30 @@ void tearDown(OverlappedRecord *record) {
     }
 }
 
-BOOL stopWatchers(OverlappedRecord *record, MutexLock *lock) {
-    vllSetEvent(record->event);
+// The mask is 0 already, so that nothing is reported any more.
+BOOL stopWatchers(OverlappedRecord *record) {
     vllSleep(kStopGraceMs);
-    const bool data_ended = terminateWatcher(record->dataThread);
-    const bool modem_ended = terminateWatcher(record->modemThread);
+    const bool ended = endWatchers(record);
     const int error = errno;
-    if (!data_ended || !modem_ended) {
+    if (!ended) {
         vlliLogError(
             "VLL: SetCommMask: Failed to terminate WaitCommEvent background threads, data thread handle = "
-            "%d, modem "
-            "thread handle = %d\n",
+            "%d, modem thread handle = %d\n",
             static_cast<int>(record->dataThread), static_cast<int>(record->modemThread));
     } else {
         vllEscapeCommFunction(record->fd, CLRDTR);
     }
-    lock->unlock();
     tearDown(record);
-    return Fail(error, data_ended && modem_ended);
+    return Fail(error, ended);
 }
 
 // Reports a set-up that failed, now or earlier. A stop gives back what it made.
 void endFailedSetUp(OverlappedRecord *record, DWORD mask, MutexLock *lock) {
     const KeepErrno keep_errno;
     vlliLogError("VLL: SetCommMask: Failed to initialize receive and modem threads\n");
-    if (mask == 0) {
-        terminateWatcher(record->dataThread);
-        terminateWatcher(record->modemThread);
-    }
     lock->unlock();
     if (mask == 0) {
+        endWatchers(record);
         tearDown(record);
     } else if (isIdle(record)) {
         pthread_mutex_destroy(&record->mutex);
@@ -125,14 +117,15 @@ void endFailedSetUp(OverlappedRecord *record, DWORD mask, MutexLock *lock) {
 }
 
 // Arms the watchers for one cycle. Under the record's mutex.
-void arm(OverlappedRecord *record, uint32_t *event_mask) {
+void arm(OverlappedRecord *record, Watch *watch, uint32_t *event_mask) {
     *event_mask = 0;
     record->eventMask = event_mask;
-    vlliNoteModemCounters(record);
+    if (record->modemThread != 0) {
+        watch->counters = vlliReadModemCounters(record->fd);
+    }
     vllSetEvent(record->dataTrigger);
     vllSetEvent(record->modemTrigger);
     vllResetEvent(record->event);
-    errno = EINPROGRESS;
 }
 
 }  // namespace
@@ -152,23 +145,38 @@ BOOL vllSetCommMask(int32_t hFile, DWORD dwEvtMask, OverlappedRecord *overlapped
         return FALSE;
     }
     overlapped->mask = dwEvtMask;
-    return dwEvtMask != 0 || stopWatchers(overlapped, &lock);
+    if (dwEvtMask != 0) {
+        return TRUE;
+    }
+    vllSetEvent(overlapped->event);
+    lock.unlock();
+    return stopWatchers(overlapped);
 }
 
 BOOL vllWaitCommEvent(int32_t, uint32_t *lpEvtMask, OverlappedRecord *overlapped) {
-    if (lpEvtMask == nullptr || overlapped == nullptr || isIdle(overlapped) || hasFailedSetUp(overlapped)) {
+    if (lpEvtMask == nullptr || overlapped == nullptr) {
         return Fail(EINVAL);
     }
     const NoCancel no_cancel;
-    DWORD signalled = vllWaitForSingleObject(overlapped->event, 0);
-    if (signalled == WAIT_TIMEOUT) {
-        const MutexLock lock(&overlapped->mutex);
-        // What a watcher has reported meanwhile must not be forgotten with the last cycle's events.
-        signalled = vllWaitForSingleObject(overlapped->event, 0);
-        if (signalled == WAIT_TIMEOUT) {
-            arm(overlapped, lpEvtMask);
-            return FALSE;
-        }
+    const WatchUse watch(overlapped);
+    if (!watch) {
+        return Fail(EINVAL);
     }
-    return signalled == WAIT_OBJECT_0 && vllResetEvent(overlapped->event);
+    // The watchers report under the lock, so that no event is lost between the look and the arming.
+    const MutexLock lock(&overlapped->mutex);
+    const DWORD signalled = vllWaitForSingleObject(overlapped->event, 0);
+    if (signalled == WAIT_OBJECT_0) {
+        if (overlapped->eventMask == nullptr) {
+            *lpEvtMask = 0;
+        }
+        return vllResetEvent(overlapped->event);
+    }
+    if (signalled != WAIT_TIMEOUT) {
+        return FALSE;
+    }
+    if (overlapped->mask == 0) {
+        return Fail(EINVAL);
+    }
+    arm(overlapped, watch.get(), lpEvtMask);
+    return Fail(EINPROGRESS);
 }

@@ -4,22 +4,24 @@
 // cancellation, and in TIOCMIWAIT, which does so only while the thread is asynchronously cancellable, as it is for
 // just this call. They take locks with deferred cancellation, and no call under a lock acts on one.
 
-#include <linux/serial.h>
+#include <link.h>
 #include <sys/ioctl.h>
 #include <termios.h>
-#include <atomic>
-#include <optional>
+#include <unistd.h>
+#include <algorithm>
 
 #include "base/blocking.h"
 #include "base/failure.h"
 #include "base/guards.h"
-#include "core/objmem.h"
 #include "net/commport.h"
+#include "process/multitasking.h"
 #include "vwincompat/event.h"
+#include "vwincompat/thread.h"
 #include "vwincompat/wait.h"
 
 namespace {
 
+constexpr size_t kWatcherStack = 24576;
 constexpr int kLooks = 50;
 constexpr int kLookMs = 10;
 
@@ -36,39 +38,35 @@ constexpr ModemEvent kModemEvents[] = {
     {EV_RLSD, TIOCM_CAR, &serial_icounter_struct::dcd},
 };
 
-// The driver's counters of modem-line transitions. Those that cannot be read count as unchanged.
-using Counters = std::optional<serial_icounter_struct>;
-
-Counters readCounters(int port) {
-    serial_icounter_struct counters = {};
-    if (ioctl(port, TIOCGICOUNT, &counters) == -1) {
-        return std::nullopt;
-    }
-    return counters;
-}
-
-// The counters of a record's port as they were when it was armed, or when a change was last reported. They stand here,
-// since the layout of the record is fixed. Guarded by the record's mutex.
-struct KnownCounters {
-    std::atomic<const OverlappedRecord *> record{nullptr};
-    Counters counters;
-};
-
-// A record with a modem watcher takes at least three objects.
-KnownCounters known_counters[kObjectCount / 3];
-
-// Null for a record without a modem watcher.
-KnownCounters *findKnown(const OverlappedRecord *record) {
-    for (KnownCounters &known : known_counters) {
-        if (known.record.load(std::memory_order_acquire) == record) {
-            return &known;
+// Adds the size of one loaded object's thread-local data.
+int addThreadLocalSize(dl_phdr_info *object, size_t, void *sum) {
+    for (int i = 0; i < object->dlpi_phnum; ++i) {
+        const auto &header = object->dlpi_phdr[i];
+        if (header.p_type == PT_TLS) {
+            *static_cast<size_t *>(sum) += header.p_memsz + header.p_align;
         }
     }
-    return nullptr;
+    return 0;
+}
+
+// The C library places the thread-local data of program and libraries on every thread's stack.
+DWORD watcherStackSize() {
+    size_t thread_local_size = 0;
+    dl_iterate_phdr(addThreadLocalSize, &thread_local_size);
+    const long least = sysconf(_SC_THREAD_STACK_MIN);
+    const size_t stack = std::max(kWatcherStack, least > 0 ? static_cast<size_t>(least) : 0);
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return static_cast<DWORD>((stack + thread_local_size + page - 1) / page * page);
+}
+
+// The stack is too small for the signal handlers of an application.
+HANDLE startWatcher(LPTHREAD_START_ROUTINE routine, OverlappedRecord *record) {
+    const BlockSignals blocked;
+    return vllCreateThread(watcherStackSize(), routine, record, nullptr, 0);
 }
 
 // The events of the mask whose counters changed.
-uint32_t changedEvents(uint32_t mask, const Counters &before, const Counters &after) {
+uint32_t changedEvents(uint32_t mask, const ModemCounters &before, const ModemCounters &after) {
     uint32_t events = 0;
     for (const ModemEvent &modem : kModemEvents) {
         if (before && after && (mask & modem.event) != 0 &&
@@ -87,9 +85,10 @@ int watchedLines(uint32_t mask) {
     return lines;
 }
 
-// Sets events in the caller's variable and signals the caller's event. Under the record's mutex.
+// Sets events in the caller's variable and signals the caller's event, unless the record is being stopped. Under the
+// record's mutex.
 void report(OverlappedRecord *record, uint32_t events) {
-    if (record->eventMask != nullptr) {
+    if (record->mask != 0 && record->eventMask != nullptr) {
         *record->eventMask |= events;
         vllSetEvent(record->event);
     }
@@ -97,16 +96,15 @@ void report(OverlappedRecord *record, uint32_t events) {
 
 // Reports the modem events since the given counters, which the next cycle does not report again. False when there are
 // none.
-bool reportChangesSince(const Counters &before, OverlappedRecord *record) {
+bool reportChangesSince(const ModemCounters &before, OverlappedRecord *record) {
+    const WatchUse watch(record);
     const MutexLock lock(&record->mutex);
-    const Counters now = readCounters(record->fd);
+    const ModemCounters now = vlliReadModemCounters(record->fd);
     const uint32_t events = changedEvents(record->mask, before, now);
     if (events == 0) {
         return false;
     }
-    if (KnownCounters *known = findKnown(record)) {
-        known->counters = now;
-    }
+    watch.get()->counters = now;
     report(record, events);
     return true;
 }
@@ -117,10 +115,10 @@ uint32_t maskInForce(OverlappedRecord *record) {
     return record->mask;
 }
 
-Counters countersAtArming(OverlappedRecord *record) {
+ModemCounters countersAtArming(OverlappedRecord *record) {
+    const WatchUse watch(record);
     const MutexLock lock(&record->mutex);
-    const KnownCounters *known = findKnown(record);
-    return known != nullptr ? known->counters : std::nullopt;
+    return watch.get()->counters;
 }
 
 // One armed cycle of the modem watcher: until a watched counter has changed since the arming, or the port fails.
@@ -130,7 +128,7 @@ Counters countersAtArming(OverlappedRecord *record) {
 // driver puts the thread to sleep wakes nobody. As lines mostly change in answer to what the application does right
 // after arming, the watcher reads the counters itself for half a second before it blocks.
 void watchModem(OverlappedRecord *record) {
-    const Counters before = countersAtArming(record);
+    const ModemCounters before = countersAtArming(record);
     for (int look = 0; before && look < kLooks; ++look) {
         if (reportChangesSince(before, record)) {
             return;
@@ -148,26 +146,20 @@ void watchModem(OverlappedRecord *record) {
 
 }  // namespace
 
-void vlliKeepModemCounters(const OverlappedRecord *record) {
-    for (KnownCounters &known : known_counters) {
-        const OverlappedRecord *nobody = nullptr;
-        if (known.record.compare_exchange_strong(nobody, record)) {
-            return;
-        }
-    }
+HANDLE vlliStartDataWatcher(OverlappedRecord *record) {
+    return startWatcher(vlliWaitForData, record);
 }
 
-void vlliNoteModemCounters(const OverlappedRecord *record) {
-    if (KnownCounters *known = findKnown(record)) {
-        known->counters = readCounters(record->fd);
-    }
+HANDLE vlliStartModemWatcher(OverlappedRecord *record) {
+    return startWatcher(vlliWaitForModem, record);
 }
 
-void vlliDropModemCounters(const OverlappedRecord *record) {
-    if (KnownCounters *known = findKnown(record)) {
-        known->counters.reset();
-        known->record.store(nullptr, std::memory_order_release);
+ModemCounters vlliReadModemCounters(int port) {
+    serial_icounter_struct counters = {};
+    if (ioctl(port, TIOCGICOUNT, &counters) == -1) {
+        return std::nullopt;
     }
+    return counters;
 }
 
 uint32_t vlliWaitForData(LPVOID overlapped) {

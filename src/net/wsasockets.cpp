@@ -26,40 +26,31 @@ struct EarlierSelection {
     int error;
 };
 
-// Ends the record's selection of another socket: that socket leaves its event's set, without a log line. One that was
-// closed by its peer has left before, and the set may by now hold another record's socket of the same number.
-void abandonSelection(WSASockData *record) {
-    if (record->lNetworkEvents != 0 && record->state != SOCK_STATE_CLOSED) {
-        const Ref<OBJ_EVENT> event(record->hEventObject, Refusal::kSilent);
-        if (event) {
-            vlliRemoveFromSocketSet(event.get(), record->socket);
-        }
-    }
-    *record = {};
-}
-
-// Ends the record's earlier selection. Pending events stay only when the same socket is selected again.
+// Ends the record's earlier selection. Another socket leaves its event's set without a log line. Pending events stay
+// only when the same socket is selected again and the event's handle is still open.
 EarlierSelection endEarlierSelection(WSASockData *record, SOCKET socket) {
     EarlierSelection earlier = {nullptr, true, 0};
     if (record->lNetworkEvents == 0 || record->socket != socket) {
-        abandonSelection(record);
-        return earlier;
-    }
-    const Ref<OBJ_EVENT> event(record->hEventObject, Refusal::kUnchanged);
-    if (!event) {
+        const KeepErrno keep_errno;
+        vlliLeaveSocketSet(record);
         *record = {};
         return earlier;
     }
+    const Ref<OBJ_EVENT> event(record->hEventObject, Refusal::kUnchanged);
     earlier.event = event.get();
-    if (!vlliRemoveFromSocketSet(event.get(), socket)) {
-        earlier.removed = false;
+    earlier.removed = vlliLeaveSocketSet(record);
+    if (!earlier.removed) {
         earlier.error = errno;
         vlliLogError(
             "VLLI: WSAEventSelect: epoll_ctl( event->efd = %d, EPOLL_CTL_DEL, sock = %d, NULL ) = %d, "
             "errno = %d\n",
-            event->efd, socket, -1, errno);
+            event ? event->efd : -1, socket, -1, errno);
     }
-    record->state = SOCK_STATE_NONE;
+    if (event) {
+        record->state = SOCK_STATE_NONE;
+    } else {
+        *record = {};
+    }
     return earlier;
 }
 
@@ -72,12 +63,8 @@ int32_t enterSelection(SOCKET socket, HANDLE handle, const ObjectRecord *event, 
     record->socket = socket;
     record->hEventObject = handle;
     record->lNetworkEvents = mask;
-    uint32_t readiness = vlliReadReadiness(record);
-    if ((mask & (FD_WRITE | FD_CONNECT)) != 0) {
-        readiness |= EPOLLOUT;
-    }
-    vlliSetSocketActivityHandler(vlliWsaProcessNetworkEvents);
-    if (vlliAddToSocketSet(event, socket, readiness, record) == -1) {
+    vlliSetSocketActivityHandler(vlliTakeSocketActivity);
+    if (vlliEnterSocketSet(event, record, vlliInitialReadiness(record)) == -1) {
         record->socket = 0;
         record->hEventObject = 0;
         record->lPendingEvents = 0;
@@ -154,7 +141,7 @@ void vllWSAEnableWriteEvent(WSASockData *record) {
     if ((record->lNetworkEvents & write_events) != 0) {
         readiness |= EPOLLOUT;
     }
-    if (vlliChangeInSocketSet(event.get(), record->socket, readiness, record) == -1) {
+    if (vlliChangeSocketReadiness(event.get(), record, readiness) == -1) {
         vlliLogError(
             "VLLI: WSAEnableWriteEvent: epoll_ctl( event->efd = %d, EPOLL_CTL_MOD, WSASockData->socket = "
             "%d, &eevent ) = %d, errno = %d\n",

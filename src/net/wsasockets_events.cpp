@@ -1,5 +1,6 @@
 // Network events of sockets: what a wait found an event's set of sockets ready for becomes pending in the records.
 
+#include <poll.h>
 #include <sys/epoll.h>
 
 #include "base/failure.h"
@@ -8,14 +9,6 @@
 #include "net/wsasockets.h"
 
 namespace {
-
-int controlSet(const ObjectRecord *event, int operation, int socket, uint32_t readiness,
-               WSASockData *record) {
-    epoll_event change = {};
-    change.events = readiness;
-    change.data.ptr = record;
-    return epoll_ctl(event->efd, operation, socket, &change);
-}
 
 // The pending error of a socket, which is thereby cleared; or the error number of the call that reads it.
 int takeSocketError(int socket) {
@@ -31,6 +24,26 @@ bool isStream(int socket) {
     return type == SOCK_STREAM || type == SOCK_SEQPACKET;
 }
 
+// Reading from a listening socket fails with ENOTCONN or, in the AF_UNIX domain, with EINVAL. The error is kept.
+bool isListening(int socket) {
+    const KeepErrno keep_errno;
+    int listening = 0;
+    socklen_t length = sizeof listening;
+    getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length);
+    return listening != 0;
+}
+
+// What poll(2) reports for a socket, by the bits of epoll_ctl(2), which are the same.
+uint32_t currentReadiness(int socket) {
+    pollfd now = {socket, POLLIN | POLLOUT | POLLRDHUP, 0};
+    poll(&now, 1, 0);
+    return static_cast<uint32_t>(now.revents);
+}
+
+// A stream socket that is neither connected nor listening is hung up and writable. The end of a connection makes it
+// readable as well.
+constexpr uint32_t kUnconnected = EPOLLOUT | EPOLLHUP;
+
 // Makes those of the events pending that are selected.
 void flag(WSASockData *record, int32_t events) {
     record->lPendingEvents |= record->lNetworkEvents & events;
@@ -38,7 +51,7 @@ void flag(WSASockData *record, int32_t events) {
 
 // Removes the socket, which would wake the event again and again, from the set.
 void leaveSet(const WSASockData *record, const ObjectRecord *event) {
-    if (!vlliRemoveFromSocketSet(event, record->socket)) {
+    if (!vlliLeaveSocketSet(record)) {
         vlliLogError(
             "VLLI: WsaProcessNetworkEvents: epoll_ctl( vevent->efd = %d, EPOLL_CTL_DEL, "
             "pWsaSockData->socket = %d, NULL ) = %d, errno = %d\n",
@@ -78,7 +91,7 @@ void processReadable(WSASockData *record, const ObjectRecord *event) {
         flag(record, FD_READ);
     } else if (peeked == 0) {
         closeConnection(record, event);
-    } else if (errno == ENOTCONN) {
+    } else if (errno == ENOTCONN || isListening(record->socket)) {
         if (record->state != SOCK_STATE_CLOSED) {
             record->state = SOCK_STATE_NOT_CONNECTED;
         }
@@ -110,7 +123,7 @@ void processWritable(WSASockData *record, const ObjectRecord *event) {
     }
     flag(record, FD_WRITE);
     // Write readiness is reported once.
-    if (vlliChangeInSocketSet(event, record->socket, vlliReadReadiness(record), record) == -1) {
+    if (vlliChangeSocketReadiness(event, record, vlliReadReadiness(record)) == -1) {
         vlliLogError(
             "VLLI: WsaProcessNetworkEvents: epoll_ctl( vevent->efd = %d, EPOLL_CTL_MOD, "
             "pWsaSockData->socket = %d, EPOLLIN ) = %d, errno = %d\n",
@@ -120,26 +133,16 @@ void processWritable(WSASockData *record, const ObjectRecord *event) {
 
 }  // namespace
 
-int vlliAddToSocketSet(const ObjectRecord *event, int socket, uint32_t readiness, WSASockData *record) {
-    return controlSet(event, EPOLL_CTL_ADD, socket, readiness, record);
-}
-
-int vlliChangeInSocketSet(const ObjectRecord *event, int socket, uint32_t readiness, WSASockData *record) {
-    return controlSet(event, EPOLL_CTL_MOD, socket, readiness, record);
-}
-
-bool vlliRemoveFromSocketSet(const ObjectRecord *event, int socket) {
-    return controlSet(event, EPOLL_CTL_DEL, socket, 0, nullptr) == 0 || errno == ENOENT;
-}
-
 uint32_t vlliReadReadiness(const WSASockData *record) {
     return (record->lNetworkEvents & (FD_READ | FD_ACCEPT)) != 0 ? EPOLLIN : 0U;
 }
 
-void vlliWsaProcessNetworkEvents(void *data, ObjectRecord *event, uint32_t readiness) {
-    auto *record = static_cast<WSASockData *>(data);
-    const NoCancel no_cancel;
-    const KeepErrno keep_errno;
+uint32_t vlliInitialReadiness(const WSASockData *record) {
+    return vlliReadReadiness(record) |
+           ((record->lNetworkEvents & (FD_WRITE | FD_CONNECT)) != 0 ? EPOLLOUT : 0U);
+}
+
+void vlliWsaProcessNetworkEvents(WSASockData *record, ObjectRecord *event, uint32_t readiness) {
     if ((readiness & EPOLLERR) != 0) {
         processError(record);
     }
@@ -155,4 +158,29 @@ void vlliWsaProcessNetworkEvents(void *data, ObjectRecord *event, uint32_t readi
     if ((readiness & EPOLLOUT) != 0 && record->state != SOCK_STATE_CLOSED) {
         processWritable(record, event);
     }
+}
+
+SocketActivity vlliTakeSocketActivity(uint64_t data, ObjectRecord *event, uint32_t readiness) {
+    const NoCancel no_cancel;
+    const KeepErrno keep_errno;
+    WSASockData *record = vlliFindSelectedRecord(event, data);
+    if (record == nullptr) {
+        return SocketActivity::kUnknown;
+    }
+    const uint32_t initial = vlliInitialReadiness(record);
+    if (record->state == SOCK_STATE_NONE && (readiness & (EPOLLHUP | EPOLLERR)) == EPOLLHUP) {
+        const uint32_t now = currentReadiness(record->socket);
+        if (now == kUnconnected) {
+            vlliReportChangesOnly(event, record, initial);
+            return SocketActivity::kNone;
+        }
+        // It may just have begun to connect.
+        readiness = now & (initial | EPOLLERR | EPOLLHUP);
+        if (readiness == 0) {
+            return SocketActivity::kNone;
+        }
+    }
+    vlliWsaProcessNetworkEvents(record, event, readiness);
+    vlliRestoreReadiness(event, record, initial);
+    return SocketActivity::kDelivered;
 }

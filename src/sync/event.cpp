@@ -22,12 +22,30 @@ constexpr int kSocketSetHint = 2;
 
 std::atomic<SocketActivityHandler> socket_activity_handler{nullptr};
 
+// The sets of the events, by record index: 0 for a record that is no event. They stand here, since the layout of the
+// records is fixed.
+std::atomic<uint32_t> socket_sets[kObjectCount];
+std::atomic<uint32_t> last_socket_set{0};
+
+std::atomic<uint32_t> &socketSetOf(const ObjectRecord *event) {
+    return socket_sets[event - objects];
+}
+
+uint32_t newSocketSet() {
+    uint32_t set;
+    do {
+        set = ++last_socket_set;
+    } while (set == 0 || vlliFindEventOfSocketSet(set) != 0);
+    return set;
+}
+
 BOOL makeDescriptors(ObjectRecord *event, bool signalled) {
     event->fd = eventfd(signalled ? 1 : 0, 0);
     if (event->fd == -1 || vlliSetNonBlocking(event->fd) == -1) {
         return FALSE;
     }
     event->efd = epoll_create(kSocketSetHint);
+    socketSetOf(event) = newSocketSet();
     return event->efd != -1;
 }
 
@@ -82,6 +100,7 @@ int32_t vllGetEventFd(HANDLE hEvent) {
 }
 
 BOOL vlliCloseEvent(ObjectRecord *record) {
+    socketSetOf(record) = 0;
     Fd fd(record->fd);
     Fd efd(record->efd);
     return TRUE;
@@ -98,6 +117,7 @@ BOOL vlliDuplicateEvent(ObjectRecord *record, const ObjectRecord *source) {
         vlliLogError("VLLI: DuplicateEvent: new->fd = %d, new->efd\n", record->fd);
         return FALSE;
     }
+    socketSetOf(record) = vlliSocketSetOf(source);
     return TRUE;
 }
 
@@ -107,4 +127,17 @@ void vlliSetSocketActivityHandler(SocketActivityHandler handler) {
 
 SocketActivityHandler vlliSocketActivityHandler() {
     return socket_activity_handler.load(std::memory_order_acquire);
+}
+
+uint32_t vlliSocketSetOf(const ObjectRecord *event) {
+    return socketSetOf(event);
+}
+
+HANDLE vlliFindEventOfSocketSet(uint32_t set) {
+    for (uint32_t i = 0; i < kObjectCount; ++i) {
+        if (socket_sets[i].load(std::memory_order_relaxed) == set) {
+            return OBJ_EVENT | i;
+        }
+    }
+    return 0;
 }

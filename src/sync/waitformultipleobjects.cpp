@@ -72,13 +72,14 @@ class WaitObjects {
     const bool borrowed_;
 };
 
-// What came of a ready descriptor: its object is signalled, or another waiter has taken the signal, or a call failed.
-enum class Report { kSignalled, kTaken, kFailed };
+// What came of a ready descriptor: its object is signalled; or it is not after all, since another waiter has taken the
+// signal or nothing occurred on a socket; or a call failed.
+enum class Report { kSignalled, kUnsignalled, kFailed };
 
 // Handles a ready counter. That of an auto-reset object is read.
 Report consumeCounter(const ObjectRecord *record) {
     if ((record->flags & OBJF_AUTO_RESET) != 0 && vlliTakeCounter(record->fd) == -1 && errno == EAGAIN) {
-        return Report::kTaken;
+        return Report::kUnsignalled;
     }
     return Report::kSignalled;
 }
@@ -87,15 +88,21 @@ Report consumeCounter(const ObjectRecord *record) {
 // is left signalled, an auto-reset one unsignalled.
 Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
     const NoCancel no_cancel;
-    epoll_event ready = {};
-    const int found = vlliRetryOnEintr([&] { return epoll_wait(event->efd, &ready, 1, 0); });
-    if (found == -1) {
-        return Report::kFailed;
-    }
     const SocketActivityHandler deliver = vlliSocketActivityHandler();
-    if (found > 0 && deliver != nullptr) {
-        deliver(ready.data.ptr, event, ready.events);
-    } else {
+    SocketActivity activity = SocketActivity::kUnknown;
+    do {
+        epoll_event ready = {};
+        const int found = vlliRetryOnEintr([&] { return epoll_wait(event->efd, &ready, 1, 0); });
+        if (found == -1) {
+            return Report::kFailed;
+        }
+        if (found == 0 && activity == SocketActivity::kNone) {
+            return Report::kUnsignalled;
+        }
+        activity = found > 0 && deliver != nullptr ? deliver(ready.data.u64, event, ready.events)
+                                                   : SocketActivity::kUnknown;
+    } while (activity == SocketActivity::kNone);
+    if (activity == SocketActivity::kUnknown) {
         vlliLogNotice("VLL: WaitForMultipleObjects: False alarm, E%08X\n", handle);
     }
     if ((event->flags & OBJF_AUTO_RESET) != 0) {
@@ -107,13 +114,13 @@ Report deliverSocketActivity(HANDLE handle, ObjectRecord *event) {
 }
 
 // Handles a ready descriptor: slot i is the counter of object i, slot count + i the set of sockets of object i.
-// Returns the wait's result, or nothing when another waiter has taken the signal.
+// Returns the wait's result, or nothing when the object is not signalled after all.
 std::optional<DWORD> handleReady(const WaitObjects &wait, int32_t slot) {
     const bool socket_set = slot >= wait.count;
     const int32_t i = socket_set ? slot - wait.count : slot;
     const Report report = socket_set ? deliverSocketActivity(wait.handles[i], wait.records[i])
                                      : consumeCounter(wait.records[i]);
-    if (report == Report::kTaken) {
+    if (report == Report::kUnsignalled) {
         return std::nullopt;
     }
     vlliAnnotateAcquire();

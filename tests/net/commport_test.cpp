@@ -11,17 +11,22 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/matchers.h"
 #include "support/objects.h"
 #include "support/private_machine.h"
 #include "support/syslog_capture.h"
+#include "support/threads.h"
 
 namespace {
 
 constexpr DWORD kLimitMs = 10000;
 const char *const kSetUpFailed = "VLL: SetCommMask: Failed to initialize receive and modem threads\n";
+
+// A program's thread-local data stand on the stack of every thread, the watchers included.
+thread_local volatile char program_data[48 * 1024];
 
 void makeRaw(int fd) {
     termios settings;
@@ -46,6 +51,7 @@ class CommportTest : public LibraryTest {
         port_.reset(port);
         makeRaw(port);
         record_.event = vllCreateEvent(TRUE, FALSE, nullptr);
+        program_data[0] = 1;
         takeLog();
     }
     void TearDown() override {
@@ -160,6 +166,65 @@ TEST_F(CommportTest, stopping_in_every_state) {
             tcflush(port_.get(), TCIFLUSH);
         }
     }
+}
+
+// Data that arrive while another thread stops the watchers are not reported, and nothing is armed any more.
+TEST_F(CommportTest, waiting_while_another_thread_stops_the_record) {
+    watch(EV_RXCHAR);
+    arm();
+    Sleeper stopper([&] { EXPECT_TRUE(stop()); });
+    EXPECT_EQ(vllWaitForSingleObject(record_.event, kLimitMs), WAIT_OBJECT_0);
+    EXPECT_TRUE(vllWaitCommEvent(port_.get(), &events_, &record_)) << "for the event that the stop signals";
+    send("a");
+    EXPECT_THAT(vllWaitCommEvent(port_.get(), &events_, &record_), FailsWith(EINVAL));
+    stopper.finish();
+    EXPECT_EQ(vllWaitForSingleObject(record_.event, 0), WAIT_TIMEOUT);
+    EXPECT_EQ(events_, 0U);
+}
+
+TEST_F(CommportTest, the_event_of_a_stop_is_no_event_of_the_next_mask) {
+    watch(EV_RXCHAR);
+    EXPECT_TRUE(stop());
+    watch(EV_RXCHAR);
+    events_ = 0xFF;
+    EXPECT_TRUE(vllWaitCommEvent(port_.get(), &events_, &record_));
+    EXPECT_EQ(events_, 0U);
+    EXPECT_TRUE(stop());
+}
+
+// The stacks of the watchers are too small for the handlers of an application.
+TEST_F(CommportTest, signals_are_not_handled_by_the_watchers) {
+    static std::atomic<pid_t> handled_by;
+    const SignalHandler handler(SIGUSR2, [](int) { handled_by = gettid(); });
+    watch(EV_RXCHAR | EV_CTS);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    kill(getpid(), SIGUSR2);
+    arm();
+    send("a");
+    EXPECT_EQ(next(), uint32_t{EV_RXCHAR});
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    EXPECT_TRUE(waitUntil([&] { return handled_by != 0; }));
+    EXPECT_EQ(handled_by, gettid());
+    EXPECT_TRUE(stop());
+}
+
+TEST_F(CommportTest, a_child_has_no_watchers_and_stops_the_record_for_itself) {
+    watch(EV_RXCHAR);
+    expectInChild([&] {
+        EXPECT_THAT(stop(), FailsWith(ESRCH));
+        EXPECT_TRUE(isIdle());
+        EXPECT_TRUE(vllSetCommMask(port_.get(), EV_RXCHAR, &record_));
+        return stop() ? 0 : 1;
+    });
+    vllResetEvent(record_.event);
+    arm();
+    send("a");
+    EXPECT_EQ(next(), uint32_t{EV_RXCHAR});
+    EXPECT_TRUE(stop());
+    takeLog();
 }
 
 TEST_F(CommportTest, set_up_that_fails_half_way) {

@@ -9,8 +9,10 @@
 #include <syslog.h>
 #include <unistd.h>
 #include <cstring>
+#include <memory>
 
 #include "base/descriptor.h"
+#include "support/child.h"
 #include "support/faults.h"
 #include "support/fixture.h"
 #include "support/matchers.h"
@@ -24,42 +26,47 @@ class WsaSocketsTest : public LibraryTest {};
 
 constexpr int kAll = FD_READ | FD_WRITE | FD_ACCEPT | FD_CONNECT | FD_CLOSE;
 
-Fd makeSocket(int type = SOCK_STREAM) {
-    return Fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+Fd makeSocket(int domain = AF_INET, int type = SOCK_STREAM) {
+    return Fd(socket(domain, type | SOCK_CLOEXEC, 0));
 }
 
-sockaddr_in bindToLoopback(const Fd &socket) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(bind(socket.get(), reinterpret_cast<sockaddr *>(&address), length), 0);
-    EXPECT_EQ(getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &length), 0);
+struct Address {
+    sockaddr *get() { return reinterpret_cast<sockaddr *>(&bytes); }
+    sockaddr_storage bytes = {};
+    socklen_t length = sizeof bytes;
+};
+
+// Gives a socket an address that the kernel chooses: on loopback, or an abstract name.
+Address bindToLoopback(const Fd &socket) {
+    Address address;
+    EXPECT_EQ(getsockname(socket.get(), address.get(), &address.length), 0);
+    if (address.bytes.ss_family == AF_INET) {
+        reinterpret_cast<sockaddr_in *>(&address.bytes)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    EXPECT_EQ(bind(socket.get(), address.get(), address.length), 0);
+    address.length = sizeof address.bytes;
+    EXPECT_EQ(getsockname(socket.get(), address.get(), &address.length), 0);
     return address;
 }
 
-Fd makeNonBlocking() {
-    return Fd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+int connectTo(const Fd &socket, Address address) {
+    return connect(socket.get(), address.get(), address.length);
 }
 
-int connectTo(const Fd &socket, const sockaddr_in &address) {
-    return connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
-}
-
-// A listening TCP socket on loopback.
+// A socket with an address that listens sooner or later.
 struct Listener {
-    Listener() : socket(makeSocket()), address(bindToLoopback(socket)) {
-        EXPECT_EQ(listen(socket.get(), 4), 0);
-    }
+    explicit Listener(int domain = AF_INET) : socket(makeSocket(domain)), address(bindToLoopback(socket)) {}
+    void start() const { EXPECT_EQ(listen(socket.get(), 4), 0); }
     Fd accept() const { return Fd(accept4(socket.get(), nullptr, nullptr, SOCK_CLOEXEC)); }
     const Fd socket;
-    const sockaddr_in address;
+    const Address address;
 };
 
 // A TCP connection over loopback.
 struct Connection {
     Connection() : local(makeSocket()) {
         const Listener listener;
+        listener.start();
         EXPECT_EQ(connectTo(local, listener.address), 0);
         peer = listener.accept();
         EXPECT_TRUE(peer);
@@ -91,6 +98,21 @@ struct Selection {
         }
         EXPECT_EQ(vllWSAEnumNetworkEvents(&record, event, &events), 0);
         return events.lNetworkEvents;
+    }
+    // The same, with a thread that is blocked in the wait before act() is called.
+    int32_t nextAfter(const std::function<void()> &act) {
+        int32_t result = -1;
+        uint64_t wake_ups = 0;
+        {
+            const Sleeper waiter([&] {
+                resetCallCounts();
+                result = next();
+                wake_ups = callCount("epoll_wait");
+            });
+            act();
+        }
+        EXPECT_LT(wake_ups, 10U) << "the wait does not spin";
+        return result;
     }
     const int socket;
     const HANDLE event;
@@ -153,63 +175,99 @@ TEST_F(WsaSocketsTest, the_wait_blocks_until_activity_comes) {
 }
 
 TEST_F(WsaSocketsTest, accepting) {
-    const Listener listener;
-    const Owned event(makeAutoEvent());
-    Selection selection(listener.socket, event, FD_ACCEPT);
-    EXPECT_EQ(selection.next(0), -1);
-    const Fd first = makeSocket(), second = makeSocket();
-    EXPECT_EQ(connectTo(first, listener.address), 0);
-    EXPECT_EQ(connectTo(second, listener.address), 0);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(selection.next(), FD_ACCEPT);
-        EXPECT_EQ(selection.record.state, SOCK_STATE_NOT_CONNECTED);
-        EXPECT_TRUE(listener.accept());
+    enum When { kBefore, kAfterWait, kDuringWait };  // the socket listens, seen from the first wait
+    for (const int domain : {AF_INET, AF_UNIX}) {
+        for (const When when : {kBefore, kAfterWait, kDuringWait}) {
+            SCOPED_TRACE(format("domain %d, %d", domain, when));
+            const Listener listener(domain);
+            if (when == kBefore) {
+                listener.start();
+            }
+            const Owned event(makeAutoEvent());
+            Selection selection(listener.socket, event, FD_ACCEPT | FD_CLOSE);
+            EXPECT_EQ(when == kDuringWait ? -1 : selection.next(10), -1);
+            const Fd first = makeSocket(domain), second = makeSocket(domain);
+            const auto connectFirst = [&] {
+                listener.start();
+                EXPECT_EQ(connectTo(first, listener.address), 0);
+            };
+            if (when == kDuringWait) {
+                EXPECT_EQ(selection.nextAfter(connectFirst), FD_ACCEPT);
+            } else {
+                connectFirst();
+            }
+            EXPECT_EQ(connectTo(second, listener.address), 0);
+            for (int i = 0; i < 2; ++i) {
+                EXPECT_EQ(selection.next(), FD_ACCEPT);
+                EXPECT_EQ(selection.record.state, SOCK_STATE_NOT_CONNECTED);
+                EXPECT_TRUE(listener.accept());
+            }
+            EXPECT_EQ(selection.next(0), -1);
+        }
     }
-    EXPECT_EQ(selection.next(0), -1);
 }
 
-TEST_F(WsaSocketsTest, connecting_and_one_report_of_write_readiness) {
-    const Listener listener;
-    const Fd socket = makeNonBlocking();
-    connectTo(socket, listener.address);
-    const Owned event(makeAutoEvent());
-    Selection selection(socket, event, FD_CONNECT | FD_WRITE | FD_READ);
-    EXPECT_EQ(selection.next(), FD_CONNECT | FD_WRITE);
-    EXPECT_EQ(selection.events.iErrorCode[FD_CONNECT_BIT], 0);
-    EXPECT_EQ(selection.record.state, SOCK_STATE_CONNECTED);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(selection.next(10), -1);
-        vllWSAEnableWriteEvent(&selection.record);
-        EXPECT_EQ(selection.next(), FD_WRITE);
+TEST_F(WsaSocketsTest, connecting) {
+    enum When { kBefore, kAfterWait, kDuringWait };  // the connection begins, seen from the first wait
+    for (const int domain : {AF_INET, AF_UNIX}) {
+        for (const When when : {kBefore, kAfterWait, kDuringWait}) {
+            SCOPED_TRACE(format("domain %d, %d", domain, when));
+            const Listener listener(domain);
+            listener.start();
+            const Fd socket = makeSocket(domain, SOCK_STREAM | SOCK_NONBLOCK);
+            if (when == kBefore) {
+                connectTo(socket, listener.address);
+            }
+            const Owned event(makeAutoEvent());
+            Selection selection(socket, event, kAll);
+            EXPECT_EQ(when == kAfterWait ? selection.next(10) : -1, -1) << "no connection, and no end of one";
+            const auto connect = [&] {
+                connectTo(socket, listener.address);
+                if (domain == AF_UNIX) {
+                    vllWSAEnableWriteEvent(&selection.record);
+                }
+            };
+            if (when == kAfterWait) {
+                connect();
+            }
+            EXPECT_EQ(when == kDuringWait ? selection.nextAfter(connect) : selection.next(),
+                      FD_CONNECT | FD_WRITE);
+            EXPECT_EQ(selection.record.state, SOCK_STATE_CONNECTED);
+            EXPECT_EQ(selection.next(10), -1) << "write readiness is reported once";
+            vllWSAEnableWriteEvent(&selection.record);
+            EXPECT_EQ(selection.next(), FD_WRITE);
+            Fd peer = listener.accept();
+            EXPECT_EQ(send(peer.get(), "x", 1, 0), 1);
+            EXPECT_EQ(selection.next(), FD_READ);
+            EXPECT_EQ(selection.next(), FD_READ) << "as long as there are data";
+            char byte;
+            EXPECT_EQ(recv(socket.get(), &byte, 1, 0), 1);
+            peer.reset();
+            EXPECT_EQ(selection.next(), FD_CLOSE);
+            EXPECT_EQ(selection.next(10), -1);
+            EXPECT_EQ(takeLog().size(), 0U);
+        }
     }
-    vllWSAReactivate(&selection.record);
-    vllWSAReactivate(nullptr);
-    EXPECT_EQ(selection.next(0), -1);
-    selection.record.lNetworkEvents = FD_CONNECT | FD_READ;
-    vllWSAEnableWriteEvent(&selection.record);
-    EXPECT_EQ(selection.next(10), -1) << "connected, and writing is not selected";
-    EXPECT_EQ(send(listener.accept().get(), "x", 1, 0), 1);
-    EXPECT_EQ(selection.next(), FD_READ);
-    EXPECT_EQ(takeLog().size(), 0U);
 }
 
 TEST_F(WsaSocketsTest, a_refused_connection_reports_its_error_with_the_connect) {
     for (const int32_t mask : {FD_CONNECT | FD_CLOSE, FD_CONNECT | FD_WRITE, kAll}) {
-        sockaddr_in address;
-        {
-            const Fd nobody = makeSocket();  // its port refuses
-            address = bindToLoopback(nobody);
+        for (const bool waiting : {false, true}) {
+            const Address address = bindToLoopback(makeSocket());  // nobody listens there
+            const Fd socket = makeSocket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK);
+            const Owned event(makeAutoEvent());
+            Selection selection(socket, event, mask);
+            const auto connect = [&] { connectTo(socket, address); };
+            if (!waiting) {
+                connect();
+            }
+            const int32_t events = waiting ? selection.nextAfter(connect) : selection.next();
+            EXPECT_EQ(events & (FD_CONNECT | FD_CLOSE), mask & (FD_CONNECT | FD_CLOSE));
+            EXPECT_EQ(events & FD_WRITE, 0);
+            EXPECT_EQ(selection.events.iErrorCode[FD_CONNECT_BIT], ECONNREFUSED);
+            EXPECT_EQ(selection.record.state, SOCK_STATE_CLOSED);
+            EXPECT_EQ(selection.next(10), -1) << "left the set";
         }
-        const Fd socket = makeNonBlocking();
-        connectTo(socket, address);
-        const Owned event(makeAutoEvent());
-        Selection selection(socket, event, mask);
-        const int32_t events = selection.next();
-        EXPECT_EQ(events & (FD_CONNECT | FD_CLOSE), mask & (FD_CONNECT | FD_CLOSE));
-        EXPECT_EQ(events & FD_WRITE, 0);
-        EXPECT_EQ(selection.events.iErrorCode[FD_CONNECT_BIT], ECONNREFUSED);
-        EXPECT_EQ(selection.record.state, SOCK_STATE_CLOSED);
-        EXPECT_EQ(selection.next(10), -1) << "left the set";
     }
 }
 
@@ -273,8 +331,8 @@ TEST_F(WsaSocketsTest, the_end_of_a_connection) {
 
 // An error of a socket is stored for every selected event. Descriptors that are no sockets give ENOTSOCK.
 TEST_F(WsaSocketsTest, errors) {
-    const Fd datagrams = makeSocket(SOCK_DGRAM);
-    ASSERT_EQ(connectTo(datagrams, bindToLoopback(makeSocket(SOCK_DGRAM))), 0);
+    const Fd datagrams = makeSocket(AF_INET, SOCK_DGRAM);
+    ASSERT_EQ(connectTo(datagrams, bindToLoopback(makeSocket(AF_INET, SOCK_DGRAM))), 0);
     ASSERT_EQ(send(datagrams.get(), "x", 1, 0), 1);
     int broken[2], readable[2];
     ASSERT_EQ(pipe2(broken, O_CLOEXEC) | pipe2(readable, O_CLOEXEC), 0);
@@ -301,28 +359,26 @@ TEST_F(WsaSocketsTest, errors) {
 }
 
 TEST_F(WsaSocketsTest, datagrams_without_bytes_are_data) {
-    const Fd receiver = makeSocket(SOCK_DGRAM), sender = makeSocket(SOCK_DGRAM);
-    const sockaddr_in address = bindToLoopback(receiver);
-    const sockaddr_in from = bindToLoopback(sender);
+    const Fd receiver = makeSocket(AF_INET, SOCK_DGRAM), sender = makeSocket(AF_INET, SOCK_DGRAM);
+    Address address = bindToLoopback(receiver);
+    const Address from = bindToLoopback(sender);
     const Owned event(makeAutoEvent());
     Selection selection(receiver, event, FD_READ | FD_CLOSE);
-    const auto *to = reinterpret_cast<const sockaddr *>(&address);
     char buffer[8] = {};
     for (const char *text : {"", "abc", ""}) {
         const WSABUF out = {const_cast<char *>(text), static_cast<SIZE_T>(strlen(text))};
         DWORD count = 99;
-        ASSERT_EQ(vllWSASendTo(sender.get(), &out, 1, &count, to, sizeof address), 0);
+        ASSERT_EQ(vllWSASendTo(sender.get(), &out, 1, &count, address.get(), sizeof(sockaddr_in)), 0);
         EXPECT_EQ(count, strlen(text));
         EXPECT_EQ(selection.next(), FD_READ);
         EXPECT_EQ(selection.record.state, SOCK_STATE_CONNECTED);
         const WSABUF in[] = {{buffer, 1}, {buffer + 1, sizeof buffer - 1}};
-        sockaddr_storage seen = {};
-        int32_t length = sizeof seen;
-        EXPECT_EQ(vllWSARecvFrom(receiver.get(), in, 2, &count, reinterpret_cast<sockaddr *>(&seen), &length),
-                  0);
+        Address seen;
+        auto length = static_cast<int32_t>(seen.length);
+        EXPECT_EQ(vllWSARecvFrom(receiver.get(), in, 2, &count, seen.get(), &length), 0);
         EXPECT_EQ(std::string(buffer, count), text);
-        EXPECT_EQ(length, static_cast<int32_t>(sizeof from));
-        EXPECT_EQ(memcmp(&seen, &from, sizeof from), 0);
+        EXPECT_EQ(length, static_cast<int32_t>(from.length));
+        EXPECT_EQ(memcmp(&seen.bytes, &from.bytes, from.length), 0);
     }
     EXPECT_EQ(selection.next(0), -1);
 }
@@ -353,18 +409,119 @@ TEST_F(WsaSocketsTest, a_record_taken_over_by_another_socket_loses_the_old_one_s
     EXPECT_EQ(takeLog().size(), 0U);
 }
 
-// The number of a closed socket may come again, in another record.
-TEST_F(WsaSocketsTest, a_record_whose_socket_was_closed_takes_nothing_from_another) {
+// Closes an event and makes another one with the same handle.
+void replaceEvent(std::unique_ptr<Owned> *event) {
+    const HANDLE handle = **event;
+    do {
+        event->reset();
+        event->reset(new Owned(makeAutoEvent()));
+    } while (**event != handle);
+}
+
+// The number of a closed socket comes again for another socket, which another record selects.
+TEST_F(WsaSocketsTest, a_record_takes_nothing_from_the_next_socket_of_its_number) {
+    enum End { kCancelled, kForgotten, kClosedByPeer, kEventReplaced };
+    enum Use { kSelectsAnother, kIsCancelled, kAsksForWriting };
+    for (const End end : {kCancelled, kForgotten, kClosedByPeer, kEventReplaced}) {
+        for (const Use use : {kSelectsAnother, kIsCancelled, kAsksForWriting}) {
+            SCOPED_TRACE(format("end %d, use %d", end, use));
+            auto event = std::make_unique<Owned>(makeAutoEvent());
+            Connection one, two, three;
+            Selection first(one.local, *event, FD_READ | FD_CLOSE);
+            if (end == kCancelled) {
+                EXPECT_EQ(first.select(0), 0);
+            } else if (end == kClosedByPeer) {
+                one.peer.reset();
+                EXPECT_EQ(first.next(), FD_CLOSE);
+            } else if (end == kEventReplaced) {
+                replaceEvent(&event);
+            }
+            ASSERT_EQ(dup2(two.local.get(), first.socket), first.socket);
+            Selection second(one.local, *event, FD_READ);
+            if (use == kSelectsAnother) {
+                EXPECT_EQ(vllWSAEventSelect(three.local.get(), *event, FD_READ, &first.record), 0);
+            } else if (use == kIsCancelled) {
+                EXPECT_EQ(first.select(0), 0);
+            } else {
+                EXPECT_THAT((vllWSAEnableWriteEvent(&first.record), 0), Yields(0, ENOENT));
+            }
+            two.sendByPeer("x");
+            EXPECT_EQ(second.next(), FD_READ);
+            EXPECT_EQ(first.record.lPendingEvents, 0);
+        }
+    }
+    takeErrors();
+}
+
+// A duplicate of an event has the same sockets. A selection that ends takes its socket out of them, by whatever handle.
+TEST_F(WsaSocketsTest, a_selection_ends_though_its_event_handle_is_closed) {
+    enum Handle { kDuplicate, kReused, kOther };
+    for (const Handle handle : {kDuplicate, kReused, kOther}) {
+        for (const bool cancelled : {true, false}) {
+            SCOPED_TRACE(format("handle %d, cancelled %d", handle, cancelled));
+            Connection connection, other_connection;
+            auto event = std::make_unique<Owned>(makeAutoEvent());
+            const Owned duplicate(vllDuplicateHandle(*event)), other(makeAutoEvent());
+            auto selection = std::make_unique<Selection>(connection.local, *event, FD_READ);
+            handle == kReused ? replaceEvent(&event) : event.reset();
+            const HANDLE given = handle == kDuplicate ? duplicate : handle == kReused ? *event : other;
+            const Fd &socket = cancelled ? connection.local : other_connection.local;
+            EXPECT_EQ(vllWSAEventSelect(socket.get(), given, cancelled ? 0 : FD_READ, &selection->record), 0);
+            if (!cancelled) {
+                EXPECT_EQ(vllWSAEventSelect(socket.get(), given, 0, &selection->record), 0);
+            }
+            selection.reset();
+            connection.sendByPeer("x");
+            EXPECT_FALSE(isSignalled(duplicate));
+        }
+    }
+    takeErrors();
+}
+
+// A child has the same sets of sockets, but its own records, numbers and selections.
+TEST_F(WsaSocketsTest, selections_of_a_child_are_not_taken_for_the_parents) {
+    Connection parents;
     const Owned event(makeAutoEvent());
-    Connection one, two, three;
-    Selection first(one.local, event, FD_READ | FD_CLOSE);
-    one.peer.reset();
-    EXPECT_EQ(first.next(), FD_CLOSE);
-    ASSERT_EQ(dup2(two.local.get(), first.socket), first.socket);
-    Selection second(one.local, event, FD_READ);
-    EXPECT_EQ(vllWSAEventSelect(three.local.get(), event, FD_READ, &first.record), 0);
-    two.sendByPeer("x");
-    EXPECT_EQ(second.next(), FD_READ);
+    const Fd number(dup(parents.peer.get()));
+    WSASockData record = {};
+    Doorbell selected, done;
+    const pid_t child = startChild([&] {
+        const Connection childs;
+        dup2(childs.local.get(), number.get());
+        EXPECT_EQ(vllWSAEventSelect(number.get(), event, FD_WRITE, &record), 0);
+        selected.ring();
+        done.wait();
+        return 0;
+    });
+    dup2(parents.local.get(), number.get());
+    EXPECT_EQ(vllWSAEventSelect(number.get(), event, FD_READ, &record), 0);
+    selected.wait();
+    EXPECT_TRUE(isSignalled(event));
+    EXPECT_EQ(record.state, SOCK_STATE_NONE) << "the child's socket can be written to, not the parent's";
+    done.ring();
+    expectSuccess(child);
+    parents.sendByPeer("x");
+    EXPECT_TRUE(isSignalled(event));
+    EXPECT_EQ(record.lPendingEvents, FD_READ);
+    EXPECT_EQ(vllWSAEventSelect(number.get(), event, 0, &record), 0);
+    takeLog();
+}
+
+// A record that its caller has zeroed, or used for another socket, without cancelling.
+TEST_F(WsaSocketsTest, a_record_zeroed_while_it_selects) {
+    Connection other;
+    SelectedConnection selection(FD_READ);
+    selection.record = {};
+    EXPECT_EQ(selection.select(FD_READ | FD_WRITE), 0) << "the same socket again";
+    EXPECT_EQ(selection.next(), FD_WRITE);
+    selection.record = {};
+    EXPECT_EQ(vllWSAEventSelect(other.local.get(), selection.event, FD_READ, &selection.record), 0);
+    selection.sendByPeer("x");
+    vllWaitForSingleObject(selection.event, 0);
+    EXPECT_EQ(selection.record.lPendingEvents, 0) << "not of this record's socket";
+    EXPECT_EQ(selection.next(0), -1);
+    other.sendByPeer("x");
+    EXPECT_EQ(selection.next(), FD_READ);
 }
 
 TEST_F(WsaSocketsTest, an_event_closed_while_a_socket_is_selected) {
