@@ -241,7 +241,11 @@ typedef struct TIME_ZONE_INFORMATION {
 #define TIME_ZONE_ID_DAYLIGHT 2
 
 /**
- * Describes the system's zone for the current year, from /etc/localtime (RFC 8536, the version-1 block).
+ * Describes the system's zone for the current year, from /etc/localtime (RFC 8536).
+ *
+ * Of a full zone file the first block is read, which lists all changes up to 2037. Of a slim one, whose first
+ * block is empty, it is the 64-bit block and the rule that closes the file; changes after 2037 do not count
+ * there either.
  *
  * Only the half whose change comes first in the year carries its name. TimeZoneKeyName stays empty. A year
  * with one change leaves both dates and both biases 0. A damaged or truncated file counts as having no

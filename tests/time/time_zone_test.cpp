@@ -6,10 +6,12 @@
 #include <unistd.h>
 #include <climits>
 #include <cstring>
+#include <filesystem>
 
 #include "time/time_zone.h"
 
 #include "support/clock.h"
+#include "support/files.h"
 #include "support/fixture.h"
 #include "support/matchers.h"
 #include "support/private_machine.h"
@@ -222,6 +224,133 @@ TEST_F(TimeZoneTest, hostile_files) {
         EXPECT_EQ(zone.DaylightDate.wMonth, c.month) << c.what;
         EXPECT_EQ(zone.Reserved, c.result == -1 ? 0xAAAAAAAAU : 0U) << c.what;
     }
+}
+
+// A slim file: its first block is empty. Type 0 is standard time, an hour east; type 1 daylight-saving time, two.
+std::string slimFile(const std::vector<int64_t> &times, const std::string &indexes, const std::string &rule) {
+    const auto header = [](uint32_t transitions, uint32_t types, uint32_t characters) {
+        return "TZif2" + std::string(27, '\0') + ZoneBuilder::word(transitions) + ZoneBuilder::word(types) +
+               ZoneBuilder::word(characters);
+    };
+    std::string out =
+        header(0, 1, 1) + std::string(7, '\0') + header(static_cast<uint32_t>(times.size()), 2, 4);
+    for (const int64_t time : times) {
+        out += ZoneBuilder::word(static_cast<uint32_t>(time >> 32)) +
+               ZoneBuilder::word(static_cast<uint32_t>(time));
+    }
+    ZoneBuilder types;
+    types.setOffsets(3600, 7200);
+    return out + indexes + types.records + "abc" + std::string(1, '\0') + "\n" + rule + "\n";
+}
+
+// The dates of a record, in the order of the record.
+std::string datesOf(const TIME_ZONE_INFORMATION &zone) {
+    std::string text;
+    for (const auto &[date, bias] :
+         {std::pair(zone.StandardDate, zone.StandardBias), std::pair(zone.DaylightDate, zone.DaylightBias)}) {
+        char part[80];
+        snprintf(part, sizeof part, "%02d-%02d %02d:%02d:%02d %d ", date.wMonth, date.wDay, date.wHour,
+                 date.wMinute, date.wSecond, bias);
+        text += date.wYear == 0 ? "none " : part;
+    }
+    return text;
+}
+
+// The process's zone is UTC, so that dates are the instants themselves.
+TEST_F(TimeZoneTest, slim_files) {
+    const int64_t spring = 1774746000;  // 2026-03-29 01:00
+    const int64_t autumn = 1792890000;  // 2026-10-25 01:00
+    const char *const paris = "CET-1CEST,M3.5.0,M10.5.0/3";
+    const struct {
+        time_t now;
+        std::string file;
+        LONG result;
+        const char *dates;
+    } cases[] = {
+        {kNow, slimFile({-5000000000, spring, autumn, 5000000000}, {"\0\1\0\1", 4}, ""), 1,
+         "10-25 01:00:00 -60 03-29 01:00:00 -120 "},
+        {kNow, slimFile({spring - 86400}, "\1", paris), 1, "10-25 01:00:00 -60 03-28 01:00:00 -120 "},
+        // At the last instant of the list only the rule takes over.
+        {kNow, slimFile({spring - 86400, spring - 3600}, "\1\1", paris), 1,
+         "10-25 01:00:00 -60 03-28 01:00:00 -120 "},
+        {kNow, slimFile({autumn}, std::string(1, '\0'), paris), 1, "none none "},
+        {kNow, slimFile({}, "", paris), 1, "10-25 01:00:00 -60 03-29 01:00:00 -120 "},
+        {kNow, slimFile({}, "", "IST-1GMT0,M10.5.0,M3.5.0/1"), 1, "03-29 01:00:00 -60 10-25 01:00:00 0 "},
+        {kNow, slimFile({}, "", "<-02>2<-01>,M3.5.0/-1,M10.5.0/0"), 1,
+         "10-25 01:00:00 120 03-29 01:00:00 60 "},
+        {kNow, slimFile({}, "", "<+0330>-3:30<+0430>,J79/24,J263/24"), 1,
+         "09-20 19:30:00 -210 03-20 20:30:00 -270 "},
+        {kNow, slimFile({}, "", "A+0:00:30B,59,J60/-24:30:30"), 1, "02-27 22:30:00 0 03-01 02:00:30 -59 "},
+        {kNow, slimFile({}, "", "A0B,M1.1.4/0,M2.5.6/167"), 1, "03-06 22:00:00 0 01-01 00:00:00 -60 "},
+        {kNow, slimFile({}, "", "A0B,M1.1.3,M12.4.4"), 1, "12-24 01:00:00 0 01-07 02:00:00 -60 "},
+        {1858004476, slimFile({}, "", "A0B,J60,J70"), 1, "03-11 01:00:00 0 03-01 02:00:00 -60 "},  // 2028
+        {-290000000, slimFile({}, "", "A0B,M3.1.1,M10.5.0"), 1,
+         "10-30 01:00:00 0 03-07 02:00:00 -60 "},                           // 1960
+        {kNow, slimFile({}, "", "XXX3EDT4,0/0,J365/23"), 0, "none none "},  // daylight-saving time all year
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file.substr(c.file.rfind('\n', c.file.size() - 2) + 1));
+        TIME_ZONE_INFORMATION zone;
+        EXPECT_EQ(readBytes(c.file, c.now, &zone), c.result);
+        EXPECT_EQ(datesOf(zone), c.dates);
+        for (size_t length = 44; length < c.file.size(); ++length) {
+            EXPECT_NE(readBytes(c.file.substr(0, length), kNow, &zone), TIME_ZONE_ID_INVALID) << length;
+        }
+    }
+    for (const char *wrong : {"",
+                              "UTC0",
+                              "CET-1CEST",
+                              "CET-1CEST,M3.5.0",
+                              "CET-1CEST,M3.5.0,M10.5.0x",
+                              "CET-1CEST;M3.5.0,M10.5.0",
+                              "CET-1CEST,M13.5.0,M10.5.0",
+                              "CET-1CEST,M0.5.0,M10.5.0",
+                              "CET-1CEST,M3.6.0,M10.5.0",
+                              "CET-1CEST,M3.0.0,M10.5.0",
+                              "CET-1CEST,M3.5.7,M10.5.0",
+                              "CET-1CEST,J0,M10.5.0",
+                              "CET-1CEST,J366,M10.5.0",
+                              "CET-1CEST,366,M10.5.0",
+                              "CET-1CEST,M3.5.0/168,M10.5.0",
+                              "CET-1:60CEST,M3.5.0,M10.5.0",
+                              "CET-25CEST,M3.5.0,M10.5.0",
+                              "CETCEST,M3.5.0,M10.5.0",
+                              "-1CEST,M3.5.0,M10.5.0",
+                              "<CET-1CEST,M3.5.0,M10.5.0"}) {
+        TIME_ZONE_INFORMATION zone;
+        EXPECT_EQ(readBytes(slimFile({}, "", wrong), kNow, &zone), TIME_ZONE_ID_UNKNOWN) << wrong;
+    }
+}
+
+TEST_F(TimeZoneTest, slim_files_give_what_full_ones_give) {
+    constexpr char kSource[] = "/usr/share/zoneinfo/tzdata.zi";
+    const std::string directory = freshDirectory();
+    for (const char *form : {"fat", "slim"}) {
+        const std::string command =
+            std::string("zic -b ") + form + " -d " + directory + "/" + form + " " + kSource;
+        if (access(kSource, R_OK) != 0 || system((command + " 2>/dev/null").c_str()) != 0) {
+            GTEST_SKIP() << "no " << kSource << ", or no zic that knows both forms";
+        }
+    }
+    int compared = 0;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(directory + "/fat")) {
+        if (!entry.is_regular_file()) {
+            continue;
+        }
+        const std::string full = entry.path();
+        const std::string slim = directory + "/slim" + full.substr(directory.size() + 4);
+        linkZone(full);
+        for (const int year : {1945, 1976, 1997, 2012, 2016, 2023, 2026, 2037}) {
+            const time_t now = (year - 1970) * time_t{31556952} + 15000000;
+            TIME_ZONE_INFORMATION expected;
+            TIME_ZONE_INFORMATION zone;
+            ASSERT_EQ(readBytes(readFile(slim), now, &zone), readBytes(readFile(full), now, &expected))
+                << full << year;
+            ASSERT_EQ(memcmp(&zone, &expected, sizeof zone), 0) << full << year;
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 2000);
 }
 
 TEST_F(TimeZoneTest, biases_are_truncated_toward_zero) {
