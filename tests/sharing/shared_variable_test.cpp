@@ -97,11 +97,11 @@ TEST_F(SharedVariableTest, failing_calls) {
         EXPECT_TRUE(vllSharedVarDeallocate(make(4), SHVAR_OPEN)) << error;
     }
     char buffer[4] = {};
-    for (const auto &[nth, error, result] :
-         {std::tuple(1, ENOLCK, 0), std::tuple(2, ENOLCK, -1), std::tuple(1, EINTR, 1)}) {
+    for (const auto &[nth, error, result, last_error] :
+         {std::tuple(1, ENOLCK, 0, ENOLCK), std::tuple(2, ENOLCK, -1, ENOLCK), std::tuple(1, EINTR, 1, 0)}) {
         const FailCall fail("fcntl64", nth, error);
         EXPECT_THAT(vllSharedVarManipulate(buffer, variable, SHVAR_WRITE),
-                    Yields(testing::Eq(result), error));
+                    Yields(testing::Eq(result), last_error));
     }
     {
         const FailCall fail("shm_unlink", 1, EACCES);
