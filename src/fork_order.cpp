@@ -5,6 +5,7 @@
 // Like the table of types, this file includes headers of every folder, and no other file refers to it.
 
 #include <pthread.h>
+#include <iterator>
 
 #include "base/failure.h"
 #include "base/fork_handlers.h"
@@ -32,7 +33,7 @@ constexpr const ForkHandlers *kHandlers[] = {
     &kConfigCopyForkHandlers,
     &kHandleTableForkHandlers,
 };
-constexpr size_t kCount = sizeof kHandlers / sizeof *kHandlers;
+constexpr size_t kCount = std::size(kHandlers);
 
 void run(void (*handler)()) {
     if (handler != nullptr) {

@@ -204,7 +204,7 @@ BOOL vlliMapSyslogFiles(int *changed) {
 // The first byte never counts, whatever it is.
 void LogFile::countLines() {
     const char *const data = mapping().pData;
-    const size_t size = mapping().nSize;
+    const size_t size = data != nullptr ? mapping().nSize : 0;
     uint32_t lines = 0;
     size_t at = data != nullptr ? 1 : 0;
     while (at + kStride <= size) {

@@ -86,7 +86,9 @@ SharedVar *vllSharedVarInit(const char *name, DWORD size, int32_t mode) {
     if (name == nullptr || (mode != SHVAR_CREATE && mode != SHVAR_OPEN)) {
         return Fail(EINVAL);
     }
-    NewVariable made = {vlliAllocate<SharedVar>(), vlliCopyString(name), Fd()};
+    NewVariable made;
+    made.variable = vlliAllocate<SharedVar>();
+    made.name = vlliCopyString(name);
     if (made.variable == nullptr || made.name == nullptr) {
         return nullptr;
     }

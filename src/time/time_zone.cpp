@@ -50,8 +50,8 @@ bool readAt(int fd, off_t offset, void *data, size_t size) {
 }
 
 int64_t bigEndian(const uint8_t *bytes, size_t size) {
-    int64_t value = static_cast<int8_t>(bytes[0]);
-    for (size_t i = 1; i < size; ++i) {
+    int64_t value = bytes[0] < 0x80 ? 0 : -1;
+    for (size_t i = 0; i < size; ++i) {
         value = value * 256 + bytes[i];
     }
     return value;
@@ -179,8 +179,9 @@ bool readTransition(const ZoneBlock &block, uint32_t index, ZoneChange *change, 
 void addRuleChanges(const ZoneRule &rule, ZoneChange last, Year *year) {
     // The file's zone may be another than the process's, and end its years at another time.
     ZoneChange changes[6];
-    for (int i = 0; i < 3; ++i) {
-        vlliGetRuleChanges(rule, year->local_year + 1900 - 1 + i, changes + 2 * i);
+    ZoneChange *next = changes;
+    for (int i = -1; i <= 1; ++i, next += 2) {
+        vlliGetRuleChanges(rule, year->local_year + 1900 + i, next);
     }
     std::sort(std::begin(changes), std::end(changes),
               [](const ZoneChange &a, const ZoneChange &b) { return a.instant < b.instant; });

@@ -404,7 +404,7 @@ TEST_F(ModemLinesTest, data_and_lines_together) {
 }
 
 TEST_F(ModemLinesTest, stopped_while_the_watcher_waits_for_a_line) {
-    for (const DWORD after_ms : {0, 100, 700}) {  // the watcher reads the counters first, and blocks later
+    for (const DWORD after_ms : {0U, 100U, 700U}) {  // the watcher reads the counters first, and blocks later
         watchAndArm(EV_CTS | EV_RING);
         EXPECT_EQ(next(after_ms), 0U);
         stopAndRaise();

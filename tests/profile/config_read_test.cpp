@@ -204,7 +204,7 @@ TEST_F(ConfigReadTest, long_lines) {
         EXPECT_EQ(valueOf("S", "x"), length == 4097 ? "" : "(none)") << length;
     }
     // An entry and a header where the pieces begin.
-    put("[S]\n" + string(4095, ';') + "second=2\n" + string(2 * 4095, ';') + "[T]\nt=3\n" +
+    put("[S]\n" + string(4095, ';') + "second=2\n" + string(size_t{2} * 4095, ';') + "[T]\nt=3\n" +
         string(4095, '#') + "u=4");
     EXPECT_EQ(valueOf("S", "second"), "2");
     EXPECT_EQ(valueOf("T", "t"), "3");
