@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "base/text.h"
 #include "check.h"
 #include "profile/config.h"
 #include "vwincompat/profile.h"
