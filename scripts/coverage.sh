@@ -18,7 +18,7 @@ while [ $# -gt 0 ]; do
     esac
     shift
 done
-vll_need_packages cmake ninja-build g++ pkg-config libgtest-dev
+vll_need_packages cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev
 
 objects=build/coverage/src/CMakeFiles/vwincompat_objects.dir
 log=$(mktemp)

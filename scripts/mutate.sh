@@ -21,5 +21,5 @@ cd "$(dirname "$0")/.."
 case " $* " in
     *" -h "* | *" --help "*) sed -n '2,17s/^# \{0,1\}//p' "$0"; exit 0 ;;
 esac
-vll_need_packages python3 cmake ninja-build g++ lld binutils pkg-config libgtest-dev iproute2 || exit 2
+vll_need_packages python3 cmake ninja-build g++ lld binutils pkg-config libgtest-dev libgmock-dev iproute2 || exit 2
 exec python3 -B scripts/lib/mutate.py "$@"
