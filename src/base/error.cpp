@@ -18,10 +18,9 @@ using ErrorText = std::array<char, 128>;
 void fillErrorText(int error, ErrorText *text) {
     // The GNU form of strerror_r() may return a static text instead of filling the buffer.
     const KeepErrno keep_errno;
-    text->fill('\0');
     const char *system_text = strerror_r(error, text->data(), text->size());
     if (system_text != text->data()) {
-        strncpy(text->data(), system_text, text->size() - 1);
+        snprintf(text->data(), text->size(), "%s", system_text);
     }
 }
 
