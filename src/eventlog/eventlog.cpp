@@ -140,6 +140,7 @@ BOOL vllCloseEventLog(void *hEventLog) {
 }
 
 BOOL vllClearEventLog(void * /*hEventLog*/, LPCSTR /*lpBackupFileName*/) {
+    const KeepErrno keep_errno;
     const LogLock lock;
     char path[kSyslogPathSize];
     vlliGetSyslogPath(0, path);

@@ -161,9 +161,14 @@ void LogFile::dropChanged(int *changed) {
 BOOL LogFile::refresh(int *changed) {
     Fd fd;
     struct stat status;
+    const int last_error = errno;
     if (!openFile(entry_, &fd, &status)) {
         dropChanged(changed);
-        return errno == ENOENT;
+        if (errno != ENOENT) {
+            return FALSE;
+        }
+        errno = last_error;  // a file that is not there is an empty log
+        return TRUE;
     }
     if (mapping().pData != nullptr && settled_ && isSameFileState(status, status_)) {
         return TRUE;

@@ -55,6 +55,7 @@ class Words {
 
 // The name of the user that the process runs as, or null.
 const char *currentUser(passwd *entry, AccountText *text) {
+    const KeepErrno keep_errno;
     passwd *found = nullptr;
     vlliLookUpAccount(
         text, [&](char *buffer, size_t size) { return getpwuid_r(getuid(), entry, buffer, size, &found); });
