@@ -11,6 +11,7 @@
 #include "base/fork_handlers.h"
 #include "core/internal_async.h"
 #include "core/objmem.h"
+#include "eventlog/eventlog.h"
 #include "net/commport.h"
 #include "net/wsasockets.h"
 #include "process/memory_probe.h"
@@ -31,6 +32,7 @@ constexpr const ForkHandlers *kHandlers[] = {
     &kThreadForkHandlers,
     &kProbeForkHandlers,
     &kConfigCopyForkHandlers,
+    &kEventLogForkHandlers,
     &kHandleTableForkHandlers,
 };
 constexpr size_t kCount = std::size(kHandlers);

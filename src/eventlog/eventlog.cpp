@@ -9,6 +9,7 @@
 #include "base/allocate.h"
 #include "base/failure.h"
 #include "base/guards.h"
+#include "eventlog/eventlog.h"
 #include "eventlog/eventlog_lines.h"
 
 pthread_mutex_t syslogMutex = PTHREAD_MUTEX_INITIALIZER;
@@ -111,7 +112,17 @@ int32_t firstRecord(const EventLogHandle &handle, DWORD flags, DWORD offset) {
     return (flags & EVENTLOG_FORWARDS_READ) != 0 ? 1 : static_cast<int32_t>(nSyslogRecordsTotal);
 }
 
+void lockForFork() {
+    pthread_mutex_lock(&syslogMutex);
+}
+
+void unlockAfterFork() {
+    pthread_mutex_unlock(&syslogMutex);
+}
+
 }  // namespace
+
+const ForkHandlers kEventLogForkHandlers = {lockForFork, unlockAfterFork, unlockAfterFork};
 
 void *vllOpenEventLog(LPCSTR /*lpUNCServerName*/, LPCSTR /*lpSourceName*/) {
     EventLogHandle *const handle = vlliAllocate<EventLogHandle>().release();

@@ -207,4 +207,23 @@ TEST_F(EventLogTest, no_operation_is_a_cancellation_point) {
     EXPECT_TRUE(reached);
 }
 
+// A child finds the log in order, also when another thread was in the middle of a count.
+TEST_F(EventLogTest, forked_while_other_threads_count) {
+    SKIP_UNLESS_FORKS_BESIDE_BUSY_THREADS();
+    put(kCurrent, numberedLines(5000));
+    openLog();
+    std::atomic<bool> done{false};
+    std::thread counter([&] {
+        while (!done) {
+            utimensat(AT_FDCWD, kCurrent, nullptr, 0);  // so that the next count compares the file
+            count();
+        }
+    });
+    for (int i = 0; i < 50; ++i) {
+        expectInChild([] { return count() == 5000 ? 0 : 1; });
+    }
+    done = true;
+    counter.join();
+}
+
 }  // namespace
