@@ -305,14 +305,14 @@ VLL_API BOOL vllSetLocalTime(const SYSTEMTIME *lpSystemTime);
  * tzset(3). Nothing is undone when a step fails.
  *
  * It runs /bin/mount, /bin/ln and /sbin/hwclock, without a shell, and blocks until each has ended. A command
- * that fails by its exit status leaves the last error unspecified.
+ * that fails by its exit status leaves the last error unspecified. Where the status cannot be read, since
+ * the process ignores SIGCHLD, a command counts as successful.
  *
  * @param lpTimeZoneInformation  TimeZoneKeyName alone counts: letters, digits and "/_-+"; not null.
  * @return  TRUE, or FALSE.
  * @error EINVAL  the name is empty, has no NUL in it, or has another character in it. Nothing was changed.
  * @error ENOENT  there is no such zone: nothing was changed. Or one of the programs does not exist.
  * @error EISDIR  the name is that of a directory of zones. Nothing was changed.
- * @error ECHILD  the process ignores SIGCHLD, so that the outcome of the first command is unknown.
  * @error EAGAIN, ENOMEM  a process cannot be made.
  * @error others  as access(2), stat(2) and posix_spawn(3) give them.
  * @cancel  Not a cancellation point.

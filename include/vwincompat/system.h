@@ -33,14 +33,14 @@ extern "C" {
  * Switches the machine off at once with reboot(2) and RB_POWER_OFF, or reboots it by running /sbin/reboot
  * in a shell, as system(3) does, for which it waits. Both take the privilege to do so.
  *
- * When it switches off, nothing is stopped or written back first: call sync(2) before.
+ * When it switches off, nothing is stopped or written back first: call sync(2) before. Where the outcome of
+ * /sbin/reboot cannot be read, since the process ignores SIGCHLD, the reboot counts as started.
  *
  * @param uFlags  0 switches off; any other value reboots.
  * @return  TRUE when the action was started, or FALSE.
  * @error EPERM  the caller is not privileged to switch off (CAP_SYS_BOOT).
  * @error ENOENT  /sbin/reboot cannot be run.
  * @error EIO  /sbin/reboot failed.
- * @error ECHILD  the process ignores SIGCHLD, so that the outcome of /sbin/reboot is unknown.
  * @error others  as reboot(2), clone(2) and, for the shell, execve(2) give them.
  * @cancel  A cancellation point while it waits for /sbin/reboot: the shell that runs it is killed. Otherwise
  *          it is not a cancellation point.

@@ -358,9 +358,14 @@ bool vlliRunProgram(std::initializer_list<const char *> arguments, int *status) 
     if (!vlliPlanCommand(&plan, arguments) || !vlliStartProgram(plan, blocked.before(), &child)) {
         return false;
     }
+    const int last_error = errno;
     WatchedChild watched(child.pid, SIGKILL);
     if (!watched.wait(status)) {
-        return false;
+        if (errno != ECHILD) {
+            return false;
+        }
+        errno = last_error;
+        *status = 0;
     }
     return child.failed_call == nullptr || vlliSucceeded(child.error);
 }

@@ -64,7 +64,7 @@ struct StartedChild {
 bool vlliStartProgram(const ChildPlan &plan, const sigset_t &signals, StartedChild *child);
 
 // Runs a program and waits for its end: true with the status as waitpid(2) reports it, or false with errno when it could
-// not be run. A cancellation point while it waits; when the thread is cancelled there the program is killed.
+// not be run. The status is 0 when it cannot be read: the process ignores SIGCHLD, or another thread has reaped the child. A cancellation point while it waits; when the thread is cancelled there the program is killed.
 bool vlliRunProgram(std::initializer_list<const char *> arguments, int *status);
 
 // Runs a program, reads the first line of its output, at most size - 1 bytes, and waits for its end: true with

@@ -20,6 +20,7 @@
 #include "support/matchers.h"
 #include "support/private_machine.h"
 #include "support/shown_process.h"
+#include "support/threads.h"
 #include "vwincompat/system.h"
 
 namespace {
@@ -88,6 +89,12 @@ TEST_F(PowerTest, reboot) {
             row.status, [&] { EXPECT_THAT(vllExitWindowsEx(row.flags), Yields(row.error == 0, row.error)); });
         EXPECT_EQ(run, row.status >= 0 ? "reboot|" : "");
     }
+    EXPECT_EQ(withStandIns(0,
+                           [] {
+                               const SignalHandler ignored(SIGCHLD, SIG_IGN);
+                               EXPECT_THAT(vllExitWindowsEx(1), Yields(TRUE, 0));
+                           }),
+              "reboot|");
     const FailCall fail("clone", 1, EAGAIN);
     EXPECT_THAT(vllExitWindowsEx(1), FailsWith(EAGAIN));
 }
